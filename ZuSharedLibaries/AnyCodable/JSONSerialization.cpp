@@ -1,0 +1,183 @@
+#include "AnyCodable/JSONSerialization.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace zu {
+namespace {
+
+// Written documents keep the dictionaries' key order; parsed ones use the sorted map, whose inserts stay
+// cheap however many keys a hostile document holds.
+using Json = nlohmann::ordered_json;
+using ParsedJson = nlohmann::json;
+
+constexpr long kReadCorruptCode = 3840;
+constexpr long kInvalidValueCode = 4866;
+
+Error readError(const std::string& debugDescription) {
+  return Error(std::string(Error::cocoaDomain), kReadCorruptCode,
+               {{std::string(Error::debugDescriptionKey), debugDescription}});
+}
+
+// Builds a JSON document from the values `AnyCodable::encode` hands over.
+class JsonWriter final : public SingleValueEncoder {
+ public:
+  Json& document() { return document_; }
+  const std::optional<std::string>& failure() const { return failure_; }
+
+  void encodeNil() override { put(nullptr); }
+  void encode(bool value) override { put(value); }
+  void encode(std::int64_t value) override { put(value); }
+  void encode(std::uint64_t value) override { put(value); }
+  void encode(float value) override {
+    // Through the float's shortest text, so 1.1f is written as 1.1 and not as 1.100000023841858.
+    char buffer[32];
+    const auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+    encode(std::strtod(std::string(buffer, end).c_str(), nullptr));
+  }
+  void encode(double value) override {
+    if (!std::isfinite(value)) failure_ = "Unable to encode Double." + std::string(std::isnan(value) ? "nan" : "infinity") + " directly in JSON.";
+    put(value);
+  }
+  void encode(const std::string& value) override { put(value); }
+  void encode(Date value) override { put(value.timeIntervalSinceReferenceDate()); }
+  void encode(const URL& value) override { put(value.absoluteString()); }
+  void beginArray() override { open(Json::array()); }
+  void beginDictionary() override { open(Json::object()); }
+  void encodeKey(const std::string& key) override { pendingKey_ = key; }
+  void endContainer() override { open_.pop_back(); }
+
+ private:
+  Json& put(Json value) {
+    if (open_.empty()) return document_ = std::move(value);
+    Json& container = *open_.back();
+    if (container.is_array()) {
+      container.push_back(std::move(value));
+      return container.back();
+    }
+    return container[pendingKey_] = std::move(value);
+  }
+  void open(Json container) { open_.push_back(&put(std::move(container))); }
+
+  Json document_;
+  std::vector<Json*> open_;
+  std::string pendingKey_;
+  std::optional<std::string> failure_;
+};
+
+// Answers `AnyCodable::decode`'s questions about one node of a parsed document.
+class JsonReader final : public SingleValueDecoder {
+ public:
+  JsonReader(const ParsedJson& node, std::vector<std::string> path) : node_(node), path_(std::move(path)) {}
+
+  std::vector<std::string> codingPath() const override { return path_; }
+  bool decodeNil() const override { return node_.is_null(); }
+  std::optional<bool> decodeBool() const override {
+    if (!node_.is_boolean()) return std::nullopt;
+    return node_.get<bool>();
+  }
+  std::optional<std::int64_t> decodeInt() const override {
+    if (node_.is_number_integer() && !node_.is_number_unsigned()) return node_.get<std::int64_t>();
+    if (node_.is_number_unsigned() && node_.get<std::uint64_t>() <= std::uint64_t(INT64_MAX)) {
+      return static_cast<std::int64_t>(node_.get<std::uint64_t>());
+    }
+    if (node_.is_number_float() && isWhole(-0x1p63, 0x1p63)) return static_cast<std::int64_t>(node_.get<double>());
+    return std::nullopt;
+  }
+  std::optional<std::uint64_t> decodeUInt() const override {
+    if (node_.is_number_unsigned()) return node_.get<std::uint64_t>();
+    if (node_.is_number_float() && isWhole(0, 0x1p64)) return static_cast<std::uint64_t>(node_.get<double>());
+    return std::nullopt;
+  }
+  std::optional<double> decodeDouble() const override {
+    if (!node_.is_number()) return std::nullopt;
+    return node_.get<double>();
+  }
+  std::optional<std::string> decodeString() const override {
+    if (!node_.is_string()) return std::nullopt;
+    return node_.get<std::string>();
+  }
+  std::optional<Elements> decodeArray() const override {
+    if (!node_.is_array()) return std::nullopt;
+    Elements elements;
+    elements.reserve(node_.size());
+    for (std::size_t i = 0; i < node_.size(); ++i) {
+      elements.push_back(child(node_[i], "Index " + std::to_string(i)));
+    }
+    return elements;
+  }
+  std::optional<Members> decodeDictionary() const override {
+    if (!node_.is_object()) return std::nullopt;
+    Members members;
+    members.reserve(node_.size());
+    for (const auto& [key, value] : node_.items()) members.emplace_back(key, child(value, key));
+    return members;
+  }
+
+ private:
+  bool isWhole(double lowest, double beyondHighest) const {
+    const double value = node_.get<double>();
+    return std::trunc(value) == value && value >= lowest && value < beyondHighest;
+  }
+  std::unique_ptr<SingleValueDecoder> child(const ParsedJson& node, std::string key) const {
+    auto path = path_;
+    path.push_back(std::move(key));
+    return std::make_unique<JsonReader>(node, std::move(path));
+  }
+
+  const ParsedJson& node_;
+  std::vector<std::string> path_;
+};
+
+bool isNestedTooDeeply(const Data& data) {
+  int depth = 0;
+  bool inString = false;
+  bool escaped = false;
+  for (auto byte : data) {
+    if (inString) {
+      if (escaped) escaped = false;
+      else if (byte == '\\') escaped = true;
+      else if (byte == '"') inString = false;
+    } else if (byte == '"') {
+      inString = true;
+    } else if (byte == '[' || byte == '{') {
+      if (++depth > JSONSerialization::maximumDepth) return true;
+    } else if (byte == ']' || byte == '}') {
+      --depth;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+Result<Data> JSONSerialization::data(const AnyCodable& object) {
+  JsonWriter writer;
+  if (auto encoded = object.encode(writer); !encoded) return encoded.error();
+  if (writer.failure()) {
+    return Error(std::string(Error::cocoaDomain), kInvalidValueCode,
+                 {{std::string(Error::debugDescriptionKey), *writer.failure()}});
+  }
+  const std::string text = writer.document().dump(-1, ' ', false, Json::error_handler_t::replace);
+  return Data(text.begin(), text.end());
+}
+
+Result<AnyCodable> JSONSerialization::jsonObject(const Data& data) {
+  if (isNestedTooDeeply(data)) {
+    return readError("JSON nested deeper than " + std::to_string(maximumDepth) + " levels");
+  }
+  ParsedJson document;
+  try {
+    document = ParsedJson::parse(data.begin(), data.end());
+  } catch (const ParsedJson::exception& error) {
+    return readError(error.what());
+  }
+  return AnyCodable::decode(JsonReader(document, {}));
+}
+
+}  // namespace zu

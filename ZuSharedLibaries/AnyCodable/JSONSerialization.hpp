@@ -1,0 +1,30 @@
+#pragma once
+
+#include "AnyCodable/AnyCodable.hpp"
+#include "ZuFoundation/Data.hpp"
+
+namespace zu {
+
+/**
+ * JSON text to and from `AnyCodable`, the counterpart of the platform's `JSONSerialization`.
+ *
+ * Writing follows `AnyCodable::encode`: dictionaries keep their key order, a Date is written as its seconds
+ * since the reference date, a URL as its text. Reading follows `AnyCodable::decode`: a number that is whole
+ * and fits a signed 64-bit integer is an Int, a larger whole one a UInt, any other a Double. A top-level
+ * scalar is a valid document.
+ */
+class JSONSerialization {
+ public:
+  /// Nesting deeper than this is rejected on reading, so hostile documents cannot exhaust the stack.
+  static constexpr int maximumDepth = 512;
+
+  /// The JSON text of `object`; fails as `AnyCodable::encode` does, and for a non-finite number.
+  static Result<Data> data(const AnyCodable& object);
+  /**
+   * The value of a JSON text. Text that is not JSON (or not UTF-8, or nested too deeply) fails with domain
+   * "NSCocoaErrorDomain", code 3840, "The data couldn’t be read because it isn’t in the correct format."
+   */
+  static Result<AnyCodable> jsonObject(const Data& data);
+};
+
+}  // namespace zu

@@ -1,0 +1,136 @@
+#include "ZuFileManager/ZuFileManager.hpp"
+
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <vector>
+
+#include "ZuFileManager/detail/FileDescriptor.hpp"
+#include "ZuFoundation/FatalError.hpp"
+
+namespace zu {
+namespace {
+
+using detail::FileDescriptor;
+
+std::mutex gOverrideMutex;
+std::optional<std::string> gApplicationDataOverride;
+
+std::string defaultApplicationDataDirectory() {
+  const char* xdgDataHome = std::getenv("XDG_DATA_HOME");
+  std::string base;
+  if (xdgDataHome && xdgDataHome[0] == '/') {
+    base = xdgDataHome;
+  } else {
+    const char* home = std::getenv("HOME");
+    base = std::string(home ? home : "") + "/.local/share";
+  }
+  return base + "/" + program_invocation_short_name;
+}
+
+// Creates `path` with its parents unless something is there already; stops the program when it cannot.
+void ensureDirectory(const std::string& path) {
+  std::error_code error;
+  if (std::filesystem::exists(path, error)) return;
+  std::filesystem::create_directories(path, error);
+  if (error) fatalError("Cannot create the folder " + path + ": " + error.message());
+}
+
+std::optional<Error> syncDirectory(const std::string& path) {
+  const auto directory = FileDescriptor::open(path, O_RDONLY | O_DIRECTORY);
+  if (!directory || ::fsync(directory.get()) != 0) return Error::posix(errno);
+  return std::nullopt;
+}
+
+std::optional<Error> copyAll(int from, int to) {
+  std::vector<char> buffer(1 << 20);
+  while (true) {
+    const ssize_t count = ::read(from, buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return Error::posix(errno);
+    if (count == 0) return std::nullopt;
+    for (ssize_t written = 0; written < count;) {
+      const ssize_t step = ::write(to, buffer.data() + written, static_cast<std::size_t>(count - written));
+      if (step < 0 && errno == EINTR) continue;
+      if (step < 0) return Error::posix(errno);
+      written += step;
+    }
+  }
+}
+
+// The cross-file-system move: a flushed copy renamed into place, then the source removed.
+std::optional<Error> copyIntoPlace(const std::string& from, const std::string& to, const std::string& folder) {
+  const auto source = FileDescriptor::open(from, O_RDONLY);
+  if (!source) return Error::posix(errno);
+  std::string temporary = folder + "/.moving.XXXXXX";
+  const FileDescriptor target(::mkostemp(temporary.data(), O_CLOEXEC));
+  if (!target) return Error::posix(errno);
+  std::optional<Error> error = copyAll(source.get(), target.get());
+  if (!error && ::fsync(target.get()) != 0) error = Error::posix(errno);
+  if (!error && ::rename(temporary.c_str(), to.c_str()) != 0) error = Error::posix(errno);
+  if (error) {
+    ::unlink(temporary.c_str());
+    return error;
+  }
+  ::unlink(from.c_str());
+  return std::nullopt;
+}
+
+std::optional<Error> move(const std::string& from, const std::string& to) {
+  const std::string folder = std::filesystem::path(to).parent_path().string();
+  const auto lock = FileDescriptor::open(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
+  if (!lock) return Error::posix(errno);
+  ::flock(lock.get(), LOCK_EX);  // released when `lock` closes
+  std::optional<Error> error;
+  if (::rename(from.c_str(), to.c_str()) != 0) {
+    error = errno == EXDEV ? copyIntoPlace(from, to, folder) : Error::posix(errno);
+  }
+  return error ? error : syncDirectory(folder);
+}
+
+}  // namespace
+
+void ZuFileManager::setApplicationDataDirectory(std::optional<std::string> path) {
+  std::lock_guard lock(gOverrideMutex);
+  gApplicationDataOverride = std::move(path);
+}
+
+std::string ZuFileManager::applicationDataDirectory() {
+  std::lock_guard lock(gOverrideMutex);
+  return gApplicationDataOverride.value_or(defaultApplicationDataDirectory());
+}
+
+URL ZuFileManager::documentsDirectory() {
+  const std::string path = applicationDataDirectory() + "/Documents";
+  ensureDirectory(path);
+  return URL::fileURLWithPath(path, true);
+}
+
+URL ZuFileManager::documentsSubdirectory(std::string_view name) {
+  if (!isPlainPathComponent(name)) fatalError("Not a folder name: " + std::string(name));
+  const URL folder = documentsDirectory().appendingPathComponent(name, true);
+  ensureDirectory(folder.path());
+  return folder;
+}
+
+bool ZuFileManager::isPlainPathComponent(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
+         name.find('\0') == std::string_view::npos;
+}
+
+bool ZuFileManager::fileExists(const URL& url) {
+  struct stat status {};
+  return ::stat(url.path().c_str(), &status) == 0;
+}
+
+void ZuFileManager::moveFile(const URL& fromURL, const URL& to, const MoveCompletion& completion) {
+  ::unlink(to.path().c_str());  // a destination that cannot be removed makes the move below fail
+  const std::optional<Error> error = move(fromURL.path(), to.path());
+  completion(!error, error);
+}
+
+}  // namespace zu

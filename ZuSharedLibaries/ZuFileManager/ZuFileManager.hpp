@@ -1,0 +1,56 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ZuFoundation/Error.hpp"
+#include "ZuFoundation/URL.hpp"
+
+namespace zu {
+
+/**
+ * Where the application keeps its files, and the one file operation the SDK needs: moving a file into place.
+ *
+ * The application data folder is the host's choice when it sets one, else
+ * `$XDG_DATA_HOME/<program name>` (`~/.local/share/<program name>` when XDG_DATA_HOME is unset). The
+ * documents directory is its "Documents" folder.
+ *
+ * @par Thread Safety
+ * All operations may be called from any thread.
+ */
+class ZuFileManager {
+ public:
+  /// Receives whether the move succeeded and, when it did not, why.
+  using MoveCompletion = std::function<void(bool success, std::optional<Error> error)>;
+
+  /// Makes `path` the application data folder (an empty optional restores the default).
+  static void setApplicationDataDirectory(std::optional<std::string> path);
+  /// The application data folder's path; it is not created here.
+  static std::string applicationDataDirectory();
+  /// The documents directory, created when missing; the program stops when it cannot be made.
+  static URL documentsDirectory();
+  /**
+   * The folder `name` (one path component) in the documents directory, checked on every call and re-created
+   * (with its parents) when it has gone; the program stops when it cannot be made.
+   */
+  static URL documentsSubdirectory(std::string_view name);
+
+  /// Whether `name` can stand as one file name inside a folder: not empty, not "." or "..", no "/" or NUL.
+  static bool isPlainPathComponent(std::string_view name);
+  /// Whether something exists at the URL's path.
+  static bool fileExists(const URL& url);
+
+  /**
+   * Moves the file at `fromURL` to `to`, replacing whatever is there. Within one file system the move is a
+   * rename; across file systems the file is copied to a temporary file beside the destination, flushed to
+   * disk and renamed into place, then the source is removed. The destination's folder is locked for the
+   * move. When the move fails the source stays where it was.
+   *
+   * `completion` is called exactly once, on the calling thread, before `moveFile` returns.
+   */
+  static void moveFile(const URL& fromURL, const URL& to, const MoveCompletion& completion);
+};
+
+}  // namespace zu
