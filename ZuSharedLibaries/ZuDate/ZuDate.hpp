@@ -30,9 +30,15 @@ struct RawValueRange<DateFormatterStyle> {
 /// The pattern of a style (see `DateFormatterStyle`).
 std::string_view pattern(DateFormatterStyle style);
 
-// Dates as text, always in GMT with the en_GB locale's English month and weekday names, so the texts do not
-// depend on the device's time zone or language. Parsing is strict: the whole text must match the pattern,
-// literals included. Every operation may be called from any thread.
+// Dates as text, always in GMT with the en_GB locale's English month and weekday names ("Sept" for
+// September), so the texts do not depend on the device's time zone or language; the operations named "Local"
+// use GMT as well. Parsing is strict: the whole text must match the pattern, literals included, with exactly
+// the pattern's digits and values in range ("2020-02-30" fails). A two-digit year falls in the hundred years
+// starting 80 years before the current one. Milliseconds are cut off, never rounded up. Every operation may
+// be called from any thread: nothing mutable is shared.
+//
+// The writers that return a `std::string` write dates before year 0001 or after 9999 as the nearer of
+// 0001-01-01 00:00:00.000 and 9999-12-31 23:59:59.999 (a NaN date as the first), rather than fail.
 
 /// The text parsed with the style's pattern; nothing when it does not match.
 std::optional<Date> dateFromString(std::string_view text, DateFormatterStyle style);
@@ -40,12 +46,13 @@ std::optional<Date> dateFromString(std::string_view text, DateFormatterStyle sty
 std::optional<Date> dateFromLocalShortDateString(std::string_view text);
 /// The text parsed as "dd MMM yyyy".
 std::optional<Date> dateFromLocalVerboseDateString(std::string_view text);
-/// The text parsed with the style's pattern, as seconds since 1970-01-01 00:00:00 UTC.
+/// The text parsed with the style's pattern, as seconds since 1970-01-01 00:00:00 UTC; a pattern without a
+/// date counts from that day, so "HH:mm:ss" gives seconds since midnight.
 std::optional<double> timeIntervalFromString(std::string_view text, DateFormatterStyle style);
 /// The text parsed as "HH:mm:ss", else as "HH:mm:ss.SSS", as seconds since 1970 (so since midnight).
 std::optional<double> timeIntervalFromString(std::string_view text);
-/// Seconds since 1970-01-01 00:00:00 UTC written with the style's pattern; nothing for a non-finite or
-/// unrepresentable number of seconds.
+/// Seconds since 1970-01-01 00:00:00 UTC written with the style's pattern; nothing for a non-finite number
+/// of seconds or one outside years 0001 to 9999.
 std::optional<std::string> stringFromTimeInterval(double seconds, DateFormatterStyle style);
 
 /// The date written with the style's pattern.
@@ -60,7 +67,7 @@ std::string stringWithVerboseDateTime(Date date);
 std::string stringWithLocalDateTimeForFileNames(Date date);
 /// "HH:mm" in GMT.
 std::string stringWithGMTTimeHour(Date date);
-/// "HH:mm".
+/// "HH:mm" in GMT, like `stringWithGMTTimeHour`.
 std::string stringWithLocalTimeHour(Date date);
 /// The full weekday name, e.g. "Sunday".
 std::string stringWithLocalDayOfTheWeek(Date date);
