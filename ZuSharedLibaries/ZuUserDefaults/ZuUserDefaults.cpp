@@ -1,0 +1,171 @@
+#include "ZuUserDefaults/ZuUserDefaults.hpp"
+
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cmath>
+#include <filesystem>
+
+#include "ZuFileManager/ZuFileManager.hpp"
+#include "ZuFileManager/detail/FileDescriptor.hpp"
+#include "ZuUserDefaults/detail/Plist.hpp"
+
+namespace zu {
+namespace {
+
+using detail::FileDescriptor;
+using detail::Plist;
+
+constexpr std::string_view kFileName = "UserDefaults.plist";
+
+std::optional<Data> readWholeFile(const std::string& path) {
+  const auto file = FileDescriptor::open(path, O_RDONLY);
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0) return std::nullopt;
+  Data bytes(static_cast<std::size_t>(status.st_size));
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t count = ::read(file.get(), bytes.data() + done, bytes.size() - done);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return std::nullopt;
+    done += static_cast<std::size_t>(count);
+  }
+  return bytes;
+}
+
+// The file's top-level dictionary; nothing when the file is missing or holds no dictionary.
+Plist readRoot(const std::string& path) {
+  const auto bytes = readWholeFile(path);
+  if (!bytes) return nullptr;
+  Plist root = detail::parsePlist(bytes->data(), bytes->size());
+  return PLIST_IS_DICT(root.get()) ? std::move(root) : nullptr;
+}
+
+// The value under `key`, with the parsed file that owns it.
+struct StoredValue {
+  Plist root;
+  plist_t node = nullptr;
+};
+
+StoredValue readValue(std::string_view key) {
+  StoredValue value{readRoot(ZuUserDefaults::filePath())};
+  if (value.root) value.node = plist_dict_get_item(value.root.get(), std::string(key).c_str());
+  return value;
+}
+
+std::optional<Error> writeAll(int fd, const Data& bytes) {
+  for (std::size_t done = 0; done < bytes.size();) {
+    const ssize_t count = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return Error::posix(errno);
+    done += static_cast<std::size_t>(count);
+  }
+  return std::nullopt;
+}
+
+std::optional<Error> syncFolder(const std::string& folder) {
+  const auto directory = FileDescriptor::open(folder, O_RDONLY | O_DIRECTORY);
+  if (!directory || ::fsync(directory.get()) != 0) return Error::posix(errno);
+  return std::nullopt;
+}
+
+// Writes a flushed temporary file and renames it over `path`. The temporary file's name is fixed: writers
+// hold the lock, so a crashed writer leaves at most one stale temporary file, which the next write replaces.
+std::optional<Error> replaceFile(const std::string& folder, const std::string& path, const Data& bytes) {
+  const std::string temporary = path + ".tmp";
+  std::optional<Error> error;
+  {
+    const auto file = FileDescriptor::open(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (!file) return Error::posix(errno);
+    error = writeAll(file.get(), bytes);
+    if (!error && ::fsync(file.get()) != 0) error = Error::posix(errno);
+  }
+  if (!error && ::rename(temporary.c_str(), path.c_str()) != 0) error = Error::posix(errno);
+  if (error) {
+    ::unlink(temporary.c_str());
+    return error;
+  }
+  return syncFolder(folder);
+}
+
+FileDescriptor lockFolder(const std::string& path) {
+  auto lock = FileDescriptor::open(path + ".lock", O_RDWR | O_CREAT, 0600);
+  if (!lock) return lock;
+  int locked;
+  do {
+    locked = ::flock(lock.get(), LOCK_EX);
+  } while (locked != 0 && errno == EINTR);
+  return locked == 0 ? std::move(lock) : FileDescriptor();
+}
+
+// Read-modify-write of the whole file: sets `key` to `value`, or removes it when `value` is empty.
+Result<void> update(std::mutex& mutex, std::string_view key, Plist value) {
+  std::lock_guard guard(mutex);
+  const std::string folder = ZuFileManager::applicationDataDirectory();
+  const std::string path = ZuUserDefaults::filePath();
+  std::error_code created;
+  std::filesystem::create_directories(folder, created);
+  if (created) return Error::posix(created.value());
+  const FileDescriptor lock = lockFolder(path);  // released when closed
+  if (!lock) return Error::posix(errno);
+
+  Plist root = readRoot(path);
+  if (!root) root.reset(plist_new_dict());
+  const std::string keyText(key);
+  if (value) {
+    plist_dict_set_item(root.get(), keyText.c_str(), value.release());
+  } else {
+    plist_dict_remove_item(root.get(), keyText.c_str());
+  }
+  if (auto error = replaceFile(folder, path, detail::binaryPlist(root.get()))) return *error;
+  return {};
+}
+
+}  // namespace
+
+ZuUserDefaults& ZuUserDefaults::standard() {
+  static ZuUserDefaults defaults;
+  return defaults;
+}
+
+std::string ZuUserDefaults::filePath() {
+  return ZuFileManager::applicationDataDirectory() + "/" + std::string(kFileName);
+}
+
+std::int64_t ZuUserDefaults::integer(std::string_view forKey) const {
+  const auto [root, node] = readValue(forKey);
+  if (PLIST_IS_UINT(node)) {
+    std::uint64_t value = 0;
+    plist_get_uint_val(node, &value);
+    return static_cast<std::int64_t>(value);  // binary plists store integers as signed 64-bit
+  }
+  if (PLIST_IS_REAL(node)) {
+    double value = 0;
+    plist_get_real_val(node, &value);
+    return std::isfinite(value) && std::fabs(value) < 0x1p63 ? static_cast<std::int64_t>(value) : 0;
+  }
+  if (PLIST_IS_BOOLEAN(node)) return plist_bool_val_is_true(node);
+  return 0;
+}
+
+std::optional<Data> ZuUserDefaults::data(std::string_view forKey) const {
+  const auto [root, node] = readValue(forKey);
+  if (!PLIST_IS_DATA(node)) return std::nullopt;
+  std::uint64_t length = 0;
+  const char* bytes = plist_get_data_ptr(node, &length);
+  return Data(bytes, bytes + length);
+}
+
+Result<void> ZuUserDefaults::set(std::int64_t value, std::string_view forKey) {
+  return update(writeMutex_, forKey, Plist(plist_new_uint(static_cast<std::uint64_t>(value))));
+}
+
+Result<void> ZuUserDefaults::set(const Data& value, std::string_view forKey) {
+  return update(writeMutex_, forKey,
+                Plist(plist_new_data(reinterpret_cast<const char*>(value.data()), value.size())));
+}
+
+Result<void> ZuUserDefaults::removeObject(std::string_view forKey) { return update(writeMutex_, forKey, nullptr); }
+
+}  // namespace zu

@@ -1,0 +1,106 @@
+#include "ZuUserDefaults/ZuUserDefaults.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/TemporaryDirectory.hpp"
+
+namespace {
+
+using testing_support::readFile;
+using testing_support::ScopedApplicationData;
+using testing_support::writeFile;
+using zu::ZuUserDefaults;
+
+class ZuUserDefaultsTest : public ::testing::Test {
+ protected:
+  ScopedApplicationData appData_;
+  ZuUserDefaults& defaults_ = ZuUserDefaults::standard();
+};
+
+TEST_F(ZuUserDefaultsTest, MissingAndMismatchedValuesReadAsZeroOrNothing) {
+  EXPECT_EQ(defaults_.integer("absent"), 0);
+  EXPECT_FALSE(defaults_.data("absent"));
+
+  ASSERT_TRUE(defaults_.set(-7, "number"));
+  ASSERT_TRUE(defaults_.set(zu::Data{}, "empty"));
+  ASSERT_TRUE(defaults_.set(zu::Data{0, 1, 0xFF}, "bytes"));
+  EXPECT_EQ(defaults_.integer("number"), -7);
+  EXPECT_EQ(defaults_.data("bytes"), (zu::Data{0, 1, 0xFF}));
+  EXPECT_EQ(defaults_.data("empty"), zu::Data{});  // an empty buffer is a value, not a missing one
+  EXPECT_FALSE(defaults_.data("number"));
+  EXPECT_EQ(defaults_.integer("bytes"), 0);
+
+  ASSERT_TRUE(defaults_.removeObject("bytes"));
+  ASSERT_TRUE(defaults_.removeObject("never there"));
+  EXPECT_FALSE(defaults_.data("bytes"));
+  EXPECT_EQ(defaults_.integer("number"), -7);
+}
+
+TEST_F(ZuUserDefaultsTest, OneBinaryPlistBesideDocumentsAndNoLeftovers) {
+  ASSERT_TRUE(defaults_.set(5, "version"));
+  const auto file = appData_.path() / "UserDefaults.plist";
+  EXPECT_EQ(ZuUserDefaults::filePath(), file.string());
+  EXPECT_EQ(readFile(file).substr(0, 8), "bplist00");
+  EXPECT_FALSE(std::filesystem::exists(file.string() + ".tmp"));
+}
+
+TEST_F(ZuUserDefaultsTest, UnreadableFileIsReplacedOnTheNextWrite) {
+  writeFile(appData_.path() / "UserDefaults.plist", "not a property list");
+  EXPECT_EQ(defaults_.integer("version"), 0);
+  ASSERT_TRUE(defaults_.set(5, "version"));
+  EXPECT_EQ(defaults_.integer("version"), 5);
+}
+
+TEST_F(ZuUserDefaultsTest, XmlFilesAreRead) {
+  writeFile(appData_.path() / "UserDefaults.plist",
+            R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+            R"(<key>n</key><integer>42</integer><key>d</key><data>AAE=</data></dict></plist>)");
+  EXPECT_EQ(defaults_.integer("n"), 42);
+  EXPECT_EQ(defaults_.data("d"), (zu::Data{0, 1}));
+}
+
+TEST_F(ZuUserDefaultsTest, WriteFailureIsAPosixError) {
+  zu::ZuFileManager::setApplicationDataDirectory("/dev/null/app");
+  const auto written = defaults_.set(1, "key");
+  ASSERT_FALSE(written);
+  EXPECT_EQ(written.error().domain(), "NSPOSIXErrorDomain");
+  EXPECT_EQ(written.error().code(), ENOTDIR);
+}
+
+// Writers that each add their own keys: a lost read-modify-write would drop another writer's key.
+TEST_F(ZuUserDefaultsTest, ConcurrentWritersInThreadsAndProcessesLoseNoKey) {
+  constexpr int kWrites = 40;
+  const auto writeKeys = [this](const std::string& prefix) {
+    for (int i = 0; i < kWrites; ++i) {
+      if (!defaults_.set(i, prefix + std::to_string(i))) return false;
+    }
+    return true;
+  };
+  std::vector<pid_t> children;
+  for (const char* prefix : {"p1-", "p2-"}) {
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) ::_exit(writeKeys(prefix) ? 0 : 1);
+    children.push_back(child);
+  }
+  std::thread thread([&] { EXPECT_TRUE(writeKeys("t-")); });
+  EXPECT_TRUE(writeKeys("main-"));
+  thread.join();
+  for (const pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  for (const char* prefix : {"p1-", "p2-", "t-", "main-"}) {
+    for (int i = 1; i < kWrites; ++i) EXPECT_EQ(defaults_.integer(prefix + std::to_string(i)), i) << prefix << i;
+  }
+}
+
+}  // namespace
