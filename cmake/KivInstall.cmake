@@ -1,0 +1,21 @@
+# Installs the libraries with their public headers, an exported CMake package (find_package(KivSDK)) and a
+# pkg-config file (pkg-config kivsdk).
+include(CMakePackageConfigHelpers)
+
+set(KIV_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KivSDK)
+
+install(TARGETS ZuSharedLibaries KivSDK EXPORT KivSDKTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT KivSDKTargets NAMESPACE Kiv:: DESTINATION ${KIV_CMAKE_DIR})
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/KivSDKConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/KivSDKConfig.cmake INSTALL_DESTINATION ${KIV_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KivSDKConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KivSDKConfig.cmake ${PROJECT_BINARY_DIR}/KivSDKConfigVersion.cmake
+  DESTINATION ${KIV_CMAKE_DIR})
+
+configure_file(${CMAKE_CURRENT_LIST_DIR}/kivsdk.pc.in ${PROJECT_BINARY_DIR}/kivsdk.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kivsdk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

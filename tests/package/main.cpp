@@ -1,0 +1,12 @@
+#include <KivSDK/Model/KivReport.hpp>
+#include <AnyCodable/JSONSerialization.hpp>
+
+#include <iostream>
+
+int main() {
+  kiv::KivReport report("Package check");
+  const auto json = zu::JSONSerialization::data(report.dictionaryRepresentation());
+  if (!json) return 1;
+  std::cout << std::string(json->begin(), json->end()) << "\n";
+  return report.certificationCanBeRequested() ? 1 : 0;
+}
