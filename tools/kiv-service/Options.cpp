@@ -1,0 +1,58 @@
+#include "Options.hpp"
+
+#include <CLI/CLI.hpp>
+
+namespace kiv::service {
+namespace {
+
+std::vector<std::pair<std::string, Fault>> parseFaults(const std::vector<std::string>& texts) {
+  std::vector<std::pair<std::string, Fault>> faults;
+  for (const std::string& text : texts) {
+    const std::size_t equals = text.find('=');
+    std::optional<Fault> fault =
+        equals == std::string::npos ? std::nullopt : Fault::fromText(std::string_view(text).substr(equals + 1));
+    if (!fault) throw CLI::ValidationError("--fault", "expected ROUTE=KIND[:ARG], got \"" + text + "\"");
+    faults.emplace_back(text.substr(0, equals), *fault);
+  }
+  return faults;
+}
+
+}  // namespace
+
+std::variant<Options, int> parseOptions(int argc, char** argv) {
+  CLI::App app("kiv-service: the reference certification service, HTTPS on loopback");
+  Options options;
+  std::int64_t uploadTtl = options.uploadUrlTtl.count();
+  std::int64_t downloadTtl = options.downloadUrlTtl.count();
+  std::vector<std::string> faults;
+  app.add_option("--data", options.dataDir, "Folder for the database, stored files and TLS material")->required();
+  app.add_option("--port", options.port, "Port on 127.0.0.1; 0 picks a free one and prints it")
+      ->check(CLI::Range(0, 65535));
+  app.add_option("--token", options.tokens, "Accepted application token (repeatable)");
+  app.add_flag("--open", options.openAccess, "Accept any application token");
+  app.add_option("--upload-url-ttl", uploadTtl, "Seconds an upload URL stays valid (whole minutes; 0: expired)")
+      ->check(CLI::NonNegativeNumber);
+  app.add_option("--download-url-ttl", downloadTtl, "Seconds a file URL stays valid (whole minutes)")
+      ->check(CLI::NonNegativeNumber);
+  app.add_option("--threads", options.threads, "Worker threads; each open connection holds one")
+      ->check(CLI::Range(2, 1024));
+  app.add_option("--fault", faults,
+                 "Misbehave on a route from the start: ROUTE=KIND[:ARG], e.g. get=delay:500, create=status:503, "
+                 "get=file-name:../../x (routes: create patch get file-upload force-status pdf newsletter put "
+                 "download *)");
+  try {
+    app.parse(argc, argv);
+    options.faults = parseFaults(faults);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error);
+  }
+  if (options.tokens.empty() && !options.openAccess) {
+    std::fprintf(stderr, "kiv-service: give at least one --token, or --open\n");
+    return 2;
+  }
+  options.uploadUrlTtl = std::chrono::seconds(uploadTtl);
+  options.downloadUrlTtl = std::chrono::seconds(downloadTtl);
+  return options;
+}
+
+}  // namespace kiv::service

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "Faults.hpp"
+
+namespace kiv::service {
+
+/// How the service was started; see `kiv-service --help`.
+struct Options {
+  std::filesystem::path dataDir;
+  int port = 0;  ///< 0 picks a free port
+  std::vector<std::string> tokens;
+  bool openAccess = false;  ///< any token is accepted
+  std::chrono::seconds uploadUrlTtl{3600};
+  std::chrono::seconds downloadUrlTtl{24 * 3600};
+  int threads = 64;  ///< each open keep-alive connection holds one
+  std::vector<std::pair<std::string, Fault>> faults;
+};
+
+/// Reads the command line; on --help or an error prints to the console and answers the exit code instead.
+std::variant<Options, int> parseOptions(int argc, char** argv);
+
+}  // namespace kiv::service

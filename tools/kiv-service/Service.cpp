@@ -1,0 +1,353 @@
+#include "Service.hpp"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <regex>
+#include <set>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <httplib.h>
+#include <nlohmann/json.hpp>
+
+#include "Crypto.hpp"
+#include "Pdf.hpp"
+#include "Wire.hpp"
+
+namespace kiv::service {
+namespace {
+
+using httplib::Request;
+using httplib::Response;
+using nlohmann::json;
+using Handler = std::function<void(const Request&, Response&)>;
+
+const std::set<std::string> kRoutes{"create", "patch",      "get", "file-upload", "force-status", "pdf",
+                                    "newsletter", "put", "download", "*"};
+constexpr const char* kSlug = "([a-z0-9]+)";
+constexpr const char* kStoragePattern = R"(/storage/([a-z0-9]+)/([a-z0-9]+)\.([A-Za-z0-9]{1,16}))";
+
+void sendJson(Response& response, int status, const json& body) {
+  response.status = status;
+  response.set_content(body.dump(), "application/json");
+}
+
+void sendDetail(Response& response, int status, std::string_view text) {
+  response.status = status;
+  response.set_content(detail(text), "application/json");
+}
+
+void sendNotFound(Response& response) { sendDetail(response, 404, "Not found."); }
+
+thread_local std::chrono::steady_clock::time_point requestStart;
+
+// One line per request: time, peer, method, path (never the query: upload URLs carry signatures), status, size.
+void logRequest(const Request& request, const Response& response) {
+  const auto elapsed = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - requestStart);
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  std::array<char, 32> stamp{};
+  std::strftime(stamp.data(), stamp.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
+  const std::size_t size = response.content_provider_ ? response.content_length_ : response.body.size();
+  std::fprintf(stderr, "%s %s \"%s %s\" %d %zu %.1fms\n", stamp.data(), request.remote_addr.c_str(),
+               request.method.c_str(), request.path.c_str(), response.status, size, elapsed.count());
+}
+
+// Runs one request under its route's fault, if one is switched on, and turns exceptions into detail answers.
+void serve(Faults& faults, const std::string& route, const Request& request, Response& response,
+           const std::function<void()>& call) {
+  const std::optional<Fault> fault = faults.take(route);
+  if (fault && !faults.before(*fault, request)) return;
+  try {
+    call();
+  } catch (const BadRequest& error) {
+    sendDetail(response, 400, error.what());
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kiv-service: %s %s failed: %s\n", request.method.c_str(), request.path.c_str(),
+                 error.what());
+    sendDetail(response, 500, "Internal error.");
+  }
+  if (fault) faults.after(*fault, request, response);
+}
+
+std::string contentType(const std::string& ext) {
+  static const std::map<std::string, std::string> types{
+      {"jpg", "image/jpeg"}, {"jpeg", "image/jpeg"}, {"png", "image/png"},       {"heic", "image/heic"},
+      {"mp4", "video/mp4"},  {"mov", "video/quicktime"}, {"pdf", "application/pdf"}};
+  std::string lower = ext;
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  const auto found = types.find(lower);
+  return found == types.end() ? "application/octet-stream" : found->second;
+}
+
+const FileRecord* fileWithSlug(const ReportRecord& report, const std::string& slug) {
+  for (const FileRecord& file : report.files) {
+    if (file.slug == slug) return &file;
+  }
+  return nullptr;
+}
+
+// The client sends "type" and "file_slug" as query items; a JSON body on the GET is read as a fallback.
+std::string uploadParameter(const Request& request, const char* name) {
+  if (request.has_param(name)) return request.get_param_value(name);
+  const json body = json::parse(request.body, nullptr, false);
+  if (body.is_object() && body.contains(name) && body[name].is_string()) return body[name].get<std::string>();
+  return {};
+}
+
+}  // namespace
+
+Service::Service(const Options& options)
+    : options_(options),
+      tls_(ensureTlsMaterial(options.dataDir)),
+      store_(options.dataDir / "kiv-service.sqlite3"),
+      content_(options.dataDir / "files"),
+      signer_(options.dataDir / "tls" / "url-signing.key"),
+      server_(std::make_unique<httplib::SSLServer>(tls_.serverCertificate.c_str(), tls_.serverKey.c_str())) {
+  for (const auto& [route, fault] : options_.faults) faults_.set(route, fault);
+  const int threads = options_.threads;
+  server_->new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<std::size_t>(threads)); };
+  // Keep-alive connections stay open for as many requests as the client wants, like any production server.
+  server_->set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
+  server_->set_pre_routing_handler([](const Request& request, Response&) {
+    requestStart = std::chrono::steady_clock::now();
+    // A request without Content-Length or chunked encoding has no body (RFC 9112, 6.3), but httplib would wait
+    // for the connection to close; a bodiless POST such as force-status must not hang. The request object is
+    // httplib's own, mutable one.
+    if (!request.has_header("Content-Length") && !request.has_header("Transfer-Encoding")) {
+      const_cast<Request&>(request).set_header("Content-Length", "0");
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
+  server_->set_logger(logRequest);
+  server_->set_error_handler([](const Request&, Response& response) {
+    if (response.body.empty() && !response.content_provider_) {
+      sendDetail(response, response.status, response.status == 404 ? "Not found." : "Request failed.");
+    }
+  });
+  addRoutes();
+}
+
+Service::~Service() = default;
+
+int Service::bind() {
+  if (!server_->is_valid()) return 0;
+  port_ = options_.port == 0 ? server_->bind_to_any_port("127.0.0.1")
+                             : (server_->bind_to_port("127.0.0.1", options_.port) ? options_.port : 0);
+  return port_ > 0 ? port_ : 0;
+}
+
+bool Service::run() { return server_->listen_after_bind(); }
+
+void Service::stop() {
+  faults_.shutdown();
+  server_->stop();
+}
+
+void Service::addRoutes() {
+  addReportRoutes();
+  addStorageRoutes();
+  addAdminRoutes();
+}
+
+void Service::addReportRoutes() {
+  const auto api = [this](const std::string& route, Handler handler) {
+    return [this, route, handler = std::move(handler)](const Request& request, Response& response) {
+      serve(faults_, route, request, response, [&] {
+        if (authorised(request, response)) handler(request, response);
+      });
+    };
+  };
+  const std::string report = std::string("/v1/reports/") + kSlug + "/";
+
+  server_->Post("/v1/reports/", api("create", [this](const Request& request, Response& response) {
+    answerReport(request, response, store_.create(parseReport(request.body)), 201);
+  }));
+  server_->Patch(report, api("patch", [this](const Request& request, Response& response) {
+    ReportRecord changes = parseReport(request.body);
+    std::vector<std::string> dropped;
+    const std::optional<ReportRecord> changed = store_.replace(request.matches[1], std::move(changes), dropped);
+    if (!changed) return sendNotFound(response);
+    for (const std::string& fileSlug : dropped) content_.remove(fileSlug);
+    answerReport(request, response, *changed);
+  }));
+  server_->Get(report, api("get", [this](const Request& request, Response& response) {
+    const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+    if (!found) return sendNotFound(response);
+    answerReport(request, response, *found);
+  }));
+  server_->Get(report + "file-upload/", api("file-upload", [this](const Request& request, Response& response) {
+    const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+    if (!found) return sendNotFound(response);
+    static const std::regex extension("[A-Za-z0-9]{1,16}");
+    const std::string type = uploadParameter(request, "type");
+    const std::string fileSlug = uploadParameter(request, "file_slug");
+    if (!std::regex_match(type, extension)) throw BadRequest("'type' must be a file extension such as jpg.");
+    if (fileSlug.empty()) throw BadRequest("'file_slug' is required.");
+    const FileRecord* file = fileWithSlug(*found, fileSlug);
+    if (!file) return sendNotFound(response);
+    const std::string path = storagePath(found->slug, *file, type);
+    sendJson(response, 200,
+             {{"upload_uri", origin(request) + path + "?" + signer_.sign("PUT", path, options_.uploadUrlTtl)},
+              {"file", origin(request) + path + "?" + signer_.sign("GET", path, options_.downloadUrlTtl)}});
+  }));
+  server_->Post(report + "force-status/", api("force-status", [this](const Request& request, Response& response) {
+    const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+    if (!found) return sendNotFound(response);
+    // Hash the stored content again: what counts is what is on disk now, not what was received.
+    std::vector<std::pair<std::string, std::optional<std::string>>> digests;
+    for (const FileRecord& file : found->files) {
+      if (!file.storedExt) continue;
+      std::string digest = sha256OfFile(content_.pathOf(file.slug));
+      digests.emplace_back(file.slug, digest.empty() ? std::nullopt : std::optional(std::move(digest)));
+    }
+    const std::optional<ReportRecord> updated = store_.updateStoredDigests(found->slug, digests);
+    if (!updated) return sendNotFound(response);
+    answerReport(request, response, *updated);
+  }));
+  server_->Post(report + "pdf/", api("pdf", [this](const Request& request, Response& response) {
+    const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+    if (!found) return sendNotFound(response);
+    const Language language = negotiateLanguage(request.get_header_value("Accept-Language"));
+    response.set_content(renderCertificate(*found, language), "application/pdf");
+    response.set_header("Content-Disposition", "attachment; filename=\"" + found->slug + ".pdf\"");
+  }));
+  server_->Post("/v1/newsletter/", api("newsletter", [this](const Request& request, Response& response) {
+    const NewsletterRequest subscription = parseNewsletter(request.body);
+    store_.subscribe(subscription.email, subscription.subscriptions);
+    sendJson(response, 200, {{"success", true}});
+  }));
+  server_->Get("/v1/newsletter/", api("newsletter", [this](const Request& request, Response& response) {
+    const std::string email = request.get_param_value("email");
+    if (email.empty()) throw BadRequest("'email' is required.");
+    sendJson(response, 200, renderSubscriptions(email, store_.subscriptions(email)));
+  }));
+}
+
+void Service::addStorageRoutes() {
+  server_->Put(kStoragePattern, [this](const Request& request, Response& response,
+                                       const httplib::ContentReader& reader) {
+    serve(faults_, "put", request, response, [&] {
+      if (!checkSignature(request, response)) return;
+      const std::optional<ReportRecord> report = store_.find(request.matches[1]);
+      if (!report || !fileWithSlug(*report, request.matches[2])) return sendNotFound(response);
+      ContentStorage::Upload upload = content_.beginUpload(request.matches[2]);
+      const bool received = reader([&](const char* data, std::size_t size) { return upload.write(data, size); });
+      if (!received) return sendDetail(response, 400, "The upload did not complete.");
+      const std::optional<StoredContent> stored = upload.commit();
+      if (!stored) return sendDetail(response, 507, "The content could not be stored.");
+      if (!store_.recordContent(request.matches[1], request.matches[2], request.matches[3], stored->sha256,
+                                stored->size)) {
+        return sendNotFound(response);  // the file was dropped from its report while the upload ran
+      }
+      sendJson(response, 201, {{"hash", stored->sha256}, {"size", stored->size}});
+    });
+  });
+
+  server_->Get(kStoragePattern, [this](const Request& request, Response& response) {
+    serve(faults_, "download", request, response, [&] {
+      if (!checkSignature(request, response)) return;
+      const std::optional<ReportRecord> report = store_.find(request.matches[1]);
+      const FileRecord* file = report ? fileWithSlug(*report, request.matches[2]) : nullptr;
+      if (!file || file->storedExt != request.matches[3].str()) return sendNotFound(response);
+      const int descriptor = ::open(content_.pathOf(file->slug).c_str(), O_RDONLY | O_CLOEXEC);
+      struct stat status {};
+      if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
+        if (descriptor >= 0) ::close(descriptor);
+        return sendNotFound(response);
+      }
+      // Served in blocks from the file, so memory stays flat however large it is; httplib applies Range.
+      response.set_content_provider(
+          static_cast<std::size_t>(status.st_size), contentType(file->storedExt.value_or("")),
+          [descriptor](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+            std::array<char, 1 << 16> block{};
+            const ssize_t got = ::pread(descriptor, block.data(), std::min(length, block.size()),
+                                        static_cast<off_t>(offset));
+            return got > 0 && sink.write(block.data(), static_cast<std::size_t>(got));
+          },
+          [descriptor](bool) { ::close(descriptor); });
+    });
+  });
+}
+
+void Service::addAdminRoutes() {
+  server_->Get("/admin/faults", [this](const Request&, Response& response) {
+    sendJson(response, 200, faults_.toJson());
+  });
+  server_->Put(R"(/admin/faults/([a-z*-]+))", [this](const Request& request, Response& response) {
+    if (!kRoutes.contains(request.matches[1])) return sendNotFound(response);
+    const std::optional<Fault> fault = Fault::fromJson(json::parse(request.body, nullptr, false));
+    if (!fault) return sendDetail(response, 400, "Expected {\"kind\": ..., \"ms\", \"status\", \"text\", \"times\"}.");
+    faults_.set(request.matches[1], *fault);
+    sendJson(response, 200, fault->toJson());
+  });
+  server_->Delete(R"(/admin/faults/([a-z*-]+))", [this](const Request& request, Response& response) {
+    faults_.clear(request.matches[1]);
+    response.status = 204;
+  });
+}
+
+bool Service::authorised(const Request& request, Response& response) const {
+  static constexpr std::string_view scheme = "app-token ";
+  const std::string header = request.get_header_value("Authorization");
+  if (header.empty()) {
+    sendDetail(response, 401, "Authentication credentials were not provided.");
+    return false;
+  }
+  const std::string_view token = std::string_view(header).substr(std::min(header.size(), scheme.size()));
+  const bool wellFormed = header.starts_with(scheme) && !token.empty();
+  const bool known = options_.openAccess || std::any_of(options_.tokens.begin(), options_.tokens.end(),
+                                                        [&](const std::string& t) { return constantTimeEquals(t, token); });
+  if (wellFormed && known) return true;
+  response.set_header("WWW-Authenticate", "app-token");
+  sendDetail(response, 401, "Invalid token.");
+  return false;
+}
+
+// Addresses handed out use the host name the client used, as long as the certificate covers it.
+std::string Service::origin(const Request& request) const {
+  const bool localhost = request.get_header_value("Host").starts_with("localhost");
+  return std::string("https://") + (localhost ? "localhost" : "127.0.0.1") + ":" + std::to_string(port_);
+}
+
+std::string Service::storagePath(const std::string& reportSlug, const FileRecord& file,
+                                 const std::string& ext) const {
+  return "/storage/" + reportSlug + "/" + file.slug + "." + ext;
+}
+
+void Service::answerReport(const Request& request, Response& response, const ReportRecord& report,
+                           int status) const {
+  const std::string base = origin(request);
+  sendJson(response, status, renderReport(report, [&](const FileRecord& file) -> std::optional<std::string> {
+             if (!file.storedExt) return std::nullopt;
+             const std::string path = storagePath(report.slug, file, *file.storedExt);
+             return base + path + "?" + signer_.sign("GET", path, options_.downloadUrlTtl);
+           }));
+}
+
+bool Service::checkSignature(const Request& request, Response& response) const {
+  const std::string method = request.method == "HEAD" ? "GET" : request.method;
+  switch (signer_.verify(method, request.path, request.get_param_value("expires"),
+                         request.get_param_value("signature"))) {
+    case UrlSigner::Verdict::valid:
+      return true;
+    case UrlSigner::Verdict::expired:
+      sendDetail(response, 403, "This URL has expired.");
+      return false;
+    case UrlSigner::Verdict::forged:
+      sendDetail(response, 403, "The URL's signature is not valid.");
+      return false;
+  }
+  return false;
+}
+
+}  // namespace kiv::service

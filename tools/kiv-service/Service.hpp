@@ -1,0 +1,63 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Faults.hpp"
+#include "Options.hpp"
+#include "Storage.hpp"
+#include "Store.hpp"
+#include "TlsMaterial.hpp"
+
+namespace httplib {
+class SSLServer;
+struct Request;
+struct Response;
+}  // namespace httplib
+
+namespace kiv::service {
+
+/**
+ * The HTTPS service on 127.0.0.1: the report API under /v1/ (app token required), signed storage URLs under
+ * /storage/, and the fault switches under /admin/faults/. Every request is logged to stderr, one line each,
+ * with its path but never its query or headers, so neither tokens nor signatures reach the log.
+ *
+ * @par Thread Safety
+ * `bind` and `run` are called once, in that order, from one thread; `stop` may be called from any thread.
+ */
+class Service {
+ public:
+  explicit Service(const Options& options);
+  ~Service();
+
+  /// Binds the listening socket and answers the port; 0 when the port cannot be bound.
+  int bind();
+  /// Serves until `stop`; false when the server could not run.
+  bool run();
+  void stop();
+
+  const TlsMaterial& tls() const { return tls_; }
+
+ private:
+  void addRoutes();
+  void addReportRoutes();
+  void addStorageRoutes();
+  void addAdminRoutes();
+  bool authorised(const httplib::Request& request, httplib::Response& response) const;
+  std::string origin(const httplib::Request& request) const;
+  std::string storagePath(const std::string& reportSlug, const FileRecord& file, const std::string& ext) const;
+  void answerReport(const httplib::Request& request, httplib::Response& response, const ReportRecord& report,
+                    int status = 200) const;
+  bool checkSignature(const httplib::Request& request, httplib::Response& response) const;
+
+  Options options_;
+  TlsMaterial tls_;
+  Store store_;
+  ContentStorage content_;
+  UrlSigner signer_;
+  Faults faults_;
+  std::unique_ptr<httplib::SSLServer> server_;
+  int port_ = 0;
+};
+
+}  // namespace kiv::service

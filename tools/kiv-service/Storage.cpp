@@ -1,0 +1,122 @@
+#include "Storage.hpp"
+
+#include <cerrno>
+#include <charconv>
+#include <utility>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "Crypto.hpp"
+
+namespace kiv::service {
+namespace {
+
+std::string loadOrMakeKey(const std::filesystem::path& keyFile) {
+  std::string key(32, '\0');
+  const int existing = ::open(keyFile.c_str(), O_RDONLY | O_CLOEXEC);
+  if (existing >= 0) {
+    const ssize_t got = ::read(existing, key.data(), key.size());
+    ::close(existing);
+    if (got == static_cast<ssize_t>(key.size())) return key;
+  }
+  key = randomBytes(32);
+  const int created = ::open(keyFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (created < 0 || ::write(created, key.data(), key.size()) != static_cast<ssize_t>(key.size())) {
+    if (created >= 0) ::close(created);
+    throw std::runtime_error("cannot write " + keyFile.string());
+  }
+  ::close(created);
+  return key;
+}
+
+}  // namespace
+
+UrlSigner::UrlSigner(const std::filesystem::path& keyFile, std::function<std::int64_t()> now)
+    : key_(loadOrMakeKey(keyFile)), now_(std::move(now)) {}
+
+std::int64_t UrlSigner::defaultClock() {
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+std::string UrlSigner::sign(std::string_view method, std::string_view path, std::chrono::seconds ttl) const {
+  const std::int64_t expires = (now_() + ttl.count()) / 60 * 60;
+  const std::string expiresText = std::to_string(expires);
+  return "expires=" + expiresText + "&signature=" + mac(method, path, expiresText);
+}
+
+UrlSigner::Verdict UrlSigner::verify(std::string_view method, std::string_view path, std::string_view expires,
+                                     std::string_view signature) const {
+  if (!constantTimeEquals(signature, mac(method, path, expires))) return Verdict::forged;
+  std::int64_t expiry = 0;
+  const auto [end, error] = std::from_chars(expires.data(), expires.data() + expires.size(), expiry);
+  if (error != std::errc() || end != expires.data() + expires.size()) return Verdict::forged;
+  return now_() < expiry ? Verdict::valid : Verdict::expired;
+}
+
+std::string UrlSigner::mac(std::string_view method, std::string_view path, std::string_view expires) const {
+  std::string text;
+  text.append(method).append("\n").append(path).append("\n").append(expires);
+  return hmacSha256Hex(key_, text);
+}
+
+ContentStorage::ContentStorage(std::filesystem::path directory) : directory_(std::move(directory)) {
+  std::filesystem::create_directories(directory_);
+}
+
+ContentStorage::Upload ContentStorage::beginUpload(const std::string& fileSlug) const {
+  return Upload(directory_ / (fileSlug + ".part-" + toHex(randomBytes(6))), pathOf(fileSlug));
+}
+
+void ContentStorage::remove(const std::string& fileSlug) const {
+  std::error_code ignored;
+  std::filesystem::remove(pathOf(fileSlug), ignored);
+}
+
+ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem::path final)
+    : temporary_(std::move(temporary)),
+      final_(std::move(final)),
+      descriptor_(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)),
+      failed_(descriptor_ < 0) {}
+
+ContentStorage::Upload::Upload(Upload&& other) noexcept
+    : temporary_(std::move(other.temporary_)),
+      final_(std::move(other.final_)),
+      descriptor_(std::exchange(other.descriptor_, -1)),
+      size_(other.size_),
+      failed_(other.failed_),
+      digest_(std::move(other.digest_)) {}
+
+ContentStorage::Upload::~Upload() {
+  if (descriptor_ < 0) return;
+  ::close(descriptor_);
+  ::unlink(temporary_.c_str());
+}
+
+bool ContentStorage::Upload::write(const char* data, std::size_t size) {
+  digest_.update(data, size);
+  size_ += static_cast<std::int64_t>(size);
+  while (!failed_ && size > 0) {
+    const ssize_t written = ::write(descriptor_, data, size);
+    if (written < 0 && errno == EINTR) continue;
+    failed_ = written <= 0;
+    if (failed_) break;
+    data += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return !failed_;
+}
+
+std::optional<StoredContent> ContentStorage::Upload::commit() {
+  if (failed_ || ::fdatasync(descriptor_) != 0) return std::nullopt;
+  ::close(std::exchange(descriptor_, -1));
+  if (::rename(temporary_.c_str(), final_.c_str()) != 0) {
+    ::unlink(temporary_.c_str());
+    return std::nullopt;
+  }
+  return StoredContent{digest_.finishHex(), size_};
+}
+
+}  // namespace kiv::service

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Crypto.hpp"
+
+namespace kiv::service {
+
+/**
+ * Signs storage paths so that uploads and downloads need no application token: the URL carries its expiry time
+ * and an HMAC-SHA-256 over method, path and expiry under a key kept in the data folder (so URLs outlive a
+ * restart). Expiry times are whole minutes: requests for the same file within a minute get the same URL, which
+ * is how a client recognises an upload it already has in flight.
+ *
+ * @par Thread Safety
+ * Immutable after construction.
+ */
+class UrlSigner {
+ public:
+  enum class Verdict { valid, expired, forged };
+
+  /// Loads the key from `keyFile`, making it on first use. `now` is the clock, replaceable for tests.
+  explicit UrlSigner(const std::filesystem::path& keyFile,
+                     std::function<std::int64_t()> now = defaultClock);
+
+  /// The query ("expires=...&signature=...") that lets `method` reach `path` for `ttl` (rounded down to minutes).
+  std::string sign(std::string_view method, std::string_view path, std::chrono::seconds ttl) const;
+
+  Verdict verify(std::string_view method, std::string_view path, std::string_view expires,
+                 std::string_view signature) const;
+
+  static std::int64_t defaultClock();
+
+ private:
+  std::string mac(std::string_view method, std::string_view path, std::string_view expires) const;
+
+  std::string key_;
+  std::function<std::int64_t()> now_;
+};
+
+/// The content of one stored file: its digest and length.
+struct StoredContent {
+  std::string sha256;
+  std::int64_t size = 0;
+};
+
+/**
+ * File content on disk, one file per file slug under DIR/files. Writes go to a temporary file that is renamed
+ * into place when complete, so a reader never sees a half-written upload.
+ *
+ * @par Thread Safety
+ * All members may be called from any thread.
+ */
+class ContentStorage {
+ public:
+  explicit ContentStorage(std::filesystem::path directory);
+
+  /// A new upload: write blocks in order with `write`, then `commit`; destruction without commit discards it.
+  class Upload {
+   public:
+    Upload(const Upload&) = delete;
+    Upload& operator=(const Upload&) = delete;
+    Upload(Upload&&) noexcept;
+    ~Upload();
+    bool write(const char* data, std::size_t size);
+    /// Moves the content into place; nothing when the disk failed.
+    std::optional<StoredContent> commit();
+
+   private:
+    friend class ContentStorage;
+    Upload(std::filesystem::path temporary, std::filesystem::path final);
+
+    std::filesystem::path temporary_;
+    std::filesystem::path final_;
+    int descriptor_ = -1;
+    std::int64_t size_ = 0;
+    bool failed_ = false;
+    Sha256 digest_;
+  };
+
+  Upload beginUpload(const std::string& fileSlug) const;
+  std::filesystem::path pathOf(const std::string& fileSlug) const { return directory_ / fileSlug; }
+  void remove(const std::string& fileSlug) const;
+
+ private:
+  std::filesystem::path directory_;
+};
+
+}  // namespace kiv::service

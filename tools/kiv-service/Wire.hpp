@@ -1,0 +1,47 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Model.hpp"
+
+namespace kiv::service {
+
+/// A request body that does not hold what the route needs; `what()` is the text answered under "detail".
+struct BadRequest : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/**
+ * Reads a report body (POST and PATCH): "name", "original_created_at" and "provable_files" are required; "note",
+ * "hash", "email", "meta_data" and the files' "hash", "description", "meta_data" are optional (null counts as
+ * absent). Slugs in the body are ignored: the service assigns them. File names must be unique plain names; a
+ * folder part or a name like ".." is refused. Throws BadRequest.
+ */
+ReportRecord parseReport(std::string_view body);
+
+/// The signed download address of a stored file, or nothing while its content is not stored.
+using FileUrl = std::function<std::optional<std::string>(const FileRecord&)>;
+
+/// A report as the service answers it, files in the client's order, each with "file" once stored.
+nlohmann::json renderReport(const ReportRecord& report, const FileUrl& fileUrl);
+
+/// A newsletter body: the address and its wanted subscriptions. Throws BadRequest.
+struct NewsletterRequest {
+  std::string email;
+  std::vector<Subscription> subscriptions;
+};
+NewsletterRequest parseNewsletter(std::string_view body);
+
+nlohmann::json renderSubscriptions(const std::string& email, const std::vector<Subscription>& subscriptions);
+
+/// {"detail": text}, the shape of every error answer.
+std::string detail(std::string_view text);
+
+}  // namespace kiv::service
