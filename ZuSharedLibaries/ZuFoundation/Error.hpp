@@ -1,11 +1,14 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "AnyCodable/AnyCodable.hpp"
 
 namespace zu {
+
+class ZuError;
 
 /**
  * An error value in the platform's shape: a domain, a code and a user-info map.
@@ -38,6 +41,9 @@ class Error {
    * "The operation couldn’t be completed. (<domain> error <code>.)".
    */
   std::string localizedDescription() const;
+  /// The networking error inside, when the domain is `ZuError::errorDomain()` and the code one of its codes.
+  /// Defined with `ZuError` (include "ZuNetworking/ZuError.hpp" to call it).
+  std::optional<ZuError> zuError() const;
 
   friend bool operator==(const Error&, const Error&) = default;
 

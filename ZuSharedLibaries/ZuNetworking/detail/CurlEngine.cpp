@@ -1,0 +1,497 @@
+#include "ZuNetworking/detail/CurlEngine.hpp"
+
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+#include <utility>
+
+#include "ZuFileManager/detail/FileDescriptor.hpp"
+#include "ZuFoundation/FatalError.hpp"
+#include "ZuNetworking/detail/TransportError.hpp"
+
+namespace zu::detail {
+
+/// Everything one running request needs; owned by its task until `resume()`, then by the engine.
+struct Transfer {
+  ~Transfer() {
+    if (!downloadPath.empty()) ::unlink(downloadPath.c_str());
+  }
+  bool delegated() const { return !dataCompletion && !downloadCompletion; }
+  const std::string& url() const { return task->originalRequest().url.absoluteString(); }
+
+  Engine* engine = nullptr;
+  Engine::Kind kind = Engine::Kind::data;
+  std::uint64_t taskIdentifier = 0;
+  std::shared_ptr<CurlTask> task;  // set when the task is resumed
+  URLSession::DataCompletion dataCompletion;
+  URLSession::DownloadCompletion downloadCompletion;
+  CurlEasy easy;
+  CurlSlist headerList;
+  std::string authorityFile;
+  std::optional<std::string> uploadPath;
+  FileDescriptor uploadFile;
+  FileDescriptor downloadFile;
+  std::string downloadPath;
+  Data received;
+  HTTPHeaderFields responseHeaders;
+  // A failure found outside curl (a missing upload file, a cancel, a full disk); it wins over curl's result.
+  std::optional<Error> failure;
+  std::string journalPath;
+  bool replayed = false;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+};
+
+namespace {
+
+void setOption(CURL* easy, CURLoption option, auto value) {
+  // Options here are all supported by the minimum libcurl we build against; a failure is a build mistake.
+  if (curl_easy_setopt(easy, option, value) != CURLE_OK) fatalError("libcurl rejected an option");
+}
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n')) {
+    text.remove_suffix(1);
+  }
+  return text;
+}
+
+std::size_t onHeader(char* buffer, std::size_t size, std::size_t count, void* context) {
+  auto& transfer = *static_cast<Transfer*>(context);
+  const std::string_view line = trimmed(std::string_view(buffer, size * count));
+  if (line.starts_with("HTTP/")) {
+    transfer.responseHeaders = {};  // a new answer (after a redirect or an interim 1xx)
+  } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
+    transfer.responseHeaders.addValue(trimmed(line.substr(colon + 1)), line.substr(0, colon));
+  }
+  return size * count;
+}
+
+std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* context) {
+  auto& transfer = *static_cast<Transfer*>(context);
+  const std::size_t length = size * count;
+  if (transfer.kind == Engine::Kind::download) {
+    std::size_t written = 0;
+    while (written < length) {
+      const ssize_t n = ::write(transfer.downloadFile.get(), buffer + written, length - written);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        transfer.failure = urlError(cannotWriteToFile, transfer.url(), std::strerror(errno));
+        return 0;
+      }
+      written += static_cast<std::size_t>(n);
+    }
+  } else if (transfer.delegated()) {
+    transfer.engine->deliverData(transfer, buffer, length);
+  } else {
+    transfer.received.insert(transfer.received.end(), buffer, buffer + length);
+  }
+  return length;
+}
+
+std::size_t onUploadRead(char* buffer, std::size_t size, std::size_t count, void* context) {
+  auto& transfer = *static_cast<Transfer*>(context);
+  ssize_t n;
+  do {
+    n = ::read(transfer.uploadFile.get(), buffer, size * count);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    transfer.failure = urlError(fileDoesNotExist, transfer.url(), std::strerror(errno));
+    return CURL_READFUNC_ABORT;
+  }
+  return static_cast<std::size_t>(n);
+}
+
+// Redirects and retried connections send the body again from the start.
+int onUploadSeek(void* context, curl_off_t offset, int origin) {
+  auto& transfer = *static_cast<Transfer*>(context);
+  return ::lseek(transfer.uploadFile.get(), offset, origin) < 0 ? CURL_SEEKFUNC_FAIL : CURL_SEEKFUNC_OK;
+}
+
+CURLcode addAuthorities(CURL*, void* sslContext, void* path) {
+  X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
+  return X509_STORE_load_file(store, static_cast<const char*>(path)) == 1 ? CURLE_OK : CURLE_SSL_CACERT_BADFILE;
+}
+
+void setMethodAndBody(Transfer& transfer, const URLRequest& request) {
+  CURL* easy = transfer.easy.get();
+  const std::string& method = request.httpMethod;
+  if (transfer.kind == Engine::Kind::upload) {
+    struct stat info {};
+    if (transfer.uploadFile && ::fstat(transfer.uploadFile.get(), &info) == 0) {
+      setOption(easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(info.st_size));
+    }
+    setOption(easy, CURLOPT_UPLOAD, 1L);
+    setOption(easy, CURLOPT_READFUNCTION, &onUploadRead);
+    setOption(easy, CURLOPT_READDATA, &transfer);
+    setOption(easy, CURLOPT_SEEKFUNCTION, &onUploadSeek);
+    setOption(easy, CURLOPT_SEEKDATA, &transfer);
+    if (method != "PUT") setOption(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+  } else if (request.httpBody || method == "POST") {
+    // The body lives in the task's original request, which outlives the transfer.
+    static const Data kNoBody;
+    const Data& body = request.httpBody ? *request.httpBody : kNoBody;
+    setOption(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+    setOption(easy, CURLOPT_POSTFIELDS, reinterpret_cast<const char*>(body.data()));
+    if (method != "POST") setOption(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+  } else if (method == "HEAD") {
+    setOption(easy, CURLOPT_NOBODY, 1L);
+  } else if (method != "GET") {
+    setOption(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+}
+
+void setHeaders(Transfer& transfer, const URLRequest& request) {
+  curl_slist* list = nullptr;
+  auto append = [&](const std::string& line) {
+    curl_slist* longer = curl_slist_append(list, line.c_str());
+    if (!longer) fatalError("Out of memory building request headers");
+    list = longer;
+  };
+  for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) append(name + ": " + value);
+  // No "Expect: 100-continue" round trip before a body: it only delays uploads.
+  append("Expect:");
+  transfer.headerList.reset(list);
+  setOption(transfer.easy.get(), CURLOPT_HTTPHEADER, list);
+}
+
+void configure(Transfer& transfer, const URLRequest& request, const URLSessionConfiguration& configuration) {
+  CURL* easy = transfer.easy.get();
+  setOption(easy, CURLOPT_URL, request.url.absoluteString().c_str());
+  setOption(easy, CURLOPT_PRIVATE, &transfer);
+  setOption(easy, CURLOPT_NOSIGNAL, 1L);
+  setOption(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  setOption(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  // Redirects are followed; curl drops "Authorization" and cookies when the host changes.
+  setOption(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  setOption(easy, CURLOPT_MAXREDIRS, 16L);
+  setOption(easy, CURLOPT_UNRESTRICTED_AUTH, 0L);
+  setOption(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+  setOption(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  setOption(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  auto authorities = configuration.additionalCertificateAuthorityFile
+                         ? configuration.additionalCertificateAuthorityFile
+                         : URLSession::additionalCertificateAuthorityFile();
+  if (authorities) {
+    transfer.authorityFile = *authorities;
+    setOption(easy, CURLOPT_SSL_CTX_FUNCTION, &addAuthorities);
+    setOption(easy, CURLOPT_SSL_CTX_DATA, transfer.authorityFile.data());
+  }
+  // The time-out is an idle time-out: less than one byte a second for that long gives up.
+  const long idleSeconds = std::max(1L, static_cast<long>(request.timeoutInterval));
+  setOption(easy, CURLOPT_CONNECTTIMEOUT, std::min(idleSeconds, 60L));
+  setOption(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  setOption(easy, CURLOPT_LOW_SPEED_TIME, idleSeconds);
+  setOption(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+  setOption(easy, CURLOPT_ACCEPT_ENCODING, "");
+  setOption(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+  setOption(easy, CURLOPT_HEADERFUNCTION, &onHeader);
+  setOption(easy, CURLOPT_HEADERDATA, &transfer);
+  setOption(easy, CURLOPT_WRITEFUNCTION, &onBody);
+  setOption(easy, CURLOPT_WRITEDATA, &transfer);
+  setHeaders(transfer, request);
+  setMethodAndBody(transfer, request);
+}
+
+std::optional<HTTPURLResponse> responseOf(Transfer& transfer) {
+  long status = 0;
+  curl_easy_getinfo(transfer.easy.get(), CURLINFO_RESPONSE_CODE, &status);
+  if (status <= 0) return std::nullopt;
+  const char* effective = nullptr;
+  curl_easy_getinfo(transfer.easy.get(), CURLINFO_EFFECTIVE_URL, &effective);
+  auto url = effective ? URL::fromString(effective) : std::nullopt;
+  return HTTPURLResponse{url.value_or(transfer.task->originalRequest().url), static_cast<int>(status),
+                         std::move(transfer.responseHeaders)};
+}
+
+}  // namespace
+
+// ---- CurlTask ----
+
+CurlTask::CurlTask(std::uint64_t identifier, URLRequest request, std::weak_ptr<Engine> engine)
+    : URLSessionTask(identifier, std::move(request)), engine_(std::move(engine)) {}
+
+CurlTask::~CurlTask() = default;
+
+void CurlTask::resume() {
+  std::unique_ptr<Transfer> transfer;
+  {
+    std::lock_guard lock(mutex_);
+    transfer = std::move(prepared_);
+  }
+  if (!transfer) return;
+  transfer->task = shared_from_this();
+  if (auto engine = engine_.lock()) {
+    engine->submit(std::move(transfer));
+  } else if (transfer->dataCompletion) {
+    transfer->dataCompletion(std::nullopt, std::nullopt, urlError(cancelled, transfer->url()));
+  } else if (transfer->downloadCompletion) {
+    transfer->downloadCompletion(std::nullopt, std::nullopt, urlError(cancelled, transfer->url()));
+  }
+}
+
+void CurlTask::cancel() {
+  std::unique_ptr<Transfer> transfer;
+  {
+    std::lock_guard lock(mutex_);
+    transfer = std::move(prepared_);
+  }
+  auto engine = engine_.lock();
+  if (!engine) return;
+  if (transfer) {
+    // Never started: it completes as cancelled without touching the network.
+    transfer->failure = urlError(cancelled, originalRequest().url.absoluteString());
+    transfer->task = shared_from_this();
+    engine->submit(std::move(transfer));
+  } else {
+    engine->cancel(taskIdentifier());
+  }
+}
+
+// ---- Engine ----
+
+Engine::Engine(URLSessionConfiguration configuration, std::weak_ptr<URLSessionDelegate> delegate)
+    : configuration_(std::move(configuration)),
+      delegate_(std::move(delegate)),
+      journal_(configuration_.identifier ? std::optional<Journal>(Journal(*configuration_.identifier)) : std::nullopt) {
+  ensureCurlGlobalInit();
+  multi_.reset(curl_multi_init());
+  if (!multi_) fatalError("curl_multi_init failed");
+  curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, configuration_.httpMaximumConnectionsPerHost);
+  curl_multi_setopt(multi_.get(), CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+}
+
+Engine::~Engine() {
+  // Handles must leave the multi handle before either is cleaned up.
+  for (auto& [easy, transfer] : active_) curl_multi_remove_handle(multi_.get(), easy);
+}
+
+void Engine::start(URLSession* owner) {
+  owner_ = owner;
+  std::vector<std::unique_ptr<Transfer>> replays;
+  if (journal_ && !delegate_.expired()) {
+    for (auto& entry : journal_->entries()) {
+      auto kind = entry.uploadFile ? Kind::upload : Kind::download;
+      auto upload = entry.uploadFile ? std::optional(URL::fileURLWithPath(*entry.uploadFile)) : std::nullopt;
+      auto task = std::make_shared<CurlTask>(nextIdentifier_++, std::move(entry.request), weak_from_this());
+      auto transfer = prepare(task, kind, upload);
+      transfer->task = task;
+      transfer->journalPath = entry.path;
+      transfer->replayed = true;
+      replays.push_back(std::move(transfer));
+    }
+  }
+  replaysRemaining_ = replays.size();
+  // The worker keeps the engine alive, so a stop() from the worker itself can let it run out on its own.
+  thread_ = std::thread([self = shared_from_this()] { self->run(); });
+  for (auto& transfer : replays) submit(std::move(transfer));
+}
+
+void Engine::stop() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  curl_multi_wakeup(multi_.get());
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    thread_.detach();
+  } else if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+bool Engine::stopping() {
+  std::lock_guard lock(mutex_);
+  return stopping_;
+}
+
+std::shared_ptr<URLSessionTask> Engine::makeTask(Kind kind, URLRequest request, std::optional<URL> uploadFile,
+                                                 URLSession::DataCompletion dataCompletion,
+                                                 URLSession::DownloadCompletion downloadCompletion) {
+  auto task = std::make_shared<CurlTask>(nextIdentifier_++, std::move(request), weak_from_this());
+  auto transfer = prepare(task, kind, uploadFile);
+  transfer->dataCompletion = std::move(dataCompletion);
+  transfer->downloadCompletion = std::move(downloadCompletion);
+  if (journal_ && transfer->delegated() && kind != Kind::data && !transfer->failure) {
+    transfer->journalPath = journal_->record(task->originalRequest(), transfer->uploadPath);
+  }
+  std::lock_guard lock(task->mutex_);
+  task->prepared_ = std::move(transfer);
+  return task;
+}
+
+std::unique_ptr<Transfer> Engine::prepare(const std::shared_ptr<CurlTask>& task, Kind kind,
+                                          const std::optional<URL>& uploadFile) {
+  auto transfer = std::make_unique<Transfer>();
+  transfer->engine = this;
+  transfer->kind = kind;
+  transfer->taskIdentifier = task->taskIdentifier();
+  const std::string& url = task->originalRequest().url.absoluteString();
+  if (uploadFile) {
+    transfer->uploadPath = uploadFile->path();
+    transfer->uploadFile = FileDescriptor::open(*transfer->uploadPath, O_RDONLY);
+    if (!transfer->uploadFile) transfer->failure = urlError(fileDoesNotExist, url, std::strerror(errno));
+  }
+  if (kind == Kind::download) {
+    std::string pattern = (std::filesystem::temp_directory_path() / "ZuDownload-XXXXXX").string();
+    // mkstemp makes the file readable and writable by the owner only.
+    transfer->downloadFile = FileDescriptor(::mkostemp(pattern.data(), O_CLOEXEC));
+    if (transfer->downloadFile) {
+      transfer->downloadPath = pattern;
+    } else {
+      transfer->failure = urlError(cannotWriteToFile, url, std::strerror(errno));
+    }
+  }
+  transfer->easy.reset(curl_easy_init());
+  if (!transfer->easy) fatalError("curl_easy_init failed");
+  configure(*transfer, task->originalRequest(), configuration_);
+  return transfer;
+}
+
+void Engine::post(std::function<void()> command) {
+  {
+    std::lock_guard lock(mutex_);
+    commands_.push_back(std::move(command));
+  }
+  curl_multi_wakeup(multi_.get());
+}
+
+void Engine::submit(std::unique_ptr<Transfer> transfer) {
+  std::unique_lock lock(mutex_);
+  if (stopping_) {
+    lock.unlock();
+    return abandon(std::move(transfer));
+  }
+  // std::function needs a copyable callable, so the transfer travels as a shared pointer.
+  auto shared = std::make_shared<std::unique_ptr<Transfer>>(std::move(transfer));
+  commands_.push_back([this, shared] { begin(std::move(*shared)); });
+  lock.unlock();
+  curl_multi_wakeup(multi_.get());
+}
+
+void Engine::cancel(std::uint64_t taskIdentifier) {
+  post([this, taskIdentifier] {
+    auto it = std::find_if(active_.begin(), active_.end(),
+                           [&](const auto& entry) { return entry.second->taskIdentifier == taskIdentifier; });
+    if (it == active_.end()) return;  // already completed
+    auto transfer = std::move(it->second);
+    active_.erase(it);
+    curl_multi_remove_handle(multi_.get(), transfer->easy.get());
+    auto error = urlError(cancelled, transfer->url());
+    finish(std::move(transfer), std::move(error));
+  });
+}
+
+void Engine::begin(std::unique_ptr<Transfer> transfer) {
+  if (transfer->failure) {
+    auto error = std::move(transfer->failure);
+    return finish(std::move(transfer), std::move(error));
+  }
+  CURL* easy = transfer->easy.get();
+  if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) {
+    auto error = urlError(unknown, transfer->url(), "curl_multi_add_handle failed");
+    return finish(std::move(transfer), std::move(error));
+  }
+  active_.emplace(easy, std::move(transfer));
+}
+
+void Engine::run() {
+  while (true) {
+    std::vector<std::function<void()>> commands;
+    {
+      std::lock_guard lock(mutex_);
+      if (stopping_) break;
+      commands.swap(commands_);
+    }
+    for (auto& command : commands) command();
+    int running = 0;
+    curl_multi_perform(multi_.get(), &running);
+    collectFinished();
+    curl_multi_poll(multi_.get(), nullptr, 0, 1000, nullptr);
+  }
+  std::vector<std::function<void()>> leftover;
+  {
+    std::lock_guard lock(mutex_);
+    leftover.swap(commands_);
+  }
+  // Submitted transfers are abandoned by begin() once stopping: run them so their completions are called.
+  for (auto& command : leftover) command();
+  for (auto& [easy, transfer] : active_) curl_multi_remove_handle(multi_.get(), easy);
+  auto active = std::move(active_);
+  for (auto& [easy, transfer] : active) abandon(std::move(transfer));
+}
+
+void Engine::collectFinished() {
+  int queued = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    auto it = active_.find(message->easy_handle);
+    if (it == active_.end()) continue;
+    const CURLcode result = message->data.result;
+    auto transfer = std::move(it->second);
+    active_.erase(it);
+    curl_multi_remove_handle(multi_.get(), transfer->easy.get());
+    std::optional<Error> error = std::move(transfer->failure);
+    if (!error && result != CURLE_OK) error = urlError(result, transfer->url(), transfer->errorBuffer);
+    finish(std::move(transfer), std::move(error));
+  }
+}
+
+void Engine::finish(std::unique_ptr<Transfer> transfer, std::optional<Error> error) {
+  if (stopping()) return abandon(std::move(transfer));
+  Transfer& t = *transfer;
+  auto response = responseOf(t);
+  if (!error && !response) error = urlError(networkConnectionLost, t.url(), "no HTTP answer");
+  if (response) t.task->setResponse(*response);
+  if (t.dataCompletion) {
+    if (error) return t.dataCompletion(std::nullopt, std::move(response), std::move(error));
+    return t.dataCompletion(std::move(t.received), std::move(response), std::nullopt);
+  }
+  if (t.downloadCompletion) {
+    if (error) return t.downloadCompletion(std::nullopt, std::move(response), std::move(error));
+    t.downloadFile = FileDescriptor();
+    // The temporary file is removed with the transfer, after the completion has returned.
+    return t.downloadCompletion(URL::fileURLWithPath(t.downloadPath), std::move(response), std::nullopt);
+  }
+  deliverToDelegate(t, error);
+}
+
+void Engine::deliverToDelegate(Transfer& transfer, const std::optional<Error>& error) {
+  auto delegate = delegate_.lock();
+  if (delegate && transfer.kind == Kind::download && !error) {
+    transfer.downloadFile = FileDescriptor();
+    delegate->didFinishDownloadingTo(*owner_, *transfer.task, URL::fileURLWithPath(transfer.downloadPath));
+  }
+  // A callback may have dropped the last reference to the session; then nothing more is delivered.
+  if (delegate && !stopping()) delegate->didCompleteWithError(*owner_, *transfer.task, error);
+  if (!transfer.journalPath.empty()) Journal::remove(transfer.journalPath);
+  if (transfer.replayed && --replaysRemaining_ == 0 && delegate && !stopping()) {
+    delegate->urlSessionDidFinishEvents(*owner_);
+  }
+}
+
+void Engine::deliverData(Transfer& transfer, const char* bytes, std::size_t size) {
+  auto delegate = delegate_.lock();
+  if (!delegate || stopping()) return;
+  delegate->didReceive(*owner_, *transfer.task, Data(bytes, bytes + size));
+}
+
+void Engine::abandon(std::unique_ptr<Transfer> transfer) {
+  // Journalled transfers stay on disk for a later session; those with completions are told they stopped.
+  const std::string url = transfer->task ? transfer->url() : std::string();
+  if (transfer->dataCompletion) {
+    transfer->dataCompletion(std::nullopt, std::nullopt, urlError(cancelled, url));
+  } else if (transfer->downloadCompletion) {
+    transfer->downloadCompletion(std::nullopt, std::nullopt, urlError(cancelled, url));
+  }
+}
+
+}  // namespace zu::detail
