@@ -118,8 +118,7 @@ struct Fields {
   int minute = 0;
   int second = 0;
   int millisecond = 0;
-  int weekday = 0;
-  std::optional<int> parsedWeekday;
+  std::optional<int> weekday;  // always known when formatting; parsed texts need not name it
   int offsetMinutes = 0;
 };
 
@@ -174,14 +173,14 @@ void formatToken(std::string& text, const DatePatternToken& token, const Fields&
       return appendNumber(text, fields.second, 2);
     case DateField::millisecond:
       return appendNumber(text, fields.millisecond, 3);
-    case DateField::isoOffset:
+    case DateField::isoOffset:  // texts are always in GMT
       text += 'Z';
-      return;  // texts are always in GMT
+      return;
     case DateField::weekdayAbbreviation:
-      text += nameAt(kWeekdayAbbreviations, fields.weekday);
+      text += nameAt(kWeekdayAbbreviations, *fields.weekday);
       return;
     case DateField::weekday:
-      text += nameAt(kWeekdays, fields.weekday);
+      text += nameAt(kWeekdays, *fields.weekday);
       return;
   }
 }
@@ -223,7 +222,7 @@ class Scanner {
   template <std::size_t N>
   bool name(const std::array<std::string_view, N>& names, int& index) {
     for (std::size_t i = 0; i < N; ++i) {
-      if (rest_.size() >= names[i].size() && equalsIgnoringCase(rest_.substr(0, names[i].size()), names[i])) {
+      if (equalsIgnoringCase(rest_.substr(0, names[i].size()), names[i])) {
         rest_.remove_prefix(names[i].size());
         index = static_cast<int>(i);
         return true;
@@ -241,8 +240,9 @@ class Scanner {
     const int sign = literal("+") ? 1 : literal("-") ? -1 : 0;
     int hours = 0;
     int offsetMinutes = 0;
-    if (sign == 0 || !number(2, 0, 23, hours) || !literal(":") || !number(2, 0, 59, offsetMinutes))
+    if (sign == 0 || !number(2, 0, 23, hours) || !literal(":") || !number(2, 0, 59, offsetMinutes)) {
       return false;
+    }
     minutes = sign * (hours * 60 + offsetMinutes);
     return true;
   }
@@ -292,9 +292,10 @@ bool scanToken(Scanner& scanner, const DatePatternToken& token, int currentYear,
     case DateField::weekdayAbbreviation:
     case DateField::weekday: {
       int index = 0;
-      if (!scanner.name(token.field == DateField::weekday ? kWeekdays : kWeekdayAbbreviations, index))
+      if (!scanner.name(token.field == DateField::weekday ? kWeekdays : kWeekdayAbbreviations, index)) {
         return false;
-      fields.parsedWeekday = index;
+      }
+      fields.weekday = index;
       return true;
     }
   }
@@ -351,8 +352,9 @@ DatePattern::DatePattern(std::string_view pattern) {
 }
 
 void DatePattern::appendLiteral(std::string_view text) {
-  if (tokens_.empty() || tokens_.back().field != DateField::literal)
+  if (tokens_.empty() || tokens_.back().field != DateField::literal) {
     tokens_.push_back({DateField::literal, {}});
+  }
   tokens_.back().literal += text;
 }
 
@@ -372,7 +374,7 @@ std::optional<double> DatePattern::parse(std::string_view text, int currentYear)
   if (!scanner.atEnd() || fields.day > daysInMonth(fields.year, fields.month)) return std::nullopt;
 
   const std::int64_t days = daysFromCivil(fields.year, fields.month, fields.day);
-  if (fields.parsedWeekday && *fields.parsedWeekday != weekdayOf(days)) return std::nullopt;
+  if (fields.weekday && *fields.weekday != weekdayOf(days)) return std::nullopt;
   const std::int64_t secondOfDay =
       (fields.hour * 60 + fields.minute - fields.offsetMinutes) * 60 + fields.second;
   const std::int64_t milliseconds = days * kMillisecondsPerDay + secondOfDay * 1000 + fields.millisecond;
