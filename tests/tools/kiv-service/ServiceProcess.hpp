@@ -1,0 +1,51 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace kiv::service::test {
+
+/// A temporary folder, removed with everything in it on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+/**
+ * The built kiv-service running on 127.0.0.1 with a port of its own choosing. Its stderr (the request log) goes
+ * to `logFile()` in the data folder. Start and stop wait with time bounds and fail the test when exceeded.
+ */
+class ServiceProcess {
+ public:
+  ServiceProcess(std::filesystem::path dataDir, std::vector<std::string> extraArguments);
+  ~ServiceProcess();
+  ServiceProcess(const ServiceProcess&) = delete;
+  ServiceProcess& operator=(const ServiceProcess&) = delete;
+
+  void start();
+  /// SIGTERM, then waits for a clean exit; answers the exit status.
+  int stop();
+
+  std::string baseUrl() const { return "https://127.0.0.1:" + std::to_string(port_); }
+  std::filesystem::path caFile() const { return dataDir_ / "ca.pem"; }
+  std::filesystem::path logFile() const { return dataDir_ / "service.log"; }
+  const std::filesystem::path& dataDir() const { return dataDir_; }
+
+ private:
+  std::filesystem::path dataDir_;
+  std::vector<std::string> arguments_;
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+}  // namespace kiv::service::test
