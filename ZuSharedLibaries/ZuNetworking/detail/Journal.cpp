@@ -47,18 +47,24 @@ AnyCodable encode(const URLRequest& request, const std::optional<std::string>& u
   return entry;
 }
 
+// JSON keeps no difference between 60 and 60.0: a whole time-out reads back as an integer.
+std::optional<double> seconds(const AnyCodable* value) {
+  if (!value) return std::nullopt;
+  if (auto whole = value->intValue()) return static_cast<double>(*whole);
+  return value->doubleValue();
+}
+
 std::optional<URLRequest> decodeRequest(const AnyCodable::Dictionary& entry) {
   const auto* urlText = entry.find("url");
   const auto* method = entry.find("method");
-  const auto* timeout = entry.find("timeout");
+  const auto timeout = seconds(entry.find("timeout"));
   const auto* headers = entry.find("headers");
-  if (!urlText || !urlText->stringValue() || !method || !method->stringValue() || !timeout ||
-      !timeout->doubleValue() || !headers || !headers->arrayValue()) {
+  if (!urlText || !urlText->stringValue() || !method || !method->stringValue() || !timeout || !headers || !headers->arrayValue()) {
     return std::nullopt;
   }
   auto url = URL::fromString(*urlText->stringValue());
   if (!url) return std::nullopt;
-  URLRequest request(*url, URLRequest::CachePolicy::useProtocolCachePolicy, *timeout->doubleValue());
+  URLRequest request(*url, URLRequest::CachePolicy::useProtocolCachePolicy, *timeout);
   request.httpMethod = *method->stringValue();
   for (const auto& header : *headers->arrayValue()) {
     const auto* pair = header.arrayValue();

@@ -1,0 +1,190 @@
+#pragma once
+
+// An HTTPS server on 127.0.0.1 (port chosen by the system) for transport tests and benchmarks. Its
+// certificate is signed by a throw-away certificate authority made with the openssl tool at start-up; the
+// client trusts that authority's file, never an unverified connection.
+
+#include <httplib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace zutest {
+
+class LoopbackServer {
+ public:
+  /// Makes the certificates in a fresh folder under the temporary directory and starts serving.
+  LoopbackServer() : folder_(makeFolder()) {
+    makeCertificates();
+    server_ = std::make_unique<httplib::SSLServer>((folder_ / "server.pem").c_str(), (folder_ / "server.key").c_str());
+    if (!server_->is_valid()) throw std::runtime_error("test server certificate not loadable");
+    server_->set_keep_alive_max_count(1'000'000);
+    server_->set_payload_max_length(std::numeric_limits<std::size_t>::max());
+    routes();
+    port_ = server_->bind_to_any_port("127.0.0.1");
+    if (port_ <= 0) throw std::runtime_error("test server cannot bind");
+    thread_ = std::thread([this] { server_->listen_after_bind(); });
+  }
+  ~LoopbackServer() {
+    server_->stop();
+    thread_.join();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+
+  int port() const { return port_; }
+  /// "https://127.0.0.1:<port>" + path; `host` may name "localhost" to reach the same server as another host.
+  std::string url(const std::string& path, const std::string& host = "127.0.0.1") const {
+    return "https://" + host + ":" + std::to_string(port_) + path;
+  }
+  std::string caFile() const { return (folder_ / "ca.pem").string(); }
+  /// A second authority that signed nothing this server presents.
+  std::string strangerCAFile() const { return (folder_ / "stranger.pem").string(); }
+  const std::filesystem::path& folder() const { return folder_; }
+  /// Requests served so far, counted when a handler starts.
+  int requestCount() const { return requests_.load(); }
+
+ private:
+  static std::filesystem::path makeFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "zu-loopback-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+    return pattern;
+  }
+
+  void run(const std::string& command) const {
+    const std::string line = "cd '" + folder_.string() + "' && " + command + " >/dev/null 2>&1";
+    if (std::system(line.c_str()) != 0) throw std::runtime_error("failed: " + command);
+  }
+
+  void makeCertificates() const {
+    const std::string ec = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
+    run("openssl req -x509 " + ec + " -keyout ca.key -out ca.pem -days 2 -subj '/CN=Zu Loopback Test CA'");
+    run("openssl req -x509 " + ec + " -keyout stranger.key -out stranger.pem -days 2 -subj '/CN=Zu Stranger CA'");
+    std::ofstream(folder_ / "server.ext") << "subjectAltName=IP:127.0.0.1,DNS:localhost\nbasicConstraints=CA:FALSE\n"
+                                             "extendedKeyUsage=serverAuth\n";
+    run("openssl req " + ec + " -keyout server.key -out server.csr -subj '/CN=127.0.0.1'");
+    run("openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem -days 2 "
+        "-extfile server.ext");
+  }
+
+  static std::string field(const std::string& text) {
+    std::string escaped;
+    for (char c : text) {
+      if (c == '"' || c == '\\') escaped += '\\';
+      escaped += c;
+    }
+    return "\"" + escaped + "\"";
+  }
+
+  static std::size_t sizeParameter(const httplib::Request& request, const char* name, std::size_t fallback) {
+    return request.has_param(name) ? std::stoull(request.get_param_value(name)) : fallback;
+  }
+
+  void routes() {
+    server_->set_pre_routing_handler([this](const httplib::Request&, httplib::Response&) {
+      ++requests_;
+      return httplib::Server::HandlerResponse::Unhandled;
+    });
+    // The request as the server saw it, as JSON.
+    auto echo = [](const httplib::Request& request, httplib::Response& response) {
+      response.set_content("{\"method\":" + field(request.method) + ",\"body\":" + field(request.body) +
+                               ",\"authorization\":" + field(request.get_header_value("Authorization")) +
+                               ",\"contentType\":" + field(request.get_header_value("Content-Type")) +
+                               ",\"query\":" + field(request.has_param("a") ? request.get_param_value("a") : "") + "}",
+                           "application/json");
+    };
+    server_->Get("/echo", echo);
+    server_->Post("/echo", echo);
+    server_->Delete("/echo", echo);
+    server_->Get("/json", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content("{\"ok\":true}", "application/json");
+    });
+    server_->Get(R"(/status/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
+      response.status = std::stoi(request.matches[1]);
+      if (request.has_param("body")) response.set_content(request.get_param_value("body"), "application/json");
+    });
+    server_->Get("/garbage", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content("<<< not json", "text/html");
+    });
+    server_->Get("/redirect-to-other-host", [this](const httplib::Request&, httplib::Response& response) {
+      response.set_redirect(url("/echo", "localhost"));
+    });
+    server_->Get("/redirect-same-host", [this](const httplib::Request&, httplib::Response& response) {
+      response.set_redirect(url("/echo"));
+    });
+    // Answers after `ms` milliseconds of silence.
+    server_->Get("/stall", [](const httplib::Request& request, httplib::Response& response) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(sizeParameter(request, "ms", 3000)));
+      response.set_content("{}", "application/json");
+    });
+    // One byte every `gap` ms, `count` bytes: slow but never idle.
+    server_->Get("/drip", [](const httplib::Request& request, httplib::Response& response) {
+      const auto count = sizeParameter(request, "count", 10);
+      const auto gap = sizeParameter(request, "gap", 200);
+      response.set_content_provider(count, "application/octet-stream",
+                                    [gap](std::size_t, std::size_t, httplib::DataSink& sink) {
+                                      std::this_thread::sleep_for(std::chrono::milliseconds(gap));
+                                      return sink.write("0", 1);
+                                    });
+    });
+    // Promises `size` bytes, sends `sent`, then drops the connection.
+    server_->Get("/truncated", [](const httplib::Request& request, httplib::Response& response) {
+      const auto sent = sizeParameter(request, "sent", 10);
+      response.set_content_provider(sizeParameter(request, "size", 100000), "application/json",
+                                    [sent](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                                      if (offset >= sent) return false;
+                                      const std::string chunk(sent, '[');
+                                      return sink.write(chunk.data(), chunk.size());
+                                    });
+    });
+    // `size` bytes of a repeating pattern, streamed.
+    server_->Get("/bytes", [](const httplib::Request& request, httplib::Response& response) {
+      response.set_content_provider(sizeParameter(request, "size", 1024), "application/octet-stream",
+                                    [](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+                                      static const std::string block = [] {
+                                        std::string b(1 << 16, '\0');
+                                        for (std::size_t i = 0; i < b.size(); ++i) b[i] = static_cast<char>(i % 251);
+                                        return b;
+                                      }();
+                                      const std::size_t start = offset % 251;
+                                      const std::size_t n = std::min(length, block.size() - start);
+                                      return sink.write(block.data() + start, n);
+                                    });
+    });
+    // Counts an upload's bytes without keeping them.
+    auto count = [](const httplib::Request& request, httplib::Response& response,
+                    const httplib::ContentReader& reader) {
+      std::size_t received = 0;
+      reader([&](const char*, std::size_t length) {
+        received += length;
+        return true;
+      });
+      if (request.has_param("empty")) {
+        response.status = 204;
+        return;
+      }
+      response.set_content("{\"received\":" + std::to_string(received) + ",\"disposition\":" +
+                               field(request.get_header_value("Content-Disposition")) + "}",
+                           "application/json");
+    };
+    server_->Put("/upload", count);
+    server_->Post("/upload", count);
+  }
+
+  std::filesystem::path folder_;
+  std::unique_ptr<httplib::SSLServer> server_;
+  int port_ = 0;
+  std::thread thread_;
+  std::atomic<int> requests_{0};
+};
+
+}  // namespace zutest

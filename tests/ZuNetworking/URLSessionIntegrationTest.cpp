@@ -1,0 +1,387 @@
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "AnyCodable/JSONSerialization.hpp"
+#include "Completions.hpp"
+#include "LoopbackServer.hpp"
+#include "ZuFileManager/ZuFileManager.hpp"
+#include "ZuFoundation/DispatchQueue.hpp"
+#include "ZuNetworking/ZuNetworking.hpp"
+
+namespace {
+
+using zu::AnyCodable;
+using zutest::CallCounter;
+
+zutest::LoopbackServer* server = nullptr;
+
+class ServerEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    server = new zutest::LoopbackServer;
+    zu::URLSession::setAdditionalCertificateAuthorityFile(server->caFile());
+    zu::ZuFileManager::setApplicationDataDirectory((server->folder() / "appdata").string());
+  }
+  void TearDown() override {
+    delete server;
+    server = nullptr;
+  }
+};
+const auto* const environment = ::testing::AddGlobalTestEnvironment(new ServerEnvironment);
+
+zu::URL url(const std::string& path, const std::string& host = "127.0.0.1") {
+  return *zu::URL::fromString(server->url(path, host));
+}
+
+/// The outcome of one data task, and how often its completion ran.
+struct Exchange {
+  CallCounter calls;
+  std::optional<zu::Data> data;
+  std::optional<zu::HTTPURLResponse> response;
+  std::optional<zu::Error> error;
+  std::thread::id thread;
+
+  zu::URLSession::DataCompletion completion() {
+    return [this](auto d, auto r, auto e) {
+      data = std::move(d);
+      response = std::move(r);
+      error = std::move(e);
+      thread = std::this_thread::get_id();
+      calls.called();
+    };
+  }
+  std::string text() const { return data ? std::string(data->begin(), data->end()) : std::string(); }
+  long errorCode() const { return error ? error->code() : 0; }
+};
+
+/// Waits until every earlier completion of the shared session has run, by sending one more request.
+void flushSharedSession() {
+  Exchange probe;
+  zu::URLSession::shared()->dataTask(zu::URLRequest(url("/json")), probe.completion())->resume();
+  ASSERT_TRUE(probe.calls.waitFor(1));
+}
+
+void expectExactlyOnce(Exchange& exchange) {
+  ASSERT_TRUE(exchange.calls.waitFor(1)) << "no completion";
+  flushSharedSession();
+  EXPECT_EQ(exchange.calls.count(), 1);
+}
+
+void run(zu::URLRequest request, Exchange& exchange, const std::shared_ptr<zu::URLSession>& session = zu::URLSession::shared()) {
+  session->dataTask(std::move(request), exchange.completion())->resume();
+  expectExactlyOnce(exchange);
+}
+
+zu::URLRequest withTimeout(const zu::URL& target, double seconds) {
+  return zu::URLRequest(target, zu::URLRequest::CachePolicy::useProtocolCachePolicy, seconds);
+}
+
+// A port that nothing listens on: bound once, then closed.
+int closedPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+std::string makeFile(const std::string& name, std::size_t size) {
+  const auto path = server->folder() / name;
+  std::ofstream out(path, std::ios::binary);
+  std::string chunk(1 << 16, 'u');
+  for (std::size_t written = 0; written < size; written += chunk.size()) {
+    out.write(chunk.data(), static_cast<std::streamsize>(std::min(chunk.size(), size - written)));
+  }
+  return path.string();
+}
+
+bool eventuallyGone(const std::string& path) {
+  for (int i = 0; i < 500 && std::filesystem::exists(path); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return !std::filesystem::exists(path);
+}
+
+TEST(URLSessionIntegration, DataTaskDeliversAnswerOnTheWorkerThreadAndSetsTheTaskResponse) {
+  Exchange exchange;
+  auto task = zu::URLSession::shared()->dataTask(zu::URLRequest(url("/json")), exchange.completion());
+  EXPECT_FALSE(task->response());
+  task->resume();
+  expectExactlyOnce(exchange);
+  EXPECT_FALSE(exchange.error);
+  EXPECT_EQ(exchange.text(), R"({"ok":true})");
+  EXPECT_EQ(exchange.response->statusCode, 200);
+  EXPECT_EQ(exchange.response->allHeaderFields.value("content-type"), "application/json");
+  EXPECT_EQ(task->response()->statusCode, 200);
+  EXPECT_NE(exchange.thread, std::this_thread::get_id());
+}
+
+TEST(URLSessionIntegration, TransportFailuresCompleteOnceWithPlatformCodes) {
+  struct Case {
+    const char* name;
+    zu::URLRequest request;
+    long code;
+  };
+  const std::vector<Case> cases{
+      {"refused", zu::URLRequest(*zu::URL::fromString("https://127.0.0.1:" + std::to_string(closedPort()) + "/")), -1004},
+      {"stalled", withTimeout(url("/stall?ms=2500"), 1), -1001},
+      {"truncated", zu::URLRequest(url("/truncated?size=100000&sent=10")), -1005},
+  };
+  for (const auto& c : cases) {
+    Exchange exchange;
+    run(c.request, exchange);
+    EXPECT_EQ(exchange.errorCode(), c.code) << c.name;
+    EXPECT_EQ(exchange.error->domain(), "NSURLErrorDomain") << c.name;
+    EXPECT_FALSE(exchange.data) << c.name;
+  }
+}
+
+TEST(URLSessionIntegration, UntrustedCertificateIsRejected) {
+  auto configuration = zu::URLSessionConfiguration::defaultConfiguration();
+  configuration.additionalCertificateAuthorityFile = server->strangerCAFile();
+  auto session = zu::URLSession::make(configuration);
+  Exchange exchange;
+  session->dataTask(zu::URLRequest(url("/json")), exchange.completion())->resume();
+  ASSERT_TRUE(exchange.calls.waitFor(1));
+  EXPECT_EQ(exchange.errorCode(), -1202);
+  EXPECT_EQ(exchange.error->localizedDescription(), "The certificate for this server is invalid.");
+}
+
+TEST(URLSessionIntegration, IdleTimeoutSparesATransferThatKeepsMoving) {
+  Exchange exchange;
+  run(withTimeout(url("/drip?count=12&gap=200"), 1), exchange);  // 2.4 s in all, never 1 s idle
+  EXPECT_FALSE(exchange.error);
+  EXPECT_EQ(exchange.text(), std::string(12, '0'));
+}
+
+TEST(URLSessionIntegration, CancelCompletesOnceWithMinus999) {
+  Exchange running;
+  auto task = zu::URLSession::shared()->dataTask(zu::URLRequest(url("/stall?ms=2000")), running.completion());
+  task->resume();
+  task->cancel();
+  task->cancel();
+  expectExactlyOnce(running);
+  EXPECT_EQ(running.errorCode(), -999);
+
+  Exchange suspended;
+  auto never = zu::URLSession::shared()->dataTask(zu::URLRequest(url("/json")), suspended.completion());
+  never->cancel();
+  never->resume();
+  expectExactlyOnce(suspended);
+  EXPECT_EQ(suspended.errorCode(), -999);
+}
+
+TEST(URLSessionIntegration, AuthorizationFollowsRedirectsOnlyToTheSameHost) {
+  for (auto [path, expected] : {std::pair{"/redirect-to-other-host", ""}, std::pair{"/redirect-same-host", "secret"}}) {
+    zu::URLRequest request(url(path));
+    request.setValue("secret", "Authorization");
+    Exchange exchange;
+    run(request, exchange);
+    ASSERT_FALSE(exchange.error) << path;
+    auto answer = zu::JSONSerialization::jsonObject(*exchange.data);
+    EXPECT_EQ(*answer->dictionaryValue()->find("authorization"), AnyCodable(expected)) << path;
+  }
+}
+
+TEST(URLSessionIntegration, LargeBodiesAndManyConcurrentTasksEachCompleteOnce) {
+  Exchange big;
+  constexpr std::size_t size = 8 << 20;
+  run(zu::URLRequest(url("/bytes?size=" + std::to_string(size))), big);
+  ASSERT_EQ(big.data->size(), size);
+  EXPECT_EQ((*big.data)[size - 1], static_cast<std::uint8_t>((size - 1) % 251));
+
+  std::vector<std::unique_ptr<Exchange>> exchanges;
+  for (int i = 0; i < 40; ++i) {
+    exchanges.push_back(std::make_unique<Exchange>());
+    const char* path = i % 4 == 0 ? "/garbage" : i % 4 == 1 ? "/status/500" : "/json";
+    zu::URLSession::shared()->dataTask(zu::URLRequest(url(path)), exchanges.back()->completion())->resume();
+  }
+  for (auto& exchange : exchanges) ASSERT_TRUE(exchange->calls.waitFor(1));
+  flushSharedSession();
+  for (auto& exchange : exchanges) EXPECT_EQ(exchange->calls.count(), 1);
+}
+
+/// What a ZuNetworking completion received.
+struct JSONOutcome {
+  CallCounter calls;
+  std::optional<AnyCodable> payload;
+  std::optional<zu::Error> error;
+  std::thread::id thread;
+  zu::ZuNetworking::JSONCompletion completion() {
+    return [this](auto p, auto e) {
+      payload = std::move(p);
+      error = std::move(e);
+      thread = std::this_thread::get_id();
+      calls.called();
+    };
+  }
+  const AnyCodable& field(const char* key) const { return *payload->dictionaryValue()->find(key); }
+};
+
+TEST(ZuNetworkingIntegration, SendsJSONQueriesAndJudgesStatusesOverTLS) {
+  auto networking = std::make_shared<zu::ZuNetworking>("app-token t", "Tests.Send");
+  JSONOutcome post;
+  networking->sendRequest(url("/echo"), "POST", {}, AnyCodable::Dictionary{{"k", "v"}}, false, post.completion());
+  ASSERT_TRUE(post.calls.waitFor(1));
+  EXPECT_EQ(post.field("body"), AnyCodable(R"({"k":"v"})"));
+  EXPECT_EQ(post.field("authorization"), AnyCodable("app-token t"));
+  EXPECT_EQ(post.field("contentType"), AnyCodable("application/json"));
+
+  JSONOutcome query;
+  networking->sendRequest(url("/echo"), "GET", {}, AnyCodable::Dictionary{{"a", "1 & 2"}}, false, query.completion());
+  ASSERT_TRUE(query.calls.waitFor(1));
+  EXPECT_EQ(query.field("query"), AnyCodable("1 & 2"));
+  EXPECT_EQ(query.field("body"), AnyCodable(""));
+
+  JSONOutcome notFound;
+  networking->sendRequest(url("/status/404?body=%7B%22detail%22%3A%22Not%20found.%22%7D"), "GET", {}, std::nullopt,
+                          false, notFound.completion());
+  ASSERT_TRUE(notFound.calls.waitFor(1));
+  EXPECT_EQ(notFound.error->zuError(), zu::ZuError::unsuccesfullHTTPResponseCode(404, "\nNot found."));
+
+  JSONOutcome garbage;
+  networking->sendRequest(url("/garbage"), "GET", {}, std::nullopt, false, garbage.completion());
+  ASSERT_TRUE(garbage.calls.waitFor(1));
+  EXPECT_EQ(garbage.error->code(), 3840);
+}
+
+TEST(ZuNetworkingIntegration, ForegroundUploadStreamsTheFileAndMissingFilesFail) {
+  auto networking = std::make_shared<zu::ZuNetworking>(std::nullopt, "Tests.Upload");
+  const auto file = zu::URL::fileURLWithPath(makeFile("clip one.mp4", 5'000'001));
+  JSONOutcome upload;
+  networking->uploadRequest(url("/upload"), false, "PUT", "video/mp4", {}, file, upload.completion());
+  ASSERT_TRUE(upload.calls.waitFor(1));
+  ASSERT_FALSE(upload.error);
+  EXPECT_EQ(upload.field("received"), AnyCodable(5'000'001));
+  EXPECT_EQ(upload.field("disposition"), AnyCodable("attachment; filename=clip one.mp4"));
+
+  JSONOutcome missing;
+  networking->uploadRequest(url("/upload"), false, "PUT", "video/mp4", {},
+                            zu::URL::fileURLWithPath("/nonexistent/file.mp4"), missing.completion());
+  ASSERT_TRUE(missing.calls.waitFor(1));
+  EXPECT_EQ(missing.error->code(), -1100);
+}
+
+TEST(ZuNetworkingIntegration, DownloadFileIsPrivateAndRemovedAfterTheCompletion) {
+  auto networking = std::make_shared<zu::ZuNetworking>(std::nullopt, "Tests.Download");
+  for (bool inBackground : {false, true}) {
+    CallCounter calls;
+    std::string path;
+    std::uintmax_t size = 0;
+    unsigned mode = 0;
+    const auto target = url("/bytes?size=3000000&run=" + std::to_string(inBackground));
+    networking->downloadRequest(target, inBackground, "GET", {}, [&](auto location, auto error) {
+      EXPECT_FALSE(error);
+      path = location->path();
+      size = std::filesystem::file_size(path);
+      struct stat info {};
+      ::stat(path.c_str(), &info);
+      mode = info.st_mode & 0777;
+      calls.called();
+    });
+    EXPECT_EQ(networking->isTaskPending(target), inBackground);
+    ASSERT_TRUE(calls.waitFor(1));
+    EXPECT_EQ(size, 3'000'000u);
+    EXPECT_EQ(mode, 0600u);
+    EXPECT_TRUE(eventuallyGone(path));
+    EXPECT_FALSE(networking->isTaskPending(target));
+  }
+}
+
+TEST(ZuNetworkingIntegration, BackgroundUploadsCompleteOnceOnTheSessionThread) {
+  auto networking = std::make_shared<zu::ZuNetworking>(std::nullopt, "Tests.BackgroundUpload");
+  const auto file = zu::URL::fileURLWithPath(makeFile("photo.jpg", 200'000));
+  std::vector<std::unique_ptr<JSONOutcome>> outcomes;
+  for (int i = 0; i < 20; ++i) {
+    outcomes.push_back(std::make_unique<JSONOutcome>());
+    const auto target = url(i % 2 ? "/upload" : "/upload?empty=1");
+    networking->uploadRequest(target, true, "PUT", "image/jpeg", {}, file, outcomes.back()->completion());
+  }
+  for (auto& outcome : outcomes) ASSERT_TRUE(outcome->calls.waitFor(1));
+  for (std::size_t i = 0; i < outcomes.size(); ++i) {
+    EXPECT_FALSE(outcomes[i]->error);
+    if (i % 2) {
+      EXPECT_EQ(outcomes[i]->field("received"), AnyCodable(200'000));
+    }
+    EXPECT_EQ(outcomes[i]->thread, outcomes[0]->thread);
+    EXPECT_EQ(outcomes[i]->calls.count(), 1);
+  }
+}
+
+/// Records a background session's delegate events in order.
+class RecordingDelegate : public zu::URLSessionDelegate {
+ public:
+  void didFinishDownloadingTo(zu::URLSession&, zu::URLSessionTask&, const zu::URL& location) override {
+    record("downloaded " + std::to_string(std::filesystem::file_size(location.path())));
+  }
+  void didCompleteWithError(zu::URLSession&, zu::URLSessionTask& task, const std::optional<zu::Error>& error) override {
+    record(task.originalRequest().httpMethod + " completed " + (error ? std::to_string(error->code()) : "ok"));
+  }
+  void urlSessionDidFinishEvents(zu::URLSession&) override {
+    record("finished events");
+    finished.called();
+  }
+  std::vector<std::string> events() {
+    std::lock_guard lock(mutex);
+    return events_;
+  }
+  CallCounter finished;
+
+ private:
+  void record(std::string event) {
+    std::lock_guard lock(mutex);
+    events_.push_back(std::move(event));
+  }
+  std::mutex mutex;
+  std::vector<std::string> events_;
+};
+
+TEST(URLSessionIntegration, ALaterProcessResumesJournalledTransfersAndDeliversTheirEvents) {
+  const std::string identifier = "Tests.Journal/one";
+  const std::string appData = zu::ZuFileManager::applicationDataDirectory();
+  const std::string upload = makeFile("journalled.bin", 123'456);
+  const std::string downloadURL = server->url("/bytes?size=54321");
+  const std::string uploadURL = server->url("/upload");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::execl(ZU_JOURNAL_CHILD, ZU_JOURNAL_CHILD, appData.c_str(), server->caFile().c_str(), identifier.c_str(),
+            downloadURL.c_str(), uploadURL.c_str(), upload.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto session = zu::URLSession::make(zu::URLSessionConfiguration::background(identifier), delegate);
+  ASSERT_TRUE(delegate->finished.waitFor(1));
+  auto events = delegate->events();
+  ASSERT_EQ(events.size(), 4u);
+  EXPECT_EQ(events.back(), "finished events");
+  std::sort(events.begin(), events.end() - 1);
+  EXPECT_EQ(events, (std::vector<std::string>{"GET completed ok", "PUT completed ok", "downloaded 54321",
+                                              "finished events"}));
+
+  // Delivered events leave the journal: a third session has nothing to resume.
+  auto again = std::make_shared<RecordingDelegate>();
+  auto third = zu::URLSession::make(zu::URLSessionConfiguration::background(identifier), again);
+  EXPECT_FALSE(again->finished.waitFor(1, std::chrono::seconds(1)));
+  EXPECT_TRUE(again->events().empty());
+}
+
+}  // namespace
