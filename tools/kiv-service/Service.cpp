@@ -118,6 +118,8 @@ Service::Service(const Options& options)
   server_->new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<std::size_t>(threads)); };
   // Keep-alive connections stay open for as many requests as the client wants, like any production server.
   server_->set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
+  // TLS writes a response in several records; with Nagle on, each small answer would wait for a delayed ACK.
+  server_->set_tcp_nodelay(true);
   server_->set_pre_routing_handler([](const Request& request, Response&) {
     requestStart = std::chrono::steady_clock::now();
     // A request without Content-Length or chunked encoding has no body (RFC 9112, 6.3), but httplib would wait
