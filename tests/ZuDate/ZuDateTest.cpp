@@ -6,6 +6,8 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "ZuDate/ZuDate.hpp"
 
@@ -165,6 +167,22 @@ TEST(ZuDate, OutOfRangeSecondsAreNotWrittenButDatesAreClamped) {
   EXPECT_EQ(zu::stringWithAPIFormat(zu::Date(1e300), style), "9999-12-31T23:59:59.999Z");
   EXPECT_EQ(zu::stringWithAPIFormat(zu::Date(-kInfinity), style), "0001-01-01T00:00:00.000Z");
   EXPECT_EQ(zu::stringWithAPIFormat(zu::Date(kNaN), style), "0001-01-01T00:00:00.000Z");
+}
+
+// Run under the tsan preset this shows that no formatter state is shared between threads.
+TEST(ZuDate, WritesAndParsesOnManyThreadsAtOnce) {
+  std::vector<std::thread> threads;
+  for (const auto style : {DateFormatterStyle::api, DateFormatterStyle::shortDate, DateFormatterStyle::time}) {
+    threads.emplace_back([style] {
+      const std::string expected = zu::stringWithAPIFormat(kSundayEveningDate, style);
+      for (int i = 0; i < 2000; ++i) {
+        const auto text = zu::stringWithAPIFormat(kSundayEveningDate, style);
+        EXPECT_EQ(text, expected);
+        EXPECT_TRUE(zu::dateFromString(text, style).has_value());
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
 }
 
 }  // namespace
