@@ -184,6 +184,15 @@ TEST(URLSessionIntegration, CancelCompletesOnceWithMinus999) {
   never->resume();
   expectExactlyOnce(suspended);
   EXPECT_EQ(suspended.errorCode(), -999);
+
+  // A session that goes away first still owes its tasks their completions.
+  Exchange orphan;
+  auto session = zu::URLSession::make(zu::URLSessionConfiguration::defaultConfiguration());
+  auto left = session->dataTask(zu::URLRequest(url("/json")), orphan.completion());
+  session.reset();
+  left->resume();
+  ASSERT_TRUE(orphan.calls.waitFor(1));
+  EXPECT_EQ(orphan.errorCode(), -999);
 }
 
 TEST(URLSessionIntegration, AuthorizationFollowsRedirectsOnlyToTheSameHost) {

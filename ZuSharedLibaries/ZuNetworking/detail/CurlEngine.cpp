@@ -130,6 +130,8 @@ void setMethodAndBody(Transfer& transfer, const URLRequest& request) {
       setOption(easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(info.st_size));
     }
     setOption(easy, CURLOPT_UPLOAD, 1L);
+    // Larger reads than the default 64 KiB keep TLS records full; memory stays bounded per transfer.
+    setOption(easy, CURLOPT_UPLOAD_BUFFERSIZE, 256L * 1024);
     setOption(easy, CURLOPT_READFUNCTION, &onUploadRead);
     setOption(easy, CURLOPT_READDATA, &transfer);
     setOption(easy, CURLOPT_SEEKFUNCTION, &onUploadSeek);
@@ -221,39 +223,44 @@ CurlTask::CurlTask(std::uint64_t identifier, URLRequest request, std::weak_ptr<E
 
 CurlTask::~CurlTask() = default;
 
-void CurlTask::resume() {
-  std::unique_ptr<Transfer> transfer;
-  {
-    std::lock_guard lock(mutex_);
-    transfer = std::move(prepared_);
-  }
-  if (!transfer) return;
-  transfer->task = shared_from_this();
-  if (auto engine = engine_.lock()) {
-    engine->submit(std::move(transfer));
-  } else if (transfer->dataCompletion) {
-    transfer->dataCompletion(std::nullopt, std::nullopt, urlError(cancelled, transfer->url()));
-  } else if (transfer->downloadCompletion) {
-    transfer->downloadCompletion(std::nullopt, std::nullopt, urlError(cancelled, transfer->url()));
+namespace {
+
+// The session is gone: a transfer with a completion is told it was cancelled; delegate events have no session.
+void completeWithoutSession(Transfer& transfer, const std::string& url) {
+  if (transfer.dataCompletion) {
+    transfer.dataCompletion(std::nullopt, std::nullopt, urlError(cancelled, url));
+  } else if (transfer.downloadCompletion) {
+    transfer.downloadCompletion(std::nullopt, std::nullopt, urlError(cancelled, url));
   }
 }
 
+}  // namespace
+
+std::unique_ptr<Transfer> CurlTask::takePrepared() {
+  std::lock_guard lock(mutex_);
+  return std::move(prepared_);
+}
+
+void CurlTask::resume() {
+  auto transfer = takePrepared();
+  if (!transfer) return;
+  transfer->task = shared_from_this();
+  if (auto engine = engine_.lock()) return engine->submit(std::move(transfer));
+  completeWithoutSession(*transfer, originalRequest().url.absoluteString());
+}
+
 void CurlTask::cancel() {
-  std::unique_ptr<Transfer> transfer;
-  {
-    std::lock_guard lock(mutex_);
-    transfer = std::move(prepared_);
-  }
+  auto transfer = takePrepared();
   auto engine = engine_.lock();
-  if (!engine) return;
-  if (transfer) {
-    // Never started: it completes as cancelled without touching the network.
-    transfer->failure = urlError(cancelled, originalRequest().url.absoluteString());
-    transfer->task = shared_from_this();
-    engine->submit(std::move(transfer));
-  } else {
-    engine->cancel(taskIdentifier());
+  if (!transfer) {
+    if (engine) engine->cancel(taskIdentifier());
+    return;
   }
+  if (!engine) return completeWithoutSession(*transfer, originalRequest().url.absoluteString());
+  // Never started: it completes as cancelled without touching the network.
+  transfer->failure = urlError(cancelled, originalRequest().url.absoluteString());
+  transfer->task = shared_from_this();
+  engine->submit(std::move(transfer));
 }
 
 // ---- Engine ----
@@ -422,7 +429,7 @@ void Engine::run() {
     std::lock_guard lock(mutex_);
     leftover.swap(commands_);
   }
-  // Submitted transfers are abandoned by begin() once stopping: run them so their completions are called.
+  // Transfers submitted before the stop still owe their completions: they are taken in, then abandoned.
   for (auto& command : leftover) command();
   for (auto& [easy, transfer] : active_) curl_multi_remove_handle(multi_.get(), easy);
   auto active = std::move(active_);
@@ -485,13 +492,8 @@ void Engine::deliverData(Transfer& transfer, const char* bytes, std::size_t size
 }
 
 void Engine::abandon(std::unique_ptr<Transfer> transfer) {
-  // Journalled transfers stay on disk for a later session; those with completions are told they stopped.
-  const std::string url = transfer->task ? transfer->url() : std::string();
-  if (transfer->dataCompletion) {
-    transfer->dataCompletion(std::nullopt, std::nullopt, urlError(cancelled, url));
-  } else if (transfer->downloadCompletion) {
-    transfer->downloadCompletion(std::nullopt, std::nullopt, urlError(cancelled, url));
-  }
+  // Journalled transfers stay on disk for a later session.
+  completeWithoutSession(*transfer, transfer->url());
 }
 
 }  // namespace zu::detail

@@ -31,6 +31,8 @@ class CurlTask final : public URLSessionTask, public std::enable_shared_from_thi
 
  private:
   friend class Engine;
+  std::unique_ptr<Transfer> takePrepared();
+
   std::mutex mutex_;
   std::unique_ptr<Transfer> prepared_;
   std::weak_ptr<Engine> engine_;
