@@ -9,11 +9,10 @@ namespace zutest {
 /// Counts calls from any thread and lets a test wait, with a bound, until enough have arrived.
 class CallCounter {
  public:
+  // Notifies under the lock: a waiter that sees its count may destroy the counter as soon as it is released.
   void called() {
-    {
-      std::lock_guard lock(mutex_);
-      ++count_;
-    }
+    std::lock_guard lock(mutex_);
+    ++count_;
     changed_.notify_all();
   }
   /// Whether `expected` calls arrived within `limit`.
