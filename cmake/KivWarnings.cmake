@@ -1,4 +1,5 @@
 # Warnings for our own targets only; third-party headers are included as system headers.
 function(kiv_set_warnings target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow=compatible-local -Wconversion -Wno-sign-conversion)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wconversion -Wno-sign-conversion
+    $<$<CXX_COMPILER_ID:GNU>:-Wshadow=compatible-local>)
 endfunction()

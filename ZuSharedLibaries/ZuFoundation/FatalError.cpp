@@ -5,9 +5,9 @@
 
 namespace zu {
 
-void fatalError(std::string_view message, std::source_location location) {
+void fatalError(std::string_view message, const char* file, int line) {
   std::fprintf(stderr, "Fatal error: %.*s: file %s, line %u\n", static_cast<int>(message.size()), message.data(),
-               location.file_name(), static_cast<unsigned>(location.line()));
+               file, line);
   std::fflush(stderr);
   std::abort();
 }

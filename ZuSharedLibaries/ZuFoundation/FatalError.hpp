@@ -1,6 +1,5 @@
 #pragma once
 
-#include <source_location>
 #include <string_view>
 
 namespace zu {
@@ -10,7 +9,7 @@ namespace zu {
  * failure such as bad input or a network error). Writes "Fatal error: <message>: file <file>, line <line>"
  * to standard error, then calls `std::abort()`.
  */
-[[noreturn]] void fatalError(std::string_view message,
-                             std::source_location location = std::source_location::current());
+[[noreturn]] void fatalError(std::string_view message, const char* file = __builtin_FILE(),
+                             int line = __builtin_LINE());
 
 }  // namespace zu
