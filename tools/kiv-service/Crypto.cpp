@@ -40,8 +40,8 @@ std::string sha256OfFile(const std::filesystem::path& path) {
 std::string hmacSha256Hex(std::string_view key, std::string_view text) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> mac{};
   unsigned int length = 0;
-  HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), reinterpret_cast<const unsigned char*>(text.data()),
-       text.size(), mac.data(), &length);
+  HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
+       reinterpret_cast<const unsigned char*>(text.data()), text.size(), mac.data(), &length);
   return toHex({reinterpret_cast<const char*>(mac.data()), length});
 }
 

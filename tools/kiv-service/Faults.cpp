@@ -8,8 +8,8 @@
 #include <sys/socket.h>
 
 #include <httplib.h>
-#include <nlohmann/json.hpp>
 #include <openssl/ssl.h>
+#include <nlohmann/json.hpp>
 
 namespace kiv::service {
 namespace {
@@ -43,7 +43,8 @@ std::string_view nameOf(Fault::Kind kind) {
 
 constexpr std::chrono::minutes kDefaultStall{10};
 
-// Zero linger turns the close that follows into a reset, which is what a crashed peer or a proxy cut looks like.
+// Zero linger turns the close that follows into a reset, which is what a crashed peer or a proxy cut looks
+// like.
 void dropConnection(const httplib::Request& request, bool halfClose) {
   if (!request.ssl) return;
   const int socket = SSL_get_fd(request.ssl);
@@ -52,8 +53,9 @@ void dropConnection(const httplib::Request& request, bool halfClose) {
   if (halfClose) shutdown(socket, SHUT_RDWR);
 }
 
-// Stored files are answered through a content provider, JSON through the body; either way only the first half goes
-// out. With `reset` the headers still announce the whole length and the connection is dropped after the half.
+// Stored files are answered through a content provider, JSON through the body; either way only the first half
+// goes out. With `reset` the headers still announce the whole length and the connection is dropped after the
+// half.
 void cutBody(const httplib::Request& request, httplib::Response& response, bool reset) {
   if (!response.content_provider_) {
     response.content_length_ = response.body.size();
@@ -99,7 +101,8 @@ std::optional<Fault> Fault::fromJson(const json& object) {
   } catch (const json::exception&) {
     return std::nullopt;
   }
-  if (fault.status < 100 || fault.status > 599 || fault.times < 0 || fault.duration.count() < 0) return std::nullopt;
+  if (fault.status < 100 || fault.status > 599 || fault.times < 0 || fault.duration.count() < 0)
+    return std::nullopt;
   return fault;
 }
 
@@ -122,7 +125,8 @@ std::optional<Fault> Fault::fromText(std::string_view text) {
 }
 
 json Fault::toJson() const {
-  return {{"kind", nameOf(kind)}, {"ms", duration.count()}, {"status", status}, {"text", text}, {"times", times}};
+  return {
+      {"kind", nameOf(kind)}, {"ms", duration.count()}, {"status", status}, {"text", text}, {"times", times}};
 }
 
 void Faults::set(const std::string& route, Fault fault) {

@@ -43,8 +43,8 @@ struct Fault {
 };
 
 /**
- * The faults switched on per route (names such as "create", "get", "put"; "*" hits every route), changeable at
- * run time. A route asks `take` once per request; the fault it gets is applied by `before` (ahead of the
+ * The faults switched on per route (names such as "create", "get", "put"; "*" hits every route), changeable
+ * at run time. A route asks `take` once per request; the fault it gets is applied by `before` (ahead of the
  * handler) and `after` (to the finished answer).
  *
  * @par Thread Safety
@@ -59,7 +59,8 @@ class Faults {
   /// The fault for this request of `route`, counting it against the fault's `times`.
   std::optional<Fault> take(const std::string& route);
 
-  /// Waits out a delay or stall; a stall then drops the connection and answers false (the handler must not run).
+  /// Waits out a delay or stall; a stall then drops the connection and answers false (the handler must not
+  /// run).
   bool before(const Fault& fault, const httplib::Request& request);
   void after(const Fault& fault, const httplib::Request& request, httplib::Response& response);
 

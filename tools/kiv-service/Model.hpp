@@ -14,7 +14,7 @@ struct FileRecord {
   std::string createdAt;  ///< wire text, "yyyy-MM-ddTHH:mm:ssZ"
   std::optional<std::string> hash;
   std::optional<std::string> description;
-  std::optional<std::string> metaData;  ///< JSON object text
+  std::optional<std::string> metaData;    ///< JSON object text
   std::optional<std::string> storedExt;   ///< set once content is stored
   std::optional<std::string> storedHash;  ///< SHA-256 of the stored content
   std::int64_t storedSize = 0;
@@ -36,14 +36,14 @@ struct ReportRecord {
 /// One mailing-list subscription of an e-mail address.
 struct Subscription {
   std::string listName;
-  std::string status;  ///< "subscribed" or "unsubscribed"
+  std::string status;                      ///< "subscribed" or "unsubscribed"
   std::optional<std::string> mergeFields;  ///< JSON object text
 };
 
 /**
- * The proof status that a report's files earn: "failed" as soon as one stored content differs from its declared
- * digest, "confirmed" when every file is stored and matches, "pending" otherwise. A report without files stays
- * "pending": there is nothing to prove yet.
+ * The proof status that a report's files earn: "failed" as soon as one stored content differs from its
+ * declared digest, "confirmed" when every file is stored and matches, "pending" otherwise. A report without
+ * files stays "pending": there is nothing to prove yet.
  */
 std::string evaluateProofStatus(const std::vector<FileRecord>& files);
 

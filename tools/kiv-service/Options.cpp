@@ -9,8 +9,9 @@ std::vector<std::pair<std::string, Fault>> parseFaults(const std::vector<std::st
   std::vector<std::pair<std::string, Fault>> faults;
   for (const std::string& text : texts) {
     const std::size_t equals = text.find('=');
-    std::optional<Fault> fault =
-        equals == std::string::npos ? std::nullopt : Fault::fromText(std::string_view(text).substr(equals + 1));
+    std::optional<Fault> fault = equals == std::string::npos
+                                     ? std::nullopt
+                                     : Fault::fromText(std::string_view(text).substr(equals + 1));
     if (!fault) throw CLI::ValidationError("--fault", "expected ROUTE=KIND[:ARG], got \"" + text + "\"");
     faults.emplace_back(text.substr(0, equals), *fault);
   }
@@ -25,21 +26,24 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   std::int64_t uploadTtl = options.uploadUrlTtl.count();
   std::int64_t downloadTtl = options.downloadUrlTtl.count();
   std::vector<std::string> faults;
-  app.add_option("--data", options.dataDir, "Folder for the database, stored files and TLS material")->required();
+  app.add_option("--data", options.dataDir, "Folder for the database, stored files and TLS material")
+      ->required();
   app.add_option("--port", options.port, "Port on 127.0.0.1; 0 picks a free one and prints it")
       ->check(CLI::Range(0, 65535));
   app.add_option("--token", options.tokens, "Accepted application token (repeatable)");
   app.add_flag("--open", options.openAccess, "Accept any application token");
-  app.add_option("--upload-url-ttl", uploadTtl, "Seconds an upload URL stays valid (whole minutes; 0: expired)")
+  app.add_option("--upload-url-ttl", uploadTtl,
+                 "Seconds an upload URL stays valid (whole minutes; 0: expired)")
       ->check(CLI::NonNegativeNumber);
   app.add_option("--download-url-ttl", downloadTtl, "Seconds a file URL stays valid (whole minutes)")
       ->check(CLI::NonNegativeNumber);
   app.add_option("--threads", options.threads, "Worker threads; each open connection holds one")
       ->check(CLI::Range(2, 1024));
-  app.add_option("--fault", faults,
-                 "Misbehave on a route from the start: ROUTE=KIND[:ARG], e.g. get=delay:500, create=status:503, "
-                 "get=file-name:../../x (routes: create patch get file-upload force-status pdf newsletter put "
-                 "download *)");
+  app.add_option(
+      "--fault", faults,
+      "Misbehave on a route from the start: ROUTE=KIND[:ARG], e.g. get=delay:500, create=status:503, "
+      "get=file-name:../../x (routes: create patch get file-upload force-status pdf newsletter put "
+      "download *)");
   try {
     app.parse(argc, argv);
     options.faults = parseFaults(faults);

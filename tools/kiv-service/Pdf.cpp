@@ -30,22 +30,43 @@ struct Texts {
 };
 
 constexpr Texts kEnglish{
-    "Evidence certificate", "Report", "Slug", "Status", "Created", "Report digest (SHA-256)", "Files", "Taken",
+    "Evidence certificate",
+    "Report",
+    "Slug",
+    "Status",
+    "Created",
+    "Report digest (SHA-256)",
+    "Files",
+    "Taken",
     "How to verify",
-    "Compute the SHA-256 digest of each file, for example with \"sha256sum FILE\", and compare it with the digest "
-    "listed for it above. The report digest is the SHA-256 of the file digests, sorted in ascending order and joined "
-    "without separators. The status is \"confirmed\" when the service received every file and each matched its "
+    "Compute the SHA-256 digest of each file, for example with \"sha256sum FILE\", and "
+    "compare it with the digest listed for it above. The report digest is the SHA-256 of "
+    "the file digests, sorted in ascending order and joined without separators. The "
+    "status is \"confirmed\" when the service received every file and each matched its "
     "declared digest.",
-    "none", "pending", "confirmed", "failed"};
+    "none",
+    "pending",
+    "confirmed",
+    "failed"};
 
 constexpr Texts kGerman{
-    "Beweiszertifikat", "Bericht", "Kennung", "Status", "Erstellt", "Berichts-Prüfsumme (SHA-256)", "Dateien",
-    "Aufgenommen", "So prüfen Sie",
-    "Berechnen Sie die SHA-256-Prüfsumme jeder Datei, etwa mit \"sha256sum DATEI\", und vergleichen Sie sie mit der "
-    "oben angegebenen Prüfsumme. Die Berichts-Prüfsumme ist die SHA-256 der aufsteigend sortierten und ohne "
-    "Trennzeichen verbundenen Datei-Prüfsummen. Der Status ist \"bestätigt\", wenn der Dienst jede Datei erhalten hat "
-    "und jede ihrer angegebenen Prüfsumme entsprach.",
-    "keine", "ausstehend", "bestätigt", "fehlgeschlagen"};
+    "Beweiszertifikat",
+    "Bericht",
+    "Kennung",
+    "Status",
+    "Erstellt",
+    "Berichts-Prüfsumme (SHA-256)",
+    "Dateien",
+    "Aufgenommen",
+    "So prüfen Sie",
+    "Berechnen Sie die SHA-256-Prüfsumme jeder Datei, etwa mit \"sha256sum DATEI\", und vergleichen Sie sie "
+    "mit der oben angegebenen Prüfsumme. Die Berichts-Prüfsumme ist die SHA-256 der aufsteigend sortierten "
+    "und ohne Trennzeichen verbundenen Datei-Prüfsummen. Der Status ist \"bestätigt\", wenn der Dienst jede "
+    "Datei erhalten hat und jede ihrer angegebenen Prüfsumme entsprach.",
+    "keine",
+    "ausstehend",
+    "bestätigt",
+    "fehlgeschlagen"};
 
 const Texts& textsFor(Language language) { return language == Language::german ? kGerman : kEnglish; }
 
@@ -185,7 +206,8 @@ Language negotiateLanguage(std::string_view acceptLanguage) {
       quality = std::atof(range.c_str() + parameters + 3);
       range.resize(parameters);
     }
-    std::transform(range.begin(), range.end(), range.begin(), [](unsigned char c) { return std::tolower(c); });
+    std::transform(range.begin(), range.end(), range.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
     const std::string primary = range.substr(0, range.find('-'));
     if ((primary == "de" || primary == "en") && quality > bestQuality) {
       bestQuality = quality;

@@ -30,8 +30,8 @@ using httplib::Response;
 using nlohmann::json;
 using Handler = std::function<void(const Request&, Response&)>;
 
-const std::set<std::string> kRoutes{"create", "patch",      "get", "file-upload", "force-status", "pdf",
-                                    "newsletter", "put", "download", "*"};
+const std::set<std::string> kRoutes{"create", "patch",      "get", "file-upload", "force-status",
+                                    "pdf",    "newsletter", "put", "download",    "*"};
 constexpr const char* kSlug = "([a-z0-9]+)";
 constexpr const char* kStoragePattern = R"(/storage/([a-z0-9]+)/([a-z0-9]+)\.([A-Za-z0-9]{1,16}))";
 
@@ -49,9 +49,11 @@ void sendNotFound(Response& response) { sendDetail(response, 404, "Not found.");
 
 thread_local std::chrono::steady_clock::time_point requestStart;
 
-// One line per request: time, peer, method, path (never the query: upload URLs carry signatures), status, size.
+// One line per request: time, peer, method, path (never the query: upload URLs carry signatures), status,
+// size.
 void logRequest(const Request& request, const Response& response) {
-  const auto elapsed = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - requestStart);
+  const auto elapsed =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - requestStart);
   const std::time_t now = std::time(nullptr);
   std::tm utc{};
   gmtime_r(&now, &utc);
@@ -81,7 +83,7 @@ void serve(Faults& faults, const std::string& route, const Request& request, Res
 
 std::string contentType(const std::string& ext) {
   static const std::map<std::string, std::string> types{
-      {"jpg", "image/jpeg"}, {"jpeg", "image/jpeg"}, {"png", "image/png"},       {"heic", "image/heic"},
+      {"jpg", "image/jpeg"}, {"jpeg", "image/jpeg"},     {"png", "image/png"},      {"heic", "image/heic"},
       {"mp4", "video/mp4"},  {"mov", "video/quicktime"}, {"pdf", "application/pdf"}};
   std::string lower = ext;
   std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
@@ -122,9 +124,9 @@ Service::Service(const Options& options)
   server_->set_tcp_nodelay(true);
   server_->set_pre_routing_handler([](const Request& request, Response&) {
     requestStart = std::chrono::steady_clock::now();
-    // A request without Content-Length or chunked encoding has no body (RFC 9112, 6.3), but httplib would wait
-    // for the connection to close; a bodiless POST such as force-status must not hang. The request object is
-    // httplib's own, mutable one.
+    // A request without Content-Length or chunked encoding has no body (RFC 9112, 6.3), but httplib would
+    // wait for the connection to close; a bodiless POST such as force-status must not hang. The request
+    // object is httplib's own, mutable one.
     if (!request.has_header("Content-Length") && !request.has_header("Transfer-Encoding")) {
       const_cast<Request&>(request).set_header("Content-Length", "0");
     }
@@ -172,67 +174,73 @@ void Service::addReportRoutes() {
   const std::string report = std::string("/v1/reports/") + kSlug + "/";
 
   server_->Post("/v1/reports/", api("create", [this](const Request& request, Response& response) {
-    answerReport(request, response, store_.create(parseReport(request.body)), 201);
-  }));
+                  answerReport(request, response, store_.create(parseReport(request.body)), 201);
+                }));
   server_->Patch(report, api("patch", [this](const Request& request, Response& response) {
-    ReportRecord changes = parseReport(request.body);
-    std::vector<std::string> dropped;
-    const std::optional<ReportRecord> changed = store_.replace(request.matches[1], std::move(changes), dropped);
-    if (!changed) return sendNotFound(response);
-    for (const std::string& fileSlug : dropped) content_.remove(fileSlug);
-    answerReport(request, response, *changed);
-  }));
+                   ReportRecord changes = parseReport(request.body);
+                   std::vector<std::string> dropped;
+                   const std::optional<ReportRecord> changed =
+                       store_.replace(request.matches[1], std::move(changes), dropped);
+                   if (!changed) return sendNotFound(response);
+                   for (const std::string& fileSlug : dropped) content_.remove(fileSlug);
+                   answerReport(request, response, *changed);
+                 }));
   server_->Get(report, api("get", [this](const Request& request, Response& response) {
-    const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-    if (!found) return sendNotFound(response);
-    answerReport(request, response, *found);
-  }));
-  server_->Get(report + "file-upload/", api("file-upload", [this](const Request& request, Response& response) {
-    const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-    if (!found) return sendNotFound(response);
-    static const std::regex extension("[A-Za-z0-9]{1,16}");
-    const std::string type = uploadParameter(request, "type");
-    const std::string fileSlug = uploadParameter(request, "file_slug");
-    if (!std::regex_match(type, extension)) throw BadRequest("'type' must be a file extension such as jpg.");
-    if (fileSlug.empty()) throw BadRequest("'file_slug' is required.");
-    const FileRecord* file = fileWithSlug(*found, fileSlug);
-    if (!file) return sendNotFound(response);
-    const std::string path = storagePath(found->slug, *file, type);
-    sendJson(response, 200,
-             {{"upload_uri", origin(request) + path + "?" + signer_.sign("PUT", path, options_.uploadUrlTtl)},
-              {"file", origin(request) + path + "?" + signer_.sign("GET", path, options_.downloadUrlTtl)}});
-  }));
-  server_->Post(report + "force-status/", api("force-status", [this](const Request& request, Response& response) {
-    const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-    if (!found) return sendNotFound(response);
-    // Hash the stored content again: what counts is what is on disk now, not what was received.
-    std::vector<std::pair<std::string, std::optional<std::string>>> digests;
-    for (const FileRecord& file : found->files) {
-      if (!file.storedExt) continue;
-      std::string digest = sha256OfFile(content_.pathOf(file.slug));
-      digests.emplace_back(file.slug, digest.empty() ? std::nullopt : std::optional(std::move(digest)));
-    }
-    const std::optional<ReportRecord> updated = store_.updateStoredDigests(found->slug, digests);
-    if (!updated) return sendNotFound(response);
-    answerReport(request, response, *updated);
-  }));
+                 const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+                 if (!found) return sendNotFound(response);
+                 answerReport(request, response, *found);
+               }));
+  server_->Get(
+      report + "file-upload/", api("file-upload", [this](const Request& request, Response& response) {
+        const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+        if (!found) return sendNotFound(response);
+        static const std::regex extension("[A-Za-z0-9]{1,16}");
+        const std::string type = uploadParameter(request, "type");
+        const std::string fileSlug = uploadParameter(request, "file_slug");
+        if (!std::regex_match(type, extension))
+          throw BadRequest("'type' must be a file extension such as jpg.");
+        if (fileSlug.empty()) throw BadRequest("'file_slug' is required.");
+        const FileRecord* file = fileWithSlug(*found, fileSlug);
+        if (!file) return sendNotFound(response);
+        const std::string path = storagePath(found->slug, *file, type);
+        sendJson(
+            response, 200,
+            {{"upload_uri", origin(request) + path + "?" + signer_.sign("PUT", path, options_.uploadUrlTtl)},
+             {"file", origin(request) + path + "?" + signer_.sign("GET", path, options_.downloadUrlTtl)}});
+      }));
+  server_->Post(
+      report + "force-status/", api("force-status", [this](const Request& request, Response& response) {
+        const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+        if (!found) return sendNotFound(response);
+        // Hash the stored content again: what counts is what is on disk now, not what was received.
+        std::vector<std::pair<std::string, std::optional<std::string>>> digests;
+        for (const FileRecord& file : found->files) {
+          if (!file.storedExt) continue;
+          std::string digest = sha256OfFile(content_.pathOf(file.slug));
+          digests.emplace_back(file.slug, digest.empty() ? std::nullopt : std::optional(std::move(digest)));
+        }
+        const std::optional<ReportRecord> updated = store_.updateStoredDigests(found->slug, digests);
+        if (!updated) return sendNotFound(response);
+        answerReport(request, response, *updated);
+      }));
   server_->Post(report + "pdf/", api("pdf", [this](const Request& request, Response& response) {
-    const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-    if (!found) return sendNotFound(response);
-    const Language language = negotiateLanguage(request.get_header_value("Accept-Language"));
-    response.set_content(renderCertificate(*found, language), "application/pdf");
-    response.set_header("Content-Disposition", "attachment; filename=\"" + found->slug + ".pdf\"");
-  }));
+                  const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+                  if (!found) return sendNotFound(response);
+                  const Language language = negotiateLanguage(request.get_header_value("Accept-Language"));
+                  response.set_content(renderCertificate(*found, language), "application/pdf");
+                  response.set_header("Content-Disposition",
+                                      "attachment; filename=\"" + found->slug + ".pdf\"");
+                }));
   server_->Post("/v1/newsletter/", api("newsletter", [this](const Request& request, Response& response) {
-    const NewsletterRequest subscription = parseNewsletter(request.body);
-    store_.subscribe(subscription.email, subscription.subscriptions);
-    sendJson(response, 200, {{"success", true}});
-  }));
+                  const NewsletterRequest subscription = parseNewsletter(request.body);
+                  store_.subscribe(subscription.email, subscription.subscriptions);
+                  sendJson(response, 200, {{"success", true}});
+                }));
   server_->Get("/v1/newsletter/", api("newsletter", [this](const Request& request, Response& response) {
-    const std::string email = request.get_param_value("email");
-    if (email.empty()) throw BadRequest("'email' is required.");
-    sendJson(response, 200, renderSubscriptions(email, store_.subscriptions(email)));
-  }));
+                 const std::string email = request.get_param_value("email");
+                 if (email.empty()) throw BadRequest("'email' is required.");
+                 sendJson(response, 200, renderSubscriptions(email, store_.subscriptions(email)));
+               }));
 }
 
 void Service::addStorageRoutes() {
@@ -243,7 +251,8 @@ void Service::addStorageRoutes() {
       const std::optional<ReportRecord> report = store_.find(request.matches[1]);
       if (!report || !fileWithSlug(*report, request.matches[2])) return sendNotFound(response);
       ContentStorage::Upload upload = content_.beginUpload(request.matches[2]);
-      const bool received = reader([&](const char* data, std::size_t size) { return upload.write(data, size); });
+      const bool received =
+          reader([&](const char* data, std::size_t size) { return upload.write(data, size); });
       if (!received) return sendDetail(response, 400, "The upload did not complete.");
       const std::optional<StoredContent> stored = upload.commit();
       if (!stored) return sendDetail(response, 507, "The content could not be stored.");
@@ -272,8 +281,8 @@ void Service::addStorageRoutes() {
           static_cast<std::size_t>(status.st_size), contentType(file->storedExt.value_or("")),
           [descriptor](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
             std::array<char, 1 << 16> block{};
-            const ssize_t got = ::pread(descriptor, block.data(), std::min(length, block.size()),
-                                        static_cast<off_t>(offset));
+            const ssize_t got =
+                ::pread(descriptor, block.data(), std::min(length, block.size()), static_cast<off_t>(offset));
             return got > 0 && sink.write(block.data(), static_cast<std::size_t>(got));
           },
           [descriptor](bool) { ::close(descriptor); });
@@ -282,13 +291,13 @@ void Service::addStorageRoutes() {
 }
 
 void Service::addAdminRoutes() {
-  server_->Get("/admin/faults", [this](const Request&, Response& response) {
-    sendJson(response, 200, faults_.toJson());
-  });
+  server_->Get("/admin/faults",
+               [this](const Request&, Response& response) { sendJson(response, 200, faults_.toJson()); });
   server_->Put(R"(/admin/faults/([a-z*-]+))", [this](const Request& request, Response& response) {
     if (!kRoutes.contains(request.matches[1])) return sendNotFound(response);
     const std::optional<Fault> fault = Fault::fromJson(json::parse(request.body, nullptr, false));
-    if (!fault) return sendDetail(response, 400, "Expected {\"kind\": ..., \"ms\", \"status\", \"text\", \"times\"}.");
+    if (!fault)
+      return sendDetail(response, 400, "Expected {\"kind\": ..., \"ms\", \"status\", \"text\", \"times\"}.");
     faults_.set(request.matches[1], *fault);
     sendJson(response, 200, fault->toJson());
   });
@@ -307,8 +316,9 @@ bool Service::authorised(const Request& request, Response& response) const {
   }
   const std::string_view token = std::string_view(header).substr(std::min(header.size(), scheme.size()));
   const bool wellFormed = header.starts_with(scheme) && !token.empty();
-  const bool known = options_.openAccess || std::any_of(options_.tokens.begin(), options_.tokens.end(),
-                                                        [&](const std::string& t) { return constantTimeEquals(t, token); });
+  const bool known =
+      options_.openAccess || std::any_of(options_.tokens.begin(), options_.tokens.end(),
+                                         [&](const std::string& t) { return constantTimeEquals(t, token); });
   if (wellFormed && known) return true;
   response.set_header("WWW-Authenticate", "app-token");
   sendDetail(response, 401, "Invalid token.");

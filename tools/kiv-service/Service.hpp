@@ -45,7 +45,8 @@ class Service {
   void addAdminRoutes();
   bool authorised(const httplib::Request& request, httplib::Response& response) const;
   std::string origin(const httplib::Request& request) const;
-  std::string storagePath(const std::string& reportSlug, const FileRecord& file, const std::string& ext) const;
+  std::string storagePath(const std::string& reportSlug, const FileRecord& file,
+                          const std::string& ext) const;
   void answerReport(const httplib::Request& request, httplib::Response& response, const ReportRecord& report,
                     int status = 200) const;
   bool checkSignature(const httplib::Request& request, httplib::Response& response) const;

@@ -11,7 +11,8 @@ namespace {
 
 sqlite3_stmt* prepareStatement(sqlite3* database, std::string_view sql) {
   sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(database, sql.data(), static_cast<int>(sql.size()), &statement, nullptr) != SQLITE_OK) {
+  if (sqlite3_prepare_v2(database, sql.data(), static_cast<int>(sql.size()), &statement, nullptr) !=
+      SQLITE_OK) {
     fail(database, "prepare");
   }
   return statement;
@@ -19,8 +20,8 @@ sqlite3_stmt* prepareStatement(sqlite3* database, std::string_view sql) {
 
 sqlite3* open(const std::filesystem::path& path) {
   sqlite3* database = nullptr;
-  const int status = sqlite3_open_v2(path.c_str(), &database,
-                                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  const int status = sqlite3_open_v2(
+      path.c_str(), &database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
   if (status != SQLITE_OK) {
     const std::string message = database ? sqlite3_errmsg(database) : "out of memory";
     sqlite3_close_v2(database);

@@ -22,6 +22,14 @@ class Statement {
   Statement& bind(int index, const std::optional<std::string>& text);
   Statement& bind(int index, std::int64_t number);
 
+  /// Binds `values` to positions 1, 2, ... in order.
+  template <typename... Values>
+  Statement& bindAll(const Values&... values) {
+    int index = 0;
+    (bind(++index, values), ...);
+    return *this;
+  }
+
   /// Advances to the next row; false when done. Throws std::runtime_error on an SQLite error.
   bool step();
   /// Runs a statement that returns no rows.

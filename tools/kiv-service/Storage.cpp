@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <charconv>
-#include <utility>
 #include <stdexcept>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -79,7 +79,9 @@ ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem:
     : temporary_(std::move(temporary)),
       final_(std::move(final)),
       descriptor_(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)),
-      failed_(descriptor_ < 0) {}
+      failed_(descriptor_ < 0) {
+  buffer_.reserve(kBlockSize);
+}
 
 ContentStorage::Upload::Upload(Upload&& other) noexcept
     : temporary_(std::move(other.temporary_)),
@@ -87,6 +89,7 @@ ContentStorage::Upload::Upload(Upload&& other) noexcept
       descriptor_(std::exchange(other.descriptor_, -1)),
       size_(other.size_),
       failed_(other.failed_),
+      buffer_(std::move(other.buffer_)),
       digest_(std::move(other.digest_)) {}
 
 ContentStorage::Upload::~Upload() {
@@ -98,19 +101,28 @@ ContentStorage::Upload::~Upload() {
 bool ContentStorage::Upload::write(const char* data, std::size_t size) {
   digest_.update(data, size);
   size_ += static_cast<std::int64_t>(size);
-  while (!failed_ && size > 0) {
-    const ssize_t written = ::write(descriptor_, data, size);
+  buffer_.insert(buffer_.end(), data, data + size);
+  return buffer_.size() < kBlockSize || flush();
+}
+
+// TLS hands the body over in records of a few KiB; collecting them into large blocks saves most write calls.
+bool ContentStorage::Upload::flush() {
+  const char* data = buffer_.data();
+  std::size_t left = buffer_.size();
+  while (!failed_ && left > 0) {
+    const ssize_t written = ::write(descriptor_, data, left);
     if (written < 0 && errno == EINTR) continue;
     failed_ = written <= 0;
     if (failed_) break;
     data += written;
-    size -= static_cast<std::size_t>(written);
+    left -= static_cast<std::size_t>(written);
   }
+  buffer_.clear();
   return !failed_;
 }
 
 std::optional<StoredContent> ContentStorage::Upload::commit() {
-  if (failed_ || ::fdatasync(descriptor_) != 0) return std::nullopt;
+  if (!flush() || ::fdatasync(descriptor_) != 0) return std::nullopt;
   ::close(std::exchange(descriptor_, -1));
   if (::rename(temporary_.c_str(), final_.c_str()) != 0) {
     ::unlink(temporary_.c_str());

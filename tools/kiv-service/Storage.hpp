@@ -7,16 +7,17 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Crypto.hpp"
 
 namespace kiv::service {
 
 /**
- * Signs storage paths so that uploads and downloads need no application token: the URL carries its expiry time
- * and an HMAC-SHA-256 over method, path and expiry under a key kept in the data folder (so URLs outlive a
- * restart). Expiry times are whole minutes: requests for the same file within a minute get the same URL, which
- * is how a client recognises an upload it already has in flight.
+ * Signs storage paths so that uploads and downloads need no application token: the URL carries its expiry
+ * time and an HMAC-SHA-256 over method, path and expiry under a key kept in the data folder (so URLs outlive
+ * a restart). Expiry times are whole minutes: requests for the same file within a minute get the same URL,
+ * which is how a client recognises an upload it already has in flight.
  *
  * @par Thread Safety
  * Immutable after construction.
@@ -26,10 +27,10 @@ class UrlSigner {
   enum class Verdict { valid, expired, forged };
 
   /// Loads the key from `keyFile`, making it on first use. `now` is the clock, replaceable for tests.
-  explicit UrlSigner(const std::filesystem::path& keyFile,
-                     std::function<std::int64_t()> now = defaultClock);
+  explicit UrlSigner(const std::filesystem::path& keyFile, std::function<std::int64_t()> now = defaultClock);
 
-  /// The query ("expires=...&signature=...") that lets `method` reach `path` for `ttl` (rounded down to minutes).
+  /// The query ("expires=...&signature=...") that lets `method` reach `path` for `ttl` (rounded down to
+  /// minutes).
   std::string sign(std::string_view method, std::string_view path, std::chrono::seconds ttl) const;
 
   Verdict verify(std::string_view method, std::string_view path, std::string_view expires,
@@ -75,12 +76,16 @@ class ContentStorage {
    private:
     friend class ContentStorage;
     Upload(std::filesystem::path temporary, std::filesystem::path final);
+    bool flush();
+
+    static constexpr std::size_t kBlockSize = 1 << 20;
 
     std::filesystem::path temporary_;
     std::filesystem::path final_;
     int descriptor_ = -1;
     std::int64_t size_ = 0;
     bool failed_ = false;
+    std::vector<char> buffer_;
     Sha256 digest_;
   };
 

@@ -25,9 +25,9 @@ Store::Store(const std::filesystem::path& databaseFile) : database_(databaseFile
       slug TEXT PRIMARY KEY, name TEXT NOT NULL, created_at TEXT NOT NULL, note TEXT, hash TEXT, email TEXT,
       meta_data TEXT, status TEXT NOT NULL);
     CREATE TABLE IF NOT EXISTS files (
-      slug TEXT PRIMARY KEY, report_slug TEXT NOT NULL REFERENCES reports(slug) ON DELETE CASCADE,
-      position INTEGER NOT NULL, file_name TEXT NOT NULL, created_at TEXT NOT NULL, hash TEXT, description TEXT,
-      meta_data TEXT, stored_ext TEXT, stored_hash TEXT, stored_size INTEGER NOT NULL DEFAULT 0);
+      slug TEXT PRIMARY KEY,
+      report_slug TEXT NOT NULL REFERENCES reports(slug) ON DELETE CASCADE, position INTEGER NOT NULL,
+      file_name TEXT NOT NULL, created_at TEXT NOT NULL, hash TEXT, description TEXT, meta_data TEXT, stored_ext TEXT, stored_hash TEXT, stored_size INTEGER NOT NULL DEFAULT 0);
     CREATE INDEX IF NOT EXISTS files_by_report ON files(report_slug, position);
     CREATE TABLE IF NOT EXISTS subscriptions (
       email TEXT NOT NULL, list_name TEXT NOT NULL, status TEXT NOT NULL, merge_fields TEXT,
@@ -42,12 +42,14 @@ ReportRecord Store::create(ReportRecord report) {
   report.status = evaluateProofStatus(report.files);
   sqlite::Transaction transaction(database_);
   database_
-      .prepare("INSERT INTO reports (slug, name, created_at, note, hash, email, meta_data, status) "
-               "VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
-      .bind(1, report.slug).bind(2, report.name).bind(3, report.createdAt).bind(4, report.note)
-      .bind(5, report.hash).bind(6, report.email).bind(7, report.metaData).bind(8, report.status)
+      .prepare(
+          "INSERT INTO reports (slug, name, created_at, note, hash, email, meta_data, status) "
+          "VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
+      .bindAll(report.slug, report.name, report.createdAt, report.note, report.hash, report.email,
+               report.metaData, report.status)
       .run();
-  for (std::size_t i = 0; i < report.files.size(); ++i) insertFile(report.slug, static_cast<int>(i), report.files[i]);
+  for (std::size_t i = 0; i < report.files.size(); ++i)
+    insertFile(report.slug, static_cast<int>(i), report.files[i]);
   transaction.commit();
   return report;
 }
@@ -77,13 +79,15 @@ std::optional<ReportRecord> Store::replace(const std::string& slug, ReportRecord
   report.slug = slug;
   report.status = evaluateProofStatus(report.files);
   database_
-      .prepare("UPDATE reports SET name = ?, created_at = ?, note = ?, hash = ?, email = ?, meta_data = ?, "
-               "status = ? WHERE slug = ?")
-      .bind(1, report.name).bind(2, report.createdAt).bind(3, report.note).bind(4, report.hash)
-      .bind(5, report.email).bind(6, report.metaData).bind(7, report.status).bind(8, slug)
+      .prepare(
+          "UPDATE reports SET name = ?, created_at = ?, note = ?, hash = ?, email = ?, meta_data = ?, "
+          "status = ? WHERE slug = ?")
+      .bindAll(report.name, report.createdAt, report.note, report.hash, report.email, report.metaData,
+               report.status, slug)
       .run();
-  database_.prepare("DELETE FROM files WHERE report_slug = ?").bind(1, slug).run();
-  for (std::size_t i = 0; i < report.files.size(); ++i) insertFile(slug, static_cast<int>(i), report.files[i]);
+  database_.prepare("DELETE FROM files WHERE report_slug = ?").bindAll(slug).run();
+  for (std::size_t i = 0; i < report.files.size(); ++i)
+    insertFile(slug, static_cast<int>(i), report.files[i]);
   transaction.commit();
   return report;
 }
@@ -107,7 +111,7 @@ std::optional<ReportRecord> Store::recordContent(const std::string& reportSlug, 
   file->storedHash = hash;
   file->storedSize = size;
   database_.prepare("UPDATE files SET stored_ext = ?, stored_hash = ?, stored_size = ? WHERE slug = ?")
-      .bind(1, ext).bind(2, hash).bind(3, size).bind(4, fileSlug)
+      .bindAll(ext, hash, size, fileSlug)
       .run();
   saveStatus(*report);
   transaction.commit();
@@ -115,12 +119,13 @@ std::optional<ReportRecord> Store::recordContent(const std::string& reportSlug, 
 }
 
 std::optional<ReportRecord> Store::updateStoredDigests(
-    const std::string& reportSlug, const std::vector<std::pair<std::string, std::optional<std::string>>>& digests) {
+    const std::string& reportSlug,
+    const std::vector<std::pair<std::string, std::optional<std::string>>>& digests) {
   std::lock_guard lock(mutex_);
   sqlite::Transaction transaction(database_);
   for (const auto& [fileSlug, digest] : digests) {
     database_.prepare("UPDATE files SET stored_hash = ? WHERE slug = ? AND report_slug = ?")
-        .bind(1, digest).bind(2, fileSlug).bind(3, reportSlug)
+        .bindAll(digest, fileSlug, reportSlug)
         .run();
   }
   std::optional<ReportRecord> report = load(reportSlug);
@@ -135,11 +140,11 @@ void Store::subscribe(const std::string& email, const std::vector<Subscription>&
   sqlite::Transaction transaction(database_);
   for (const Subscription& subscription : subscriptions) {
     database_
-        .prepare("INSERT INTO subscriptions (email, list_name, status, merge_fields) VALUES (?, ?, ?, ?) "
-                 "ON CONFLICT (email, list_name) DO UPDATE SET status = excluded.status, "
-                 "merge_fields = excluded.merge_fields")
-        .bind(1, email).bind(2, subscription.listName).bind(3, subscription.status)
-        .bind(4, subscription.mergeFields)
+        .prepare(
+            "INSERT INTO subscriptions (email, list_name, status, merge_fields) VALUES (?, ?, ?, ?) "
+            "ON CONFLICT (email, list_name) DO UPDATE SET status = excluded.status, "
+            "merge_fields = excluded.merge_fields")
+        .bindAll(email, subscription.listName, subscription.status, subscription.mergeFields)
         .run();
   }
   transaction.commit();
@@ -149,7 +154,7 @@ std::vector<Subscription> Store::subscriptions(const std::string& email) {
   std::lock_guard lock(mutex_);
   auto rows = database_.prepare(
       "SELECT list_name, status, merge_fields FROM subscriptions WHERE email = ? ORDER BY list_name");
-  rows.bind(1, email);
+  rows.bindAll(email);
   std::vector<Subscription> found;
   while (rows.step()) found.push_back({rows.text(0), rows.text(1), rows.optionalText(2)});
   return found;
@@ -158,14 +163,22 @@ std::vector<Subscription> Store::subscriptions(const std::string& email) {
 std::optional<ReportRecord> Store::load(const std::string& slug) {
   auto row = database_.prepare(
       "SELECT name, created_at, note, hash, email, meta_data, status FROM reports WHERE slug = ?");
-  row.bind(1, slug);
+  row.bindAll(slug);
   if (!row.step()) return std::nullopt;
-  ReportRecord report{slug,           row.text(0),         row.text(1),         row.optionalText(2),
-                      row.optionalText(3), row.optionalText(4), row.optionalText(5), row.text(6), {}};
+  ReportRecord report{slug,
+                      row.text(0),
+                      row.text(1),
+                      row.optionalText(2),
+                      row.optionalText(3),
+                      row.optionalText(4),
+                      row.optionalText(5),
+                      row.text(6),
+                      {}};
   auto files = database_.prepare(
-      "SELECT slug, file_name, created_at, hash, description, meta_data, stored_ext, stored_hash, stored_size "
+      "SELECT slug, file_name, created_at, hash, description, meta_data, stored_ext, stored_hash, "
+      "stored_size "
       "FROM files WHERE report_slug = ? ORDER BY position");
-  files.bind(1, slug);
+  files.bindAll(slug);
   while (files.step()) {
     report.files.push_back({files.text(0), files.text(1), files.text(2), files.optionalText(3),
                             files.optionalText(4), files.optionalText(5), files.optionalText(6),
@@ -176,17 +189,17 @@ std::optional<ReportRecord> Store::load(const std::string& slug) {
 
 void Store::insertFile(const std::string& reportSlug, int position, const FileRecord& file) {
   database_
-      .prepare("INSERT INTO files (slug, report_slug, position, file_name, created_at, hash, description, "
-               "meta_data, stored_ext, stored_hash, stored_size) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
-      .bind(1, file.slug).bind(2, reportSlug).bind(3, std::int64_t{position}).bind(4, file.fileName)
-      .bind(5, file.createdAt).bind(6, file.hash).bind(7, file.description).bind(8, file.metaData)
-      .bind(9, file.storedExt).bind(10, file.storedHash).bind(11, file.storedSize)
+      .prepare(
+          "INSERT INTO files (slug, report_slug, position, file_name, created_at, hash, description, "
+          "meta_data, stored_ext, stored_hash, stored_size) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+      .bindAll(file.slug, reportSlug, std::int64_t{position}, file.fileName, file.createdAt, file.hash,
+               file.description, file.metaData, file.storedExt, file.storedHash, file.storedSize)
       .run();
 }
 
 void Store::saveStatus(ReportRecord& report) {
   report.status = evaluateProofStatus(report.files);
-  database_.prepare("UPDATE reports SET status = ? WHERE slug = ?").bind(1, report.status).bind(2, report.slug).run();
+  database_.prepare("UPDATE reports SET status = ? WHERE slug = ?").bindAll(report.status, report.slug).run();
 }
 
 }  // namespace kiv::service

@@ -13,8 +13,8 @@
 namespace kiv::service {
 
 /**
- * Reports, files and subscriptions in one SQLite database (WAL) under the data folder. Every change that touches
- * a report's files also stores the report's re-evaluated proof status.
+ * Reports, files and subscriptions in one SQLite database (WAL) under the data folder. Every change that
+ * touches a report's files also stores the report's re-evaluated proof status.
  *
  * @par Thread Safety
  * All members may be called from any thread; one mutex serialises use of the connection.
@@ -38,11 +38,13 @@ class Store {
 
   /// Records stored content for a file of a report; nothing when the report has no such file.
   std::optional<ReportRecord> recordContent(const std::string& reportSlug, const std::string& fileSlug,
-                                            const std::string& ext, const std::string& hash, std::int64_t size);
+                                            const std::string& ext, const std::string& hash,
+                                            std::int64_t size);
 
   /// Sets the digests of stored content (file slug, digest; no digest: the content is gone) and re-evaluates.
   std::optional<ReportRecord> updateStoredDigests(
-      const std::string& reportSlug, const std::vector<std::pair<std::string, std::optional<std::string>>>& digests);
+      const std::string& reportSlug,
+      const std::vector<std::pair<std::string, std::optional<std::string>>>& digests);
 
   /// Adds or updates an address's subscriptions, one per list name.
   void subscribe(const std::string& email, const std::vector<Subscription>& subscriptions);

@@ -48,22 +48,23 @@ Certificate makeCertificate(EVP_PKEY* key, const char* commonName, long days) {
   check(certificate != nullptr, "certificate allocation");
   X509_set_version(certificate.get(), 2);
   const std::string serial = randomBytes(16);
-  Handle<BIGNUM, BN_free> number(
-      BN_bin2bn(reinterpret_cast<const unsigned char*>(serial.data()), static_cast<int>(serial.size()), nullptr));
+  Handle<BIGNUM, BN_free> number(BN_bin2bn(reinterpret_cast<const unsigned char*>(serial.data()),
+                                           static_cast<int>(serial.size()), nullptr));
   BN_clear_bit(number.get(), 127);  // serial numbers must be positive
   BN_to_ASN1_INTEGER(number.get(), X509_get_serialNumber(certificate.get()));
   X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -kDay);
   X509_gmtime_adj(X509_getm_notAfter(certificate.get()), days * kDay);
   X509_set_pubkey(certificate.get(), key);
   X509_NAME* name = X509_get_subject_name(certificate.get());
-  X509_NAME_add_entry_by_txt(name, "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("kiv-service"), -1,
-                             -1, 0);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(commonName), -1, -1,
-                             0);
+  X509_NAME_add_entry_by_txt(name, "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("kiv-service"),
+                             -1, -1, 0);
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(commonName),
+                             -1, -1, 0);
   return certificate;
 }
 
-// Writes through a descriptor opened with the final mode, so a key is never readable by others, not even briefly.
+// Writes through a descriptor opened with the final mode, so a key is never readable by others, not even
+// briefly.
 File openForWriting(const std::filesystem::path& path, mode_t mode) {
   const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   check(descriptor >= 0, "open for writing");

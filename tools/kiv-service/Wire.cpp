@@ -42,10 +42,12 @@ std::optional<std::string> optionalObject(const json& object, const char* key, s
 }
 
 std::string date(const json& object, std::string_view where) {
-  static const std::regex pattern(R"(\d{4}-(0[1-9]|1[0-2])-(0[1-9]|[12]\d|3[01])T([01]\d|2[0-3]):[0-5]\d:[0-5]\dZ)");
+  static const std::regex pattern(
+      R"(\d{4}-(0[1-9]|1[0-2])-(0[1-9]|[12]\d|3[01])T([01]\d|2[0-3]):[0-5]\d:[0-5]\dZ)");
   const json* value = field(object, "original_created_at");
   if (!value || !value->is_string() || !std::regex_match(value->get_ref<const std::string&>(), pattern)) {
-    throw BadRequest(std::string(where) + "'original_created_at' must be a UTC time like 2024-05-01T12:00:00Z.");
+    throw BadRequest(std::string(where) +
+                     "'original_created_at' must be a UTC time like 2024-05-01T12:00:00Z.");
   }
   return value->get<std::string>();
 }
@@ -59,7 +61,8 @@ std::optional<std::string> digest(const json& object, std::string_view where) {
   return hash;
 }
 
-// Names travel back to clients that build local paths from them, so anything that is not a plain name is refused.
+// Names travel back to clients that build local paths from them, so anything that is not a plain name is
+// refused.
 std::string plainFileName(const json& object, std::string_view where) {
   std::string name = requiredText(object, "file_name", where);
   const bool hasControl = std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x20; });
@@ -96,8 +99,9 @@ Subscription parseSubscription(const json& object, std::size_t index) {
     throw BadRequest(where + "'status' must be \"subscribed\" or \"unsubscribed\".");
   }
   if (const json* fields = field(object, "merge_fields")) {
-    const bool allText = fields->is_object() && std::all_of(fields->begin(), fields->end(),
-                                                            [](const json& value) { return value.is_string(); });
+    const bool allText =
+        fields->is_object() &&
+        std::all_of(fields->begin(), fields->end(), [](const json& value) { return value.is_string(); });
     if (!allText) throw BadRequest(where + "'merge_fields' must be an object of texts.");
     subscription.mergeFields = fields->dump();
   }
@@ -156,7 +160,8 @@ NewsletterRequest parseNewsletter(std::string_view body) {
   if (request.email.find('@') == std::string::npos) throw BadRequest("'email' must be an e-mail address.");
   const json* lists = field(object, "mailing_lists");
   if (!lists || !lists->is_array()) throw BadRequest("'mailing_lists' is required and must be a list.");
-  for (std::size_t i = 0; i < lists->size(); ++i) request.subscriptions.push_back(parseSubscription((*lists)[i], i));
+  for (std::size_t i = 0; i < lists->size(); ++i)
+    request.subscriptions.push_back(parseSubscription((*lists)[i], i));
   return request;
 }
 

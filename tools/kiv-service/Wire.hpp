@@ -19,10 +19,10 @@ struct BadRequest : std::runtime_error {
 };
 
 /**
- * Reads a report body (POST and PATCH): "name", "original_created_at" and "provable_files" are required; "note",
- * "hash", "email", "meta_data" and the files' "hash", "description", "meta_data" are optional (null counts as
- * absent). Slugs in the body are ignored: the service assigns them. File names must be unique plain names; a
- * folder part or a name like ".." is refused. Throws BadRequest.
+ * Reads a report body (POST and PATCH): "name", "original_created_at" and "provable_files" are required;
+ * "note", "hash", "email", "meta_data" and the files' "hash", "description", "meta_data" are optional (null
+ * counts as absent). Slugs in the body are ignored: the service assigns them. File names must be unique plain
+ * names; a folder part or a name like ".." is refused. Throws BadRequest.
  */
 ReportRecord parseReport(std::string_view body);
 

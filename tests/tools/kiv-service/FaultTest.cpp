@@ -71,7 +71,8 @@ TEST_F(FaultTest, TransportFaultsDelayStallAndReset) {
   EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(300));
 
   once("get", {{"kind", "stall"}});
-  Request bounded{"GET", service().baseUrl() + path_, {}, false, {std::string("Authorization: app-token ") + kToken}};
+  Request bounded{
+      "GET", service().baseUrl() + path_, {}, false, {std::string("Authorization: app-token ") + kToken}};
   bounded.timeout = std::chrono::milliseconds(400);
   EXPECT_EQ(perform(bounded, service().caFile()).error, CURLE_OPERATION_TIMEDOUT);
   fetch("DELETE", service().baseUrl() + "/admin/faults/get");  // releases the stalled worker
@@ -108,11 +109,14 @@ TEST_F(FaultTest, SwitchesAreCheckedAndCanBeSetFromTheCommandLine) {
   EXPECT_EQ(fetch("GET", service().baseUrl() + "/admin/faults").json(), json::object());
 
   const TempDir dir;
-  ServiceProcess faulty(dir.path(), {"--open", "--fault", "create=status:418", "--fault", "get=file-name:a/b"});
+  ServiceProcess faulty(dir.path(),
+                        {"--open", "--fault", "create=status:418", "--fault", "get=file-name:a/b"});
   faulty.start();
   const Reply reply = call(faulty, "POST", "/v1/reports/", reportBody("r", {}).dump());
   EXPECT_EQ(reply.status, 418);
-  EXPECT_EQ(perform({"GET", faulty.baseUrl() + "/admin/faults", {}, false, {}}, faulty.caFile()).json()["get"]["text"], "a/b");
+  EXPECT_EQ(perform({"GET", faulty.baseUrl() + "/admin/faults", {}, false, {}}, faulty.caFile())
+                .json()["get"]["text"],
+            "a/b");
 }
 
 }  // namespace

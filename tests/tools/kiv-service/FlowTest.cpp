@@ -35,7 +35,8 @@ TEST_F(ServiceTest, ReportBecomesConfirmedWhenEveryFileArrivesWithItsDigest) {
 
   // The "file" address serves the bytes, whole or by range, without the app token.
   const std::string fileUrl = confirmed["provable_files"][0]["file"];
-  EXPECT_EQ(fileUrl.substr(0, fileUrl.find('?')), target["file"].get<std::string>().substr(0, fileUrl.find('?')));
+  EXPECT_EQ(fileUrl.substr(0, fileUrl.find('?')),
+            target["file"].get<std::string>().substr(0, fileUrl.find('?')));
   const Reply whole = fetch("GET", fileUrl);
   EXPECT_EQ(whole.status, 200);
   EXPECT_EQ(whole.body, "first photo");
@@ -51,7 +52,8 @@ TEST_F(ServiceTest, WrongContentFailsTheReportAndForceStatusReevaluates) {
   const std::string forcePath = "/v1/reports/" + slugOf(report) + "/force-status/";
   EXPECT_EQ(call("POST", forcePath).json()["status"], "failed");
 
-  EXPECT_EQ(upload(report, 0, "the real bytes")["status"], "confirmed") << "a corrected upload proves the file";
+  EXPECT_EQ(upload(report, 0, "the real bytes")["status"], "confirmed")
+      << "a corrected upload proves the file";
   const Reply forced = call("POST", forcePath);
   EXPECT_EQ(forced.status, 200);
   EXPECT_EQ(forced.json()["status"], "confirmed");
@@ -111,19 +113,21 @@ TEST_F(ServiceTest, CertificateListsReportAndDigestsInTheAskedLanguage) {
       return output;
     }();
     EXPECT_NE(text.find(heading), std::string::npos) << text;
-    for (const std::string& expected : {std::string("Garage damage"), slugOf(report), std::string("IMG_0001.jpg"),
-                                        std::string("Übersicht.png"), sha256Hex("one"), sha256Hex("two"),
-                                        std::string("2024-05-01 12:00:00 UTC"), std::string("sha256sum")}) {
+    for (const std::string& expected :
+         {std::string("Garage damage"), slugOf(report), std::string("IMG_0001.jpg"),
+          std::string("Übersicht.png"), sha256Hex("one"), sha256Hex("two"),
+          std::string("2024-05-01 12:00:00 UTC"), std::string("sha256sum")}) {
       EXPECT_NE(text.find(expected), std::string::npos) << expected << " missing from:\n" << text;
     }
   }
 }
 
 TEST_F(ServiceTest, NewsletterValidatesAndStoresSubscriptions) {
-  const json body = {{"email", "ann@example.org"},
-                     {"mailing_lists",
-                      {{{"name", "news"}, {"status", "subscribed"}, {"merge_fields", {{"PHONE", "+49 30 1234"}}}},
-                       {{"name", "offers"}, {"status", "unsubscribed"}}}}};
+  const json body = {
+      {"email", "ann@example.org"},
+      {"mailing_lists",
+       {{{"name", "news"}, {"status", "subscribed"}, {"merge_fields", {{"PHONE", "+49 30 1234"}}}},
+        {{"name", "offers"}, {"status", "unsubscribed"}}}}};
   const Reply reply = call("POST", "/v1/newsletter/", body.dump());
   EXPECT_EQ(reply.status, 200);
   EXPECT_EQ(reply.json(), json({{"success", true}}));
@@ -133,10 +137,11 @@ TEST_F(ServiceTest, NewsletterValidatesAndStoresSubscriptions) {
   EXPECT_EQ(stored["mailing_lists"][0]["merge_fields"]["PHONE"], "+49 30 1234");
   EXPECT_EQ(stored["mailing_lists"][1]["status"], "unsubscribed");
 
-  for (const char* bad : {R"({"mailing_lists": []})", R"({"email": "ann@example.org"})",
-                          R"({"email": "ann@example.org", "mailing_lists": [{"name": "news"}]})",
-                          R"({"email": "ann@example.org", "mailing_lists": [{"name": "n", "status": "maybe"}]})",
-                          R"({"email": "a@b", "mailing_lists": [{"name": "n", "status": "subscribed",
+  for (const char* bad :
+       {R"({"mailing_lists": []})", R"({"email": "ann@example.org"})",
+        R"({"email": "ann@example.org", "mailing_lists": [{"name": "news"}]})",
+        R"({"email": "ann@example.org", "mailing_lists": [{"name": "n", "status": "maybe"}]})",
+        R"({"email": "a@b", "mailing_lists": [{"name": "n", "status": "subscribed",
                               "merge_fields": {"PHONE": 1}}]})"}) {
     const Reply refused = call("POST", "/v1/newsletter/", bad);
     EXPECT_EQ(refused.status, 400) << bad;

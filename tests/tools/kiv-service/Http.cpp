@@ -39,7 +39,8 @@ Reply perform(const Request& request, const std::filesystem::path& caFile) {
   std::call_once(initialised, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
   std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(nullptr, curl_slist_free_all);
-  for (const std::string& header : request.headers) headers.reset(curl_slist_append(headers.release(), header.c_str()));
+  for (const std::string& header : request.headers)
+    headers.reset(curl_slist_append(headers.release(), header.c_str()));
   Reply reply;
   curl_easy_setopt(curl.get(), CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, request.method.c_str());

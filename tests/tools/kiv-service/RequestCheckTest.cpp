@@ -20,8 +20,8 @@ TEST_F(ServiceTest, ApiRefusesMissingAndWrongTokens) {
     EXPECT_EQ(reply.status, 401);
     EXPECT_EQ(reply.detail(), c.detail);
   }
-  const Reply second = perform({"POST", url, body, true, {"Authorization: app-token another-token"}},
-                               service().caFile());
+  const Reply second =
+      perform({"POST", url, body, true, {"Authorization: app-token another-token"}}, service().caFile());
   EXPECT_EQ(second.status, 201) << "every configured token is accepted";
 }
 
@@ -52,7 +52,8 @@ TEST_F(ServiceTest, MalformedBodiesAre400WithADetail) {
                 "'original_created_at' must be a UTC time like 2024-05-01T12:00:00Z."},
            Case{without("provable_files"), "'provable_files' is required and must be a list."},
            Case{with("/provable_files/0", "IMG_1.jpg"), "provable_files[0]: each file must be an object."},
-           Case{with("/provable_files/0/hash", "ABC"), "provable_files[0]: 'hash' must be 64 lower-case hexadecimal digits."},
+           Case{with("/provable_files/0/hash", "ABC"),
+                "provable_files[0]: 'hash' must be 64 lower-case hexadecimal digits."},
            Case{with("/provable_files/0/file_name", "../../x"),
                 "provable_files[0]: 'file_name' must be a plain file name without folders."},
            Case{with("/provable_files/0/file_name", "a/b"),
@@ -92,7 +93,8 @@ TEST_F(ServiceTest, StorageUrlsNeedAValidUnexpiredSignature) {
   const json report = createReport({{"IMG_1.jpg", "content"}});
   const json target = uploadTarget(report, 0);
   const std::string upload = target["upload_uri"];
-  EXPECT_EQ(upload, uploadTarget(report, 0)["upload_uri"]) << "the same file gets the same URL within a minute";
+  EXPECT_EQ(upload, uploadTarget(report, 0)["upload_uri"])
+      << "the same file gets the same URL within a minute";
 
   std::string forged = upload;
   forged.back() = forged.back() == '0' ? '1' : '0';
@@ -113,11 +115,13 @@ TEST_F(ServiceTest, StorageUrlsNeedAValidUnexpiredSignature) {
   const TempDir dir;
   ServiceProcess shortLived(dir.path(), {"--open", "--upload-url-ttl", "0"});
   shortLived.start();
-  const Reply created = call(shortLived, "POST", "/v1/reports/", reportBody("r", {{"IMG_1.jpg", "c"}}).dump());
+  const Reply created =
+      call(shortLived, "POST", "/v1/reports/", reportBody("r", {{"IMG_1.jpg", "c"}}).dump());
   const json other = created.json();
-  const Reply answer = call(shortLived, "GET",
-                            "/v1/reports/" + other["slug"].get<std::string>() + "/file-upload/?type=jpg&file_slug=" +
-                                other["provable_files"][0]["slug"].get<std::string>());
+  const Reply answer =
+      call(shortLived, "GET",
+           "/v1/reports/" + other["slug"].get<std::string>() +
+               "/file-upload/?type=jpg&file_slug=" + other["provable_files"][0]["slug"].get<std::string>());
   const Reply expired = perform({"PUT", answer.json()["upload_uri"], "c", true, {}}, shortLived.caFile());
   EXPECT_EQ(expired.status, 403);
   EXPECT_EQ(expired.detail(), "This URL has expired.");

@@ -47,7 +47,9 @@ nlohmann::json reportBody(const std::string& name, const std::vector<FileSpec>& 
                     {"hash", file.declaredHash.empty() ? sha256Hex(file.content) : file.declaredHash},
                     {"meta_data", {{"camera", "back"}}}});
   }
-  return {{"name", name}, {"original_created_at", "2024-05-01T11:59:00Z"}, {"provable_files", list},
+  return {{"name", name},
+          {"original_created_at", "2024-05-01T11:59:00Z"},
+          {"provable_files", list},
           {"note", "seen at the site"}};
 }
 
@@ -78,7 +80,8 @@ nlohmann::json ServiceTest::uploadTarget(const nlohmann::json& report, std::size
   return reply.json();
 }
 
-nlohmann::json ServiceTest::upload(const nlohmann::json& report, std::size_t fileIndex, const std::string& content) {
+nlohmann::json ServiceTest::upload(const nlohmann::json& report, std::size_t fileIndex,
+                                   const std::string& content) {
   const Reply put = fetch("PUT", uploadTarget(report, fileIndex)["upload_uri"], content);
   EXPECT_EQ(put.status, 201) << put.body;
   return call("GET", "/v1/reports/" + report["slug"].get<std::string>() + "/").json();

@@ -40,8 +40,8 @@ class ServiceTest : public ::testing::Test {
  protected:
   ServiceProcess& service() { return ServiceEnvironment::service(); }
 
-  Reply call(ServiceProcess& target, const std::string& method, const std::string& path, const std::string& body = {},
-             std::vector<std::string> headers = {});
+  Reply call(ServiceProcess& target, const std::string& method, const std::string& path,
+             const std::string& body = {}, std::vector<std::string> headers = {});
   Reply call(const std::string& method, const std::string& path, const std::string& body = {},
              std::vector<std::string> headers = {}) {
     return call(service(), method, path, body, std::move(headers));
@@ -52,7 +52,8 @@ class ServiceTest : public ::testing::Test {
   /// POSTs a report and answers the service's JSON (expects 201).
   nlohmann::json createReport(const std::vector<FileSpec>& files, const std::string& name = "Evidence");
   /// Asks for the file's upload address and answers {"upload_uri", "file"}.
-  nlohmann::json uploadTarget(const nlohmann::json& report, std::size_t fileIndex, const std::string& type = "jpg");
+  nlohmann::json uploadTarget(const nlohmann::json& report, std::size_t fileIndex,
+                              const std::string& type = "jpg");
   /// Uploads content for a file and answers the report as the service then sees it.
   nlohmann::json upload(const nlohmann::json& report, std::size_t fileIndex, const std::string& content);
 };

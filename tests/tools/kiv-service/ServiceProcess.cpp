@@ -33,7 +33,8 @@ int readPort(int descriptor) {
       return std::atoi(output.c_str() + found + marker.size());
     }
     pollfd readable{descriptor, POLLIN, 0};
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (::poll(&readable, 1, static_cast<int>(std::max<long>(left.count(), 0))) <= 0) break;
     char block[256];
     const ssize_t got = ::read(descriptor, block, sizeof block);
@@ -76,7 +77,8 @@ void ServiceProcess::start() {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile().c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                   0644);
   const int status = ::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(pipe[1]);
@@ -101,7 +103,8 @@ int ServiceProcess::stop() {
   const int process = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
   ::kill(pid_, SIGTERM);
   pollfd exited{process, POLLIN, 0};
-  if (process < 0 || ::poll(&exited, 1, static_cast<int>(std::chrono::milliseconds(kStopBound).count())) <= 0) {
+  if (process < 0 ||
+      ::poll(&exited, 1, static_cast<int>(std::chrono::milliseconds(kStopBound).count())) <= 0) {
     ::kill(pid_, SIGKILL);
   }
   if (process >= 0) ::close(process);

@@ -22,8 +22,9 @@ class TempDir {
 };
 
 /**
- * The built kiv-service running on 127.0.0.1 with a port of its own choosing. Its stderr (the request log) goes
- * to `logFile()` in the data folder. Start and stop wait with time bounds and fail the test when exceeded.
+ * The built kiv-service running on 127.0.0.1 with a port of its own choosing. Its stderr (the request log)
+ * goes to `logFile()` in the data folder. Start and stop wait with time bounds and fail the test when
+ * exceeded.
  */
 class ServiceProcess {
  public:
