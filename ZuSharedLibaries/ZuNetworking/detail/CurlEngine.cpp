@@ -327,9 +327,6 @@ std::shared_ptr<URLSessionTask> Engine::makeTask(Kind kind, URLRequest request, 
   auto transfer = prepare(task, kind, uploadFile);
   transfer->dataCompletion = std::move(dataCompletion);
   transfer->downloadCompletion = std::move(downloadCompletion);
-  if (journal_ && transfer->delegated() && kind != Kind::data && !transfer->failure) {
-    transfer->journalPath = journal_->record(task->originalRequest(), transfer->uploadPath);
-  }
   std::lock_guard lock(task->mutex_);
   task->prepared_ = std::move(transfer);
   return task;
@@ -372,6 +369,11 @@ void Engine::post(std::function<void()> command) {
 }
 
 void Engine::submit(std::unique_ptr<Transfer> transfer) {
+  // Recorded when started, not when made: a task that is never resumed must not run in a later process.
+  const bool journalled = journal_ && transfer->delegated() && transfer->kind != Kind::data;
+  if (journalled && !transfer->failure && transfer->journalPath.empty()) {
+    transfer->journalPath = journal_->record(transfer->task->originalRequest(), transfer->uploadPath);
+  }
   std::unique_lock lock(mutex_);
   if (stopping_) {
     lock.unlock();

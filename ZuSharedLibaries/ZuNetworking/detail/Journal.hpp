@@ -12,6 +12,7 @@ namespace zu::detail {
  * The on-disk list of a background session's unfinished transfers: one small JSON file per transfer in a
  * folder of the application data directory named after the session, written atomically, removed once the
  * transfer's events have been delivered. Files are readable by the owner only (they hold request headers).
+ * One process at a time uses a given identifier, as one application owns its background sessions.
  *
  * @par Thread Safety
  * All operations may be called from any thread; entries are distinct files.
