@@ -9,7 +9,7 @@ template <auto Release>
 struct HandleDeleter {
   template <typename T>
   void operator()(T* handle) const {
-    Release(handle);
+    static_cast<void>(Release(handle));
   }
 };
 

@@ -51,7 +51,7 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
     return app.exit(error);
   }
   if (options.tokens.empty() && !options.openAccess) {
-    std::fprintf(stderr, "kiv-service: give at least one --token, or --open\n");
+    static_cast<void>(std::fprintf(stderr, "kiv-service: give at least one --token, or --open\n"));
     return 2;
   }
   options.uploadUrlTtl = std::chrono::seconds(uploadTtl);

@@ -107,7 +107,9 @@ class Writer {
     std::string current;
     std::string word;
     while (words >> word) {
-      const std::string candidate = current.empty() ? word : current + " " + word;
+      std::string candidate = current;
+      if (!candidate.empty()) candidate += ' ';
+      candidate += word;
       if (!current.empty() && width(candidate) > kTextWidth) {
         line(current, size);
         current = word;

@@ -58,10 +58,11 @@ void logRequest(const Request& request, const Response& response) {
   std::tm utc{};
   gmtime_r(&now, &utc);
   std::array<char, 32> stamp{};
-  std::strftime(stamp.data(), stamp.size(), "%Y-%m-%dT%H:%M:%SZ", &utc);
+  static_cast<void>(std::strftime(stamp.data(), stamp.size(), "%Y-%m-%dT%H:%M:%SZ", &utc));
   const std::size_t size = response.content_provider_ ? response.content_length_ : response.body.size();
-  std::fprintf(stderr, "%s %s \"%s %s\" %d %zu %.1fms\n", stamp.data(), request.remote_addr.c_str(),
-               request.method.c_str(), request.path.c_str(), response.status, size, elapsed.count());
+  static_cast<void>(std::fprintf(stderr, "%s %s \"%s %s\" %d %zu %.1fms\n", stamp.data(),
+                                 request.remote_addr.c_str(), request.method.c_str(), request.path.c_str(),
+                                 response.status, size, elapsed.count()));
 }
 
 // Runs one request under its route's fault, if one is switched on, and turns exceptions into detail answers.
@@ -74,8 +75,8 @@ void serve(Faults& faults, const std::string& route, const Request& request, Res
   } catch (const BadRequest& error) {
     sendDetail(response, 400, error.what());
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "kiv-service: %s %s failed: %s\n", request.method.c_str(), request.path.c_str(),
-                 error.what());
+    static_cast<void>(std::fprintf(stderr, "kiv-service: %s %s failed: %s\n", request.method.c_str(),
+                                   request.path.c_str(), error.what()));
     sendDetail(response, 500, "Internal error.");
   }
   if (fault) faults.after(*fault, request, response);

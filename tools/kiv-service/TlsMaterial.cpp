@@ -22,7 +22,7 @@ using Key = Handle<EVP_PKEY, EVP_PKEY_free>;
 using Certificate = Handle<X509, X509_free>;
 using File = Handle<FILE, std::fclose>;
 
-constexpr long kDay = 24 * 60 * 60;
+constexpr long kDay = 24L * 60 * 60;
 
 void check(bool ok, const char* what) {
   if (!ok) throw std::runtime_error(std::string("TLS set-up failed: ") + what);

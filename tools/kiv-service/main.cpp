@@ -30,12 +30,12 @@ int serve(const kiv::service::Options& options) {
   kiv::service::Service service(options);
   const int port = service.bind();
   if (port == 0) {
-    std::fprintf(stderr, "kiv-service: cannot listen on 127.0.0.1:%d\n", options.port);
+    static_cast<void>(std::fprintf(stderr, "kiv-service: cannot listen on 127.0.0.1:%d\n", options.port));
     return 1;
   }
   std::printf("kiv-service listening on https://127.0.0.1:%d\n", port);
   std::printf("kiv-service CA certificate: %s\n", service.tls().caCertificate.c_str());
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
 
   std::atomic<bool> stopRequested = false;
   std::thread stopper([&] {
@@ -62,7 +62,7 @@ int main(int argc, char** argv) {
   try {
     return serve(std::get<kiv::service::Options>(parsed));
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "kiv-service: %s\n", error.what());
+    static_cast<void>(std::fprintf(stderr, "kiv-service: %s\n", error.what()));
     return 1;
   }
 }
