@@ -23,7 +23,8 @@ namespace {
 
 zu::Date modificationDate(const fs::path& path) {
   const auto written = std::chrono::file_clock::to_sys(fs::last_write_time(path));
-  return zu::Date::fromTimeIntervalSince1970(std::chrono::duration<double>(written.time_since_epoch()).count());
+  return zu::Date::fromTimeIntervalSince1970(
+      std::chrono::duration<double>(written.time_since_epoch()).count());
 }
 
 // A record for `path`, with the file's bytes copied to the record's place in the media folder.
@@ -42,8 +43,8 @@ std::vector<kiv::KivFile> makeSampleFiles() {
   for (auto [offset, ext] : {std::pair{0.0, "jpg"}, std::pair{42.0, "mp4"}}) {
     const zu::Date taken = now.addingTimeInterval(offset);
     kiv::KivFile file(zu::stringWithLocalDateTimeForFileNames(taken), ext, taken);
-    std::ofstream(file.fileURL().path(), std::ios::binary) << "sample " << ext << " taken "
-                                                            << zu::stringWithVerboseDateTime(taken) << "\n";
+    std::ofstream(file.fileURL().path(), std::ios::binary)
+        << "sample " << ext << " taken " << zu::stringWithVerboseDateTime(taken) << "\n";
     files.push_back(file);
   }
   return files;
@@ -60,7 +61,8 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (report.files.empty()) report.files = makeSampleFiles();
-  report.setMetadata(zu::AnyCodable::Dictionary{{"source", "report_from_files"}, {"files", report.files.size()}});
+  report.setMetadata(
+      zu::AnyCodable::Dictionary{{"source", "report_from_files"}, {"files", report.files.size()}});
 
   const kiv::KivReport hashed = report.withCalculatedHash();
   const auto json = zu::JSONSerialization::data(hashed.dictionaryRepresentation());
@@ -69,6 +71,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::cerr << "Media folder: " << kiv::KivFile::kivDirectory().path() << "\n";
-  std::cout.write(reinterpret_cast<const char*>(json->data()), static_cast<std::streamsize>(json->size())) << "\n";
+  std::cout.write(reinterpret_cast<const char*>(json->data()), static_cast<std::streamsize>(json->size()))
+      << "\n";
   return 0;
 }

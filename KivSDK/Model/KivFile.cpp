@@ -13,8 +13,9 @@ namespace {
 
 // What the platform's type identifiers call images and movies, by extension.
 constexpr std::string_view kImageExtensions[] = {"jpg", "jpeg", "png", "heic", "heif", "gif", "tif", "tiff",
-                                                 "bmp", "webp", "dng", "raw",  "cr2", "nef", "arw"};
-constexpr std::string_view kMovieExtensions[] = {"mov", "mp4", "m4v", "avi", "mkv", "3gp", "mts", "m2ts", "webm", "hevc"};
+                                                 "bmp", "webp", "dng", "raw",  "cr2",  "nef", "arw"};
+constexpr std::string_view kMovieExtensions[] = {"mov", "mp4", "m4v",  "avi",  "mkv",
+                                                 "3gp", "mts", "m2ts", "webm", "hevc"};
 
 bool contains(std::span<const std::string_view> table, std::string_view value) {
   return std::find(table.begin(), table.end(), value) != table.end();
@@ -38,17 +39,22 @@ KivFile::FileType KivFile::fileTypeForExtension(std::string_view ext) {
 
 zu::URL KivFile::kivDirectory() { return zu::ZuFileManager::documentsSubdirectory("Kiv"); }
 
-std::optional<zu::AnyCodable::Dictionary> KivFile::metadata() const { return detail::nestedMetadata(_metadata); }
+std::optional<zu::AnyCodable::Dictionary> KivFile::metadata() const {
+  return detail::nestedMetadata(_metadata);
+}
 
 void KivFile::setMetadata(const std::optional<zu::AnyCodable::Dictionary>& metadata) {
   _metadata = detail::flatMetadata(metadata);
 }
 
 bool KivFile::hasPlainFileName() const {
-  return zu::ZuFileManager::isPlainPathComponent(name) && ext.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+  return zu::ZuFileManager::isPlainPathComponent(name) &&
+         ext.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
 }
 
-zu::URL KivFile::fileURL() const { return kivDirectory().appendingPathComponent(name).appendingPathExtension(ext); }
+zu::URL KivFile::fileURL() const {
+  return kivDirectory().appendingPathComponent(name).appendingPathExtension(ext);
+}
 
 std::optional<zu::URL> KivFile::localFileLocation() const {
   if (!hasPlainFileName()) return std::nullopt;
@@ -60,7 +66,8 @@ std::optional<zu::URL> KivFile::localFileLocation() const {
 bool KivFile::canAttemptFileUpload(zu::Date now) const {
   if (remoteUrl) return false;
   if (!_lastFileUploadAttemptDate) return true;
-  return now.timeIntervalSince(*_lastFileUploadAttemptDate) >= _Const::Values::minimumTimeIntervalBetweenFileUploadRequest;
+  return now.timeIntervalSince(*_lastFileUploadAttemptDate) >=
+         _Const::Values::minimumTimeIntervalBetweenFileUploadRequest;
 }
 
 KivFile KivFile::updatingFileUploadAttemptDate(zu::Date date) const {

@@ -60,7 +60,8 @@ struct KivFile {
   /// Stores `metadata` in flat form (leaves become text); nothing clears it.
   void setMetadata(const std::optional<zu::AnyCodable::Dictionary>& metadata);
 
-  /// Whether `name` is one plain file name and `ext` holds no "/" or NUL, so the file can live in the media folder.
+  /// Whether `name` is one plain file name and `ext` holds no "/" or NUL, so the file can live in the media
+  /// folder.
   bool hasPlainFileName() const;
   /// Media folder + name + extension, whether or not a file is there.
   zu::URL fileURL() const;

@@ -13,10 +13,14 @@ KivReport::KivReport(std::string name) : id(zu::UUID()), name(std::move(name)), 
 
 std::string_view KivReport::string(ProofStatus status) {
   switch (status) {
-    case ProofStatus::undefined: return "undefined";
-    case ProofStatus::pending: return "pending";
-    case ProofStatus::failed: return "failed";
-    default: return "confirmed";  // gettingCertificate too: to the user it is a confirmed report
+    case ProofStatus::undefined:
+      return "undefined";
+    case ProofStatus::pending:
+      return "pending";
+    case ProofStatus::failed:
+      return "failed";
+    default:
+      return "confirmed";  // gettingCertificate too: to the user it is a confirmed report
   }
 }
 
@@ -37,7 +41,9 @@ bool KivReport::certificationCanBeRequested() const {
   return proofStatus() == ProofStatus::undefined && !slug && !certificationRequestedDate && !files.empty();
 }
 
-std::optional<zu::AnyCodable::Dictionary> KivReport::metadata() const { return detail::nestedMetadata(_metadata); }
+std::optional<zu::AnyCodable::Dictionary> KivReport::metadata() const {
+  return detail::nestedMetadata(_metadata);
+}
 
 void KivReport::setMetadata(const std::optional<zu::AnyCodable::Dictionary>& metadata) {
   _metadata = detail::flatMetadata(metadata);
@@ -45,7 +51,9 @@ void KivReport::setMetadata(const std::optional<zu::AnyCodable::Dictionary>& met
 
 zu::URL KivReport::pdfDirectory() { return zu::ZuFileManager::documentsSubdirectory("PDFs"); }
 
-zu::URL KivReport::pdfURL() const { return pdfDirectory().appendingPathComponent(name).appendingPathExtension("pdf"); }
+zu::URL KivReport::pdfURL() const {
+  return pdfDirectory().appendingPathComponent(name).appendingPathExtension("pdf");
+}
 
 bool KivReport::hasLocalPDF() const {
   return zu::ZuFileManager::isPlainPathComponent(name) && zu::ZuFileManager::fileExists(pdfURL());

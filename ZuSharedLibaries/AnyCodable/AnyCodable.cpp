@@ -35,7 +35,8 @@ template <class Floating>
 std::string numberText(Floating value) {
   if (std::isnan(value)) return "nan";
   if (std::isinf(value)) return value < 0 ? "-inf" : "inf";
-  constexpr Floating exactIntegerLimit = std::is_same_v<Floating, float> ? Floating(1 << 24) : Floating(1LL << 53);
+  constexpr Floating exactIntegerLimit =
+      std::is_same_v<Floating, float> ? Floating(1 << 24) : Floating(1LL << 53);
   const Floating magnitude = std::fabs(value);
   const bool fixed = value == 0 || (magnitude >= Floating(1e-4) && magnitude < exactIntegerLimit);
   char buffer[64];
@@ -65,12 +66,23 @@ std::string quoted(const std::string& text) {
   std::string result = "\"";
   for (char c : text) {
     switch (c) {
-      case '"': result += "\\\""; break;
-      case '\\': result += "\\\\"; break;
-      case '\n': result += "\\n"; break;
-      case '\r': result += "\\r"; break;
-      case '\t': result += "\\t"; break;
-      default: result += c;
+      case '"':
+        result += "\\\"";
+        break;
+      case '\\':
+        result += "\\\\";
+        break;
+      case '\n':
+        result += "\\n";
+        break;
+      case '\r':
+        result += "\\r";
+        break;
+      case '\t':
+        result += "\\t";
+        break;
+      default:
+        result += c;
     }
   }
   return result + "\"";
@@ -83,7 +95,8 @@ std::string typeName(const std::any& value) {
   return status == 0 ? name.get() : value.type().name();
 }
 
-Result<void> encodeValue(const AnyCodable& value, SingleValueEncoder& encoder, std::vector<std::string>& path);
+Result<void> encodeValue(const AnyCodable& value, SingleValueEncoder& encoder,
+                         std::vector<std::string>& path);
 
 Result<void> encodeArray(const AnyCodable::Array& array, SingleValueEncoder& encoder,
                          std::vector<std::string>& path) {
@@ -110,7 +123,8 @@ Result<void> encodeDictionary(const AnyCodable::Dictionary& dictionary, SingleVa
   return {};
 }
 
-Result<void> encodeValue(const AnyCodable& value, SingleValueEncoder& encoder, std::vector<std::string>& path) {
+Result<void> encodeValue(const AnyCodable& value, SingleValueEncoder& encoder,
+                         std::vector<std::string>& path) {
   using Kind = AnyCodable::Kind;
   const Kind kind = value.kind();
   if (kind == Kind::Empty) {
@@ -158,13 +172,12 @@ AnyCodable::Dictionary::Dictionary(std::initializer_list<Entry> entries) {
 }
 
 const AnyCodable* AnyCodable::Dictionary::find(std::string_view key) const {
-  const auto entry = std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.first == key; });
+  const auto entry =
+      std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.first == key; });
   return entry == entries_.end() ? nullptr : &entry->second;
 }
 
-void AnyCodable::Dictionary::set(std::string key, AnyCodable value) {
-  (*this)[key] = std::move(value);
-}
+void AnyCodable::Dictionary::set(std::string key, AnyCodable value) { (*this)[key] = std::move(value); }
 
 bool AnyCodable::Dictionary::insert(std::string key, AnyCodable value) {
   if (contains(key)) return false;
@@ -173,7 +186,8 @@ bool AnyCodable::Dictionary::insert(std::string key, AnyCodable value) {
 }
 
 AnyCodable& AnyCodable::Dictionary::operator[](std::string_view key) {
-  const auto entry = std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.first == key; });
+  const auto entry =
+      std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.first == key; });
   if (entry != entries_.end()) return entry->second;
   return entries_.emplace_back(std::string(key), AnyCodable()).second;
 }
@@ -253,23 +267,34 @@ std::string AnyCodable::description() const {
 
 std::string AnyCodable::valueDebugDescription() const {
   switch (kind_) {
-    case Kind::Empty: return "nil";
-    case Kind::Bool: return *boolValue() ? "true" : "false";
-    case Kind::Float: return numberText(std::get<float>(storage_));
-    case Kind::Double: return numberText(std::get<double>(storage_));
-    case Kind::String: return quoted(*stringValue());
-    case Kind::Date: return dateText(*dateValue());
-    case Kind::URL: return urlValue()->absoluteString();
+    case Kind::Empty:
+      return "nil";
+    case Kind::Bool:
+      return *boolValue() ? "true" : "false";
+    case Kind::Float:
+      return numberText(std::get<float>(storage_));
+    case Kind::Double:
+      return numberText(std::get<double>(storage_));
+    case Kind::String:
+      return quoted(*stringValue());
+    case Kind::Date:
+      return dateText(*dateValue());
+    case Kind::URL:
+      return urlValue()->absoluteString();
     case Kind::Array:
       return "[" + joined(*arrayValue(), [](const AnyCodable& e) { return e.valueDebugDescription(); }) + "]";
     case Kind::Dictionary: {
       const auto& dictionary = *dictionaryValue();
       if (dictionary.empty()) return "[:]";
-      return "[" + joined(dictionary, [](const Dictionary::Entry& e) {
-               return quoted(e.first) + ": " + e.second.valueDebugDescription();
-             }) + "]";
+      return "[" +
+             joined(dictionary,
+                    [](const Dictionary::Entry& e) {
+                      return quoted(e.first) + ": " + e.second.valueDebugDescription();
+                    }) +
+             "]";
     }
-    case Kind::Opaque: return typeName(*opaqueValue());
+    case Kind::Opaque:
+      return typeName(*opaqueValue());
     default:
       return isSignedInteger(kind_) ? std::to_string(*intValue()) : std::to_string(*uintValue());
   }

@@ -32,8 +32,9 @@ class SingleValueDecoder;
  * when it is encoded.
  *
  * @code
- * zu::AnyCodable meta = zu::AnyCodable::Dictionary{{"camera", "rear"}, {"iso", 200}, {"tags", zu::AnyCodable::Array{"a", "b"}}};
- * auto json = zu::JSONSerialization::data(meta);  // {"camera":"rear","iso":200,"tags":["a","b"]}
+ * using zu::AnyCodable;
+ * AnyCodable meta = AnyCodable::Dictionary{{"camera", "rear"}, {"tags", AnyCodable::Array{"a", "b"}}};
+ * auto json = zu::JSONSerialization::data(meta);  // {"camera":"rear","tags":["a","b"]}
  * @endcode
  *
  * @par Thread Safety
@@ -42,10 +43,26 @@ class SingleValueDecoder;
 class AnyCodable {
  public:
   enum class Kind {
-    Empty, Bool,
-    Int, Int8, Int16, Int32, Int64,
-    UInt, UInt8, UInt16, UInt32, UInt64,
-    Float, Double, String, Date, URL, Array, Dictionary, Opaque
+    Empty,
+    Bool,
+    Int,
+    Int8,
+    Int16,
+    Int32,
+    Int64,
+    UInt,
+    UInt8,
+    UInt16,
+    UInt32,
+    UInt64,
+    Float,
+    Double,
+    String,
+    Date,
+    URL,
+    Array,
+    Dictionary,
+    Opaque
   };
 
   using Array = std::vector<AnyCodable>;
@@ -122,7 +139,8 @@ class AnyCodable {
   Kind kind() const { return kind_; }
   bool isEmpty() const { return kind_ == Kind::Empty; }
 
-  /// Typed access: the value when it is of the named kind (any width for the integer accessors), else nothing.
+  /// Typed access: the value when it is of the named kind (any width for the integer accessors), else
+  /// nothing.
   std::optional<bool> boolValue() const;
   std::optional<std::int64_t> intValue() const;
   std::optional<std::uint64_t> uintValue() const;
@@ -175,8 +193,8 @@ class AnyCodable {
 class AnyEncodable {
  public:
   template <class... Args>
-    requires std::constructible_from<AnyCodable, Args...>
-  AnyEncodable(Args&&... args) : value_(std::forward<Args>(args)...) {}
+  requires std::constructible_from<AnyCodable, Args...> AnyEncodable(Args&&... args)
+      : value_(std::forward<Args>(args)...) {}
 
   const AnyCodable& value() const { return value_; }
   /// Encodes by the rules of `AnyCodable::encode`.
@@ -194,8 +212,8 @@ class AnyEncodable {
 class AnyDecodable {
  public:
   template <class... Args>
-    requires std::constructible_from<AnyCodable, Args...>
-  AnyDecodable(Args&&... args) : value_(std::forward<Args>(args)...) {}
+  requires std::constructible_from<AnyCodable, Args...> AnyDecodable(Args&&... args)
+      : value_(std::forward<Args>(args)...) {}
 
   /// Decodes by the rules of `AnyCodable::decode`.
   static Result<AnyDecodable> decode(const SingleValueDecoder& decoder);

@@ -41,7 +41,9 @@ class JsonWriter final : public SingleValueEncoder {
     encode(std::strtod(std::string(buffer, end).c_str(), nullptr));
   }
   void encode(double value) override {
-    if (!std::isfinite(value)) failure_ = "Unable to encode Double." + std::string(std::isnan(value) ? "nan" : "infinity") + " directly in JSON.";
+    if (!std::isfinite(value))
+      failure_ = "Unable to encode Double." + std::string(std::isnan(value) ? "nan" : "infinity") +
+                 " directly in JSON.";
     put(value);
   }
   void encode(const std::string& value) override { put(value); }
@@ -86,7 +88,8 @@ class JsonReader final : public SingleValueDecoder {
     if (node_.is_number_unsigned() && node_.get<std::uint64_t>() <= std::uint64_t(INT64_MAX)) {
       return static_cast<std::int64_t>(node_.get<std::uint64_t>());
     }
-    if (node_.is_number_float() && isWhole(-0x1p63, 0x1p63)) return static_cast<std::int64_t>(node_.get<double>());
+    if (node_.is_number_float() && isWhole(-0x1p63, 0x1p63))
+      return static_cast<std::int64_t>(node_.get<double>());
     return std::nullopt;
   }
   std::optional<std::uint64_t> decodeUInt() const override {
@@ -140,9 +143,12 @@ bool isNestedTooDeeply(const Data& data) {
   bool escaped = false;
   for (auto byte : data) {
     if (inString) {
-      if (escaped) escaped = false;
-      else if (byte == '\\') escaped = true;
-      else if (byte == '"') inString = false;
+      if (escaped)
+        escaped = false;
+      else if (byte == '\\')
+        escaped = true;
+      else if (byte == '"')
+        inString = false;
     } else if (byte == '"') {
       inString = true;
     } else if (byte == '[' || byte == '{') {

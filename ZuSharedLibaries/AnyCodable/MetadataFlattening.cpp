@@ -4,7 +4,8 @@
 
 namespace zu {
 
-std::vector<std::pair<KeyPath, std::string>> flaten(const AnyCodable::Dictionary& map, const KeyPath& parentKeys) {
+std::vector<std::pair<KeyPath, std::string>> flaten(const AnyCodable::Dictionary& map,
+                                                    const KeyPath& parentKeys) {
   std::vector<std::pair<KeyPath, std::string>> pairs;
   for (const auto& [key, value] : map) {
     KeyPath path = parentKeys;

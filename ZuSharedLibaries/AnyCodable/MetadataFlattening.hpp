@@ -21,7 +21,8 @@ using FlatMetadata = std::map<KeyPath, AnyCodable>;
  * A value that is a dictionary is a branch; every other value is a leaf and becomes its text
  * (`description()`): 3 becomes "3", true becomes "true". An empty branch yields no pair.
  */
-std::vector<std::pair<KeyPath, std::string>> flaten(const AnyCodable::Dictionary& map, const KeyPath& parentKeys);
+std::vector<std::pair<KeyPath, std::string>> flaten(const AnyCodable::Dictionary& map,
+                                                    const KeyPath& parentKeys);
 
 /// The flat form of a nested map: `flaten` with no prefix, each leaf text wrapped as an `AnyCodable`.
 FlatMetadata flatKeysEndCodableValueDictionary(const AnyCodable::Dictionary& map);

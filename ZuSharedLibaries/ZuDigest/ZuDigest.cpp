@@ -20,7 +20,8 @@ using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextDeleter>;
 
 DigestContext newContext(const EVP_MD* type) {
   DigestContext context(EVP_MD_CTX_new());
-  if (!context || EVP_DigestInit_ex(context.get(), type, nullptr) != 1) fatalError("OpenSSL digest set-up failed");
+  if (!context || EVP_DigestInit_ex(context.get(), type, nullptr) != 1)
+    fatalError("OpenSSL digest set-up failed");
   return context;
 }
 
@@ -44,7 +45,9 @@ Data digestOf(const EVP_MD* type, const void* bytes, std::size_t count) {
 
 }  // namespace
 
-Data sha256(std::span<const std::uint8_t> bytes) { return digestOf(EVP_sha256(), bytes.data(), bytes.size()); }
+Data sha256(std::span<const std::uint8_t> bytes) {
+  return digestOf(EVP_sha256(), bytes.data(), bytes.size());
+}
 
 Data sha256(std::string_view text) { return digestOf(EVP_sha256(), text.data(), text.size()); }
 

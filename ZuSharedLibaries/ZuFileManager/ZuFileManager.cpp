@@ -63,7 +63,8 @@ std::optional<Error> copyAll(int from, int to) {
 }
 
 // The cross-file-system move: a flushed copy renamed into place, then the source removed.
-std::optional<Error> copyIntoPlace(const std::string& from, const std::string& to, const std::string& folder) {
+std::optional<Error> copyIntoPlace(const std::string& from, const std::string& to,
+                                   const std::string& folder) {
   const auto source = FileDescriptor::open(from, O_RDONLY);
   if (!source) return Error::posix(errno);
   std::string temporary = folder + "/.moving.XXXXXX";

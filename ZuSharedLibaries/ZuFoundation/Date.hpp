@@ -24,7 +24,9 @@ class Date {
   }
 
   constexpr double timeIntervalSinceReferenceDate() const { return seconds_; }
-  constexpr double timeIntervalSince1970() const { return seconds_ + timeIntervalBetween1970AndReferenceDate; }
+  constexpr double timeIntervalSince1970() const {
+    return seconds_ + timeIntervalBetween1970AndReferenceDate;
+  }
   /// Seconds from `other` to this date: positive when this date is later.
   constexpr double timeIntervalSince(Date other) const { return seconds_ - other.seconds_; }
   constexpr Date addingTimeInterval(double seconds) const { return Date(seconds_ + seconds); }

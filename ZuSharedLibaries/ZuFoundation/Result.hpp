@@ -27,55 +27,35 @@ class [[nodiscard]] Result {
 
  public:
   /// A successful `Result<void>`.
-  Result()
-    requires std::is_void_v<T>
+  Result() requires std::is_void_v<T>
   = default;
   template <class U = Stored>
-    requires(!std::is_void_v<T> && std::is_constructible_v<Stored, U &&>)
-  Result(U&& value) : storage_(std::in_place_index<0>, std::forward<U>(value)) {}
+  requires(!std::is_void_v<T> && std::is_constructible_v<Stored, U&&>) Result(U&& value)
+      : storage_(std::in_place_index<0>, std::forward<U>(value)) {}
   // A template only so that Error may still be incomplete where this header is read first.
   template <class E>
-    requires std::is_same_v<std::remove_cvref_t<E>, Error>
-  Result(E&& error) : storage_(std::in_place_index<1>, std::forward<E>(error)) {}
+  requires std::is_same_v<std::remove_cvref_t<E>, Error> Result(E&& error)
+      : storage_(std::in_place_index<1>, std::forward<E>(error)) {}
 
   bool has_value() const noexcept { return storage_.index() == 0; }
   explicit operator bool() const noexcept { return has_value(); }
 
   template <class Self = Stored>
-    requires(!std::is_void_v<T>)
-  Self& value() & {
-    return std::get<0>(checkedValue());
-  }
+  requires(!std::is_void_v<T>) Self& value() & { return std::get<0>(checkedValue()); }
   template <class Self = Stored>
-    requires(!std::is_void_v<T>)
-  const Self& value() const& {
-    return std::get<0>(checkedValue());
-  }
+  requires(!std::is_void_v<T>) const Self& value() const& { return std::get<0>(checkedValue()); }
   template <class Self = Stored>
-    requires(!std::is_void_v<T>)
-  Self&& value() && {
+  requires(!std::is_void_v<T>) Self && value() && {
     return std::get<0>(std::move(checkedValue()));
   }
   template <class Self = Stored>
-    requires(!std::is_void_v<T>)
-  Self& operator*() & {
-    return value();
-  }
+  requires(!std::is_void_v<T>) Self& operator*() & { return value(); }
   template <class Self = Stored>
-    requires(!std::is_void_v<T>)
-  const Self& operator*() const& {
-    return value();
-  }
+  requires(!std::is_void_v<T>) const Self& operator*() const& { return value(); }
   template <class Self = Stored>
-    requires(!std::is_void_v<T>)
-  Self* operator->() {
-    return &value();
-  }
+  requires(!std::is_void_v<T>) Self* operator->() { return &value(); }
   template <class Self = Stored>
-    requires(!std::is_void_v<T>)
-  const Self* operator->() const {
-    return &value();
-  }
+  requires(!std::is_void_v<T>) const Self* operator->() const { return &value(); }
 
   const Error& error() const {
     if (has_value()) fatalError("Result::error() called on a successful result");

@@ -28,8 +28,9 @@ bool isPathCharacter(char c) {
   return isUnreserved(static_cast<unsigned char>(c)) || isSubDelimiter(c) || c == ':' || c == '@' || c == '/';
 }
 bool isQueryValueCharacter(char c) {
-  return isUnreserved(static_cast<unsigned char>(c)) || (isSubDelimiter(c) && c != '&' && c != '=' && c != '+') ||
-         c == ':' || c == '@' || c == '/' || c == '?';
+  return isUnreserved(static_cast<unsigned char>(c)) ||
+         (isSubDelimiter(c) && c != '&' && c != '=' && c != '+') || c == ':' || c == '@' || c == '/' ||
+         c == '?';
 }
 bool isHexDigit(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
 
@@ -98,7 +99,8 @@ struct CurlURLDeleter {
 // One part of the URL as libcurl reads it; empty when curl cannot parse the URL or it has no such part.
 std::string curlPart(const std::string& text, CURLUPart part) {
   std::unique_ptr<CURLU, CurlURLDeleter> handle(curl_url());
-  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
+  if (!handle ||
+      curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
     return {};
   }
   char* value = nullptr;
@@ -166,7 +168,8 @@ URL URL::join(const Parts& parts) {
 
 std::string URL::scheme() const {
   std::string scheme = split().scheme;
-  std::transform(scheme.begin(), scheme.end(), scheme.begin(), [](unsigned char c) { return std::tolower(c); });
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                 [](unsigned char c) { return std::tolower(c); });
   return scheme;
 }
 

@@ -1,8 +1,10 @@
 // Measures the SDK's content digests on real files; run.sh beside it compares them with `openssl dgst`.
 //
-//   digest_bench file <data folder> <name.ext>     time KivFile::withCalculatedHash on Documents/Kiv/<name.ext>
-//   digest_bench report <data folder> <count>      time KivReport::withCalculatedHash on f0.bin ... f<count-1>.bin,
-//                                                  in parallel and one file after another
+// digest_bench file <data folder> <name.ext>
+//     times KivFile::withCalculatedHash on Documents/Kiv/<name.ext>
+// digest_bench report <data folder> <count>
+//     times KivReport::withCalculatedHash on f0.bin ... f<count-1>.bin, in parallel, then one file after
+//     another
 //
 // Prints "key=value" lines: seconds, the digest, and the process's peak resident memory in KiB.
 #include <sys/resource.h>
@@ -36,7 +38,8 @@ int timeFile(const std::string& fileName) {
   kiv::KivFile hashed = file;
   const double seconds = secondsOf([&] { hashed = file.withCalculatedHash(); });
   if (!hashed.hash) return 1;
-  std::cout << "seconds=" << seconds << "\nhash=" << *hashed.hash << "\npeak_kib=" << peakResidentKiB() << "\n";
+  std::cout << "seconds=" << seconds << "\nhash=" << *hashed.hash << "\npeak_kib=" << peakResidentKiB()
+            << "\n";
   return 0;
 }
 

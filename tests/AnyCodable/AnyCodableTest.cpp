@@ -39,8 +39,10 @@ TEST(AnyCodable, EqualityNeedsTheSameKind) {
   EXPECT_NE(AnyCodable(1.5f), AnyCodable(1.5));
   EXPECT_EQ(AnyCodable(AnyCodable::Array{1, "a"}), AnyCodable(AnyCodable::Array{1, "a"}));
   EXPECT_NE(AnyCodable(AnyCodable::Array{1, "a"}), AnyCodable(AnyCodable::Array{"a", 1}));
-  EXPECT_EQ(AnyCodable(AnyCodable::Dictionary{{"a", 1}, {"b", 2}}), AnyCodable(AnyCodable::Dictionary{{"b", 2}, {"a", 1}}));
-  EXPECT_NE(AnyCodable(AnyCodable::Dictionary{{"a", 1}}), AnyCodable(AnyCodable::Dictionary{{"a", 1}, {"b", 2}}));
+  EXPECT_EQ(AnyCodable(AnyCodable::Dictionary{{"a", 1}, {"b", 2}}),
+            AnyCodable(AnyCodable::Dictionary{{"b", 2}, {"a", 1}}));
+  EXPECT_NE(AnyCodable(AnyCodable::Dictionary{{"a", 1}}),
+            AnyCodable(AnyCodable::Dictionary{{"a", 1}, {"b", 2}}));
   // Dates, URLs and opaque values never compare equal, not even to themselves.
   const AnyCodable date(zu::Date(5));
   const AnyCodable url(*zu::URL::fromString("https://h/"));
@@ -68,7 +70,8 @@ TEST(AnyCodable, DescriptionsRenderEachKind) {
   EXPECT_EQ(AnyCodable(1e16).description(), "1e+16");
   EXPECT_EQ(AnyCodable(0.00001).description(), "1e-05");
   EXPECT_EQ(AnyCodable("plain").description(), "plain");
-  EXPECT_EQ(AnyCodable(zu::Date::fromTimeIntervalSince1970(1583105400)).description(), "2020-03-01 23:30:00 +0000");
+  EXPECT_EQ(AnyCodable(zu::Date::fromTimeIntervalSince1970(1583105400)).description(),
+            "2020-03-01 23:30:00 +0000");
   EXPECT_EQ(AnyCodable(AnyCodable::Array{1, "a", AnyCodable()}).description(), "[1, \"a\", nil]");
   EXPECT_EQ(AnyCodable(AnyCodable::Dictionary{{"k", "v\"q"}}).description(), "[\"k\": \"v\\\"q\"]");
   EXPECT_EQ(AnyCodable(AnyCodable::Dictionary{}).description(), "[:]");

@@ -16,7 +16,9 @@ std::string json(const AnyCodable& value) {
   return std::string(data->begin(), data->end());
 }
 
-zu::Result<AnyCodable> parse(std::string_view text) { return JSONSerialization::jsonObject(zu::Data(text.begin(), text.end())); }
+zu::Result<AnyCodable> parse(std::string_view text) {
+  return JSONSerialization::jsonObject(zu::Data(text.begin(), text.end()));
+}
 
 TEST(JSONSerialization, EncodesEveryKind) {
   EXPECT_EQ(json(AnyCodable(std::optional<std::string>())), "null");
@@ -34,14 +36,17 @@ TEST(JSONSerialization, EncodesEveryKind) {
 }
 
 TEST(JSONSerialization, UnencodableValuesFailWithTheirCodingPath) {
-  const AnyCodable value = AnyCodable::Dictionary{{"list", AnyCodable::Array{1, AnyCodable::opaque(std::set<int>{})}}};
+  const AnyCodable value =
+      AnyCodable::Dictionary{{"list", AnyCodable::Array{1, AnyCodable::opaque(std::set<int>{})}}};
   auto data = JSONSerialization::data(value);
   ASSERT_FALSE(data);
   EXPECT_EQ(data.error().domain(), "NSCocoaErrorDomain");
   EXPECT_EQ(data.error().code(), 4866);
-  EXPECT_EQ(*data.error().userInfo().find("NSDebugDescription"), AnyCodable("AnyCodable value cannot be encoded"));
+  EXPECT_EQ(*data.error().userInfo().find("NSDebugDescription"),
+            AnyCodable("AnyCodable value cannot be encoded"));
   EXPECT_EQ(*data.error().userInfo().find("NSCodingPath"), AnyCodable(AnyCodable::Array{"list", "Index 1"}));
-  EXPECT_EQ(data.error().localizedDescription(), "The data couldn’t be written because it isn’t in the correct format.");
+  EXPECT_EQ(data.error().localizedDescription(),
+            "The data couldn’t be written because it isn’t in the correct format.");
   EXPECT_FALSE(JSONSerialization::data(std::numeric_limits<double>::quiet_NaN()));
 }
 
@@ -59,8 +64,12 @@ TEST(JSONSerialization, DecodesNumbersByTheirValue) {
 }
 
 TEST(JSONSerialization, RoundTripsNestedValues) {
-  const AnyCodable value = AnyCodable::Dictionary{
-      {"s", "text"}, {"i", 42}, {"b", false}, {"d", 0.25}, {"n", AnyCodable::Array{1, AnyCodable::Array{"x", AnyCodable()}}}};
+  const AnyCodable value =
+      AnyCodable::Dictionary{{"s", "text"},
+                             {"i", 42},
+                             {"b", false},
+                             {"d", 0.25},
+                             {"n", AnyCodable::Array{1, AnyCodable::Array{"x", AnyCodable()}}}};
   EXPECT_EQ(*parse(json(value)), value);
   // A date comes back as what the writer made of it: a number.
   EXPECT_EQ(*parse(json(AnyCodable::Array{zu::Date(1.5)})), AnyCodable(AnyCodable::Array{1.5}));
@@ -72,7 +81,8 @@ TEST(JSONSerialization, RejectsWhatIsNotJSON) {
     ASSERT_FALSE(value) << text;
     EXPECT_EQ(value.error().domain(), "NSCocoaErrorDomain");
     EXPECT_EQ(value.error().code(), 3840);
-    EXPECT_EQ(value.error().localizedDescription(), "The data couldn’t be read because it isn’t in the correct format.");
+    EXPECT_EQ(value.error().localizedDescription(),
+              "The data couldn’t be read because it isn’t in the correct format.");
   }
   const std::string deep = std::string(100000, '[') + std::string(100000, ']');
   EXPECT_FALSE(parse(deep));

@@ -11,7 +11,9 @@ using zu::KeyPath;
 
 TEST(MetadataFlattening, FlattensNestedMapsToTextLeaves) {
   const AnyCodable::Dictionary nested{
-      {"a", AnyCodable::Dictionary{{"b", 1}, {"c", AnyCodable::Dictionary{{"d", true}}}}}, {"e", "x"}, {"f.g", 2.5}};
+      {"a", AnyCodable::Dictionary{{"b", 1}, {"c", AnyCodable::Dictionary{{"d", true}}}}},
+      {"e", "x"},
+      {"f.g", 2.5}};
   auto pairs = zu::flaten(nested, {});
   std::sort(pairs.begin(), pairs.end());
   const std::vector<std::pair<KeyPath, std::string>> expected{
@@ -25,7 +27,8 @@ TEST(MetadataFlattening, FlattensNestedMapsToTextLeaves) {
 }
 
 TEST(MetadataFlattening, RebuildsTheSameShapeWithTextLeaves) {
-  const AnyCodable::Dictionary nested{{"a", AnyCodable::Dictionary{{"b", 1}, {"empty", AnyCodable::Dictionary{}}}}, {"e", "x"}};
+  const AnyCodable::Dictionary nested{
+      {"a", AnyCodable::Dictionary{{"b", 1}, {"empty", AnyCodable::Dictionary{}}}}, {"e", "x"}};
   const auto flat = zu::flatKeysEndCodableValueDictionary(nested);
   const auto rebuilt = zu::dictionary({flat.begin(), flat.end()});
   ASSERT_TRUE(rebuilt);

@@ -17,7 +17,8 @@ TEST(ZuDigest, KnownDigestsAndHexText) {
   EXPECT_EQ(zu::hexString(zu::sha256(zu::Data{'a', 'b', 'c'})),
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   EXPECT_EQ(zu::hexString(zu::md5("")), "d41d8cd98f00b204e9800998ecf8427e");
-  EXPECT_EQ(zu::hexString(zu::md5("The quick brown fox jumps over the lazy dog")), "9e107d9d372bb6826bd81d3542a419d6");
+  EXPECT_EQ(zu::hexString(zu::md5("The quick brown fox jumps over the lazy dog")),
+            "9e107d9d372bb6826bd81d3542a419d6");
   EXPECT_EQ(zu::sha256("abc").size(), 32U);
 }
 
@@ -25,8 +26,8 @@ TEST(ZuDigest, FileDigestEqualsTheDigestOfTheWholeContent) {
   testing_support::TemporaryDirectory folder;
   std::mt19937 random(7);
   // Sizes around the block size, where a streaming mistake would show.
-  for (std::size_t size : {std::size_t{0}, std::size_t{1}, zu::fileDigestBlockSize - 1, zu::fileDigestBlockSize,
-                           zu::fileDigestBlockSize * 2 + 3}) {
+  for (std::size_t size : {std::size_t{0}, std::size_t{1}, zu::fileDigestBlockSize - 1,
+                           zu::fileDigestBlockSize, zu::fileDigestBlockSize * 2 + 3}) {
     std::string bytes(size, '\0');
     for (auto& byte : bytes) byte = static_cast<char>(random());
     const auto path = folder.path() / ("f" + std::to_string(size));

@@ -48,7 +48,8 @@ TEST(ZuFileManager, DocumentsLiveInTheApplicationDataFolder) {
 TEST(ZuFileManager, DefaultFolderFollowsXdgDataHome) {
   testing_support::TemporaryDirectory home;
   ::setenv("XDG_DATA_HOME", home.path().c_str(), 1);
-  EXPECT_EQ(ZuFileManager::applicationDataDirectory(), (home.path() / program_invocation_short_name).string());
+  EXPECT_EQ(ZuFileManager::applicationDataDirectory(),
+            (home.path() / program_invocation_short_name).string());
   ::unsetenv("XDG_DATA_HOME");
   EXPECT_TRUE(ZuFileManager::applicationDataDirectory().ends_with(std::string("/.local/share/") +
                                                                   program_invocation_short_name));
@@ -57,7 +58,8 @@ TEST(ZuFileManager, DefaultFolderFollowsXdgDataHome) {
 TEST(ZuFileManager, PlainPathComponents) {
   EXPECT_TRUE(ZuFileManager::isPlainPathComponent("IMG_0001"));
   EXPECT_TRUE(ZuFileManager::isPlainPathComponent("..."));
-  for (std::string_view bad : {std::string_view(""), std::string_view("."), std::string_view(".."), std::string_view("a/b"), std::string_view("/"), std::string_view("a\0b", 3)}) {
+  for (std::string_view bad : {std::string_view(""), std::string_view("."), std::string_view(".."),
+                               std::string_view("a/b"), std::string_view("/"), std::string_view("a\0b", 3)}) {
     EXPECT_FALSE(ZuFileManager::isPlainPathComponent(bad)) << bad;
   }
 }
@@ -91,8 +93,10 @@ TEST(ZuFileManager, FailedMoveReportsTheErrorAndKeepsTheSource) {
 TEST(ZuFileManager, MovesAcrossFileSystemsByCopying) {
   testing_support::TemporaryDirectory folder;
   const fs::path shm = "/dev/shm";
-  struct stat here {}, there {};
-  if (::stat(folder.path().c_str(), &here) != 0 || ::stat(shm.c_str(), &there) != 0 || here.st_dev == there.st_dev) {
+  struct stat here {
+  }, there{};
+  if (::stat(folder.path().c_str(), &here) != 0 || ::stat(shm.c_str(), &there) != 0 ||
+      here.st_dev == there.st_dev) {
     GTEST_SKIP() << "needs /dev/shm on a file system of its own";
   }
   const fs::path source = shm / ("kivsdk-move-" + std::to_string(::getpid()));
@@ -102,7 +106,8 @@ TEST(ZuFileManager, MovesAcrossFileSystemsByCopying) {
   EXPECT_TRUE(outcome.success);
   EXPECT_EQ(readFile(folder.path() / "target"), std::string(3 << 20, 'x'));
   EXPECT_FALSE(fs::exists(source));
-  EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()), 1);  // no temp file left
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()),
+            1);  // no temp file left
 }
 
 }  // namespace

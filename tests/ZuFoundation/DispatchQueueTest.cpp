@@ -34,7 +34,8 @@ TEST(DispatchQueue, DestructionRunsWhatWasPosted) {
 
 TEST(DispatchQueue, MainQueueHandsTasksToTheHostDispatcher) {
   std::vector<zu::DispatchQueue::Task> handed;
-  zu::DispatchQueue::setMainDispatcher([&](zu::DispatchQueue::Task task) { handed.push_back(std::move(task)); });
+  zu::DispatchQueue::setMainDispatcher(
+      [&](zu::DispatchQueue::Task task) { handed.push_back(std::move(task)); });
   bool ran = false;
   zu::DispatchQueue::main().async([&] { ran = true; });
   ASSERT_EQ(handed.size(), 1U);

@@ -9,7 +9,8 @@
 namespace {
 
 TEST(Error, LocalizedDescriptionComesFromUserInfoThenTheDomain) {
-  EXPECT_EQ(zu::Error("com.example", 7, {{"NSLocalizedDescription", "Broken."}}).localizedDescription(), "Broken.");
+  EXPECT_EQ(zu::Error("com.example", 7, {{"NSLocalizedDescription", "Broken."}}).localizedDescription(),
+            "Broken.");
   EXPECT_EQ(zu::Error("com.example", 7).localizedDescription(),
             "The operation couldn’t be completed. (com.example error 7.)");
   EXPECT_EQ(zu::Error::posix(ENOENT).localizedDescription(),

@@ -41,7 +41,8 @@ TEST(URL, FileURLsAndPathOperations) {
   EXPECT_EQ(photo.path(), "/data/My Documents/IMG 1.jpg");
   EXPECT_EQ(photo.pathExtension(), "jpg");
   EXPECT_EQ(photo.deletingLastPathComponent(), folder);
-  EXPECT_EQ(folder.appendingPathComponent("x").appendingPathExtension(""), folder.appendingPathComponent("x"));
+  EXPECT_EQ(folder.appendingPathComponent("x").appendingPathExtension(""),
+            folder.appendingPathComponent("x"));
   EXPECT_EQ(folder.appendingPathComponent("sub", true).appendingPathExtension("d").absoluteString(),
             "file:///data/My%20Documents/sub.d/");
   EXPECT_EQ(URL::fileURLWithPath("/a/.hidden").pathExtension(), "");
@@ -53,7 +54,8 @@ TEST(URL, QueryItemsAreAppendedAfterExistingOnes) {
   const URL merged = url->appendingQueryItems({{"a", "1"}, {"q", "a b&c=d"}});
   EXPECT_EQ(merged.absoluteString(), "https://example.org/v1/reports/?x=2&a=1&q=a%20b%26c%3Dd");
   EXPECT_EQ(merged.queryItems(), (std::vector<URL::QueryItem>{{"x", "2"}, {"a", "1"}, {"q", "a b&c=d"}}));
-  EXPECT_EQ(URL::fromString("https://h/p")->appendingQueryItems({{"a", "1"}}).absoluteString(), "https://h/p?a=1");
+  EXPECT_EQ(URL::fromString("https://h/p")->appendingQueryItems({{"a", "1"}}).absoluteString(),
+            "https://h/p?a=1");
 }
 
 }  // namespace

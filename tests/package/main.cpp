@@ -1,5 +1,5 @@
-#include <KivSDK/Model/KivReport.hpp>
 #include <AnyCodable/JSONSerialization.hpp>
+#include <KivSDK/Model/KivReport.hpp>
 
 #include <iostream>
 

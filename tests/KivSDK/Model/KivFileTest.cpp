@@ -21,9 +21,11 @@ TEST(KivFile, NewFileTakesItsKindFromTheExtension) {
   EXPECT_FALSE(file.description || file.slug || file._metadata || file.hash || file.remoteUrl ||
                file._lastFileUploadAttemptDate);
 
-  for (auto ext : {"jpg", "Jpeg", "png", "heic"}) EXPECT_EQ(KivFile::fileTypeForExtension(ext), FileType::image) << ext;
+  for (auto ext : {"jpg", "Jpeg", "png", "heic"})
+    EXPECT_EQ(KivFile::fileTypeForExtension(ext), FileType::image) << ext;
   for (auto ext : {"mov", "MP4"}) EXPECT_EQ(KivFile::fileTypeForExtension(ext), FileType::video) << ext;
-  for (auto ext : {"txt", "", "jpg.txt"}) EXPECT_EQ(KivFile::fileTypeForExtension(ext), FileType::unknown) << ext;
+  for (auto ext : {"txt", "", "jpg.txt"})
+    EXPECT_EQ(KivFile::fileTypeForExtension(ext), FileType::unknown) << ext;
   EXPECT_EQ(zu::fromRawValue<FileType>(2), FileType::video);
   EXPECT_FALSE(zu::fromRawValue<FileType>(3));
   EXPECT_FALSE(zu::fromRawValue<FileType>(-1));
@@ -41,7 +43,8 @@ TEST(KivFile, UploadIsAttemptedOncePerHalfHour) {
   KivFile uploaded = fresh;
   uploaded.remoteUrl = zu::URL::fromString("https://storage/x");
   EXPECT_FALSE(uploaded.canAttemptFileUpload(kTen));
-  EXPECT_FALSE(uploaded.updatingFileUploadAttemptDate(kTen.addingTimeInterval(-7200)).canAttemptFileUpload(kTen));
+  EXPECT_FALSE(
+      uploaded.updatingFileUploadAttemptDate(kTen.addingTimeInterval(-7200)).canAttemptFileUpload(kTen));
 }
 
 TEST(KivFile, EqualityPrefersSlugsThenNameAndExtension) {
@@ -79,7 +82,8 @@ TEST(KivFile, OrdersByWholeSeconds) {
 
 TEST(KivFileDeathTest, OrderingStopsOnDatesWithoutWholeSeconds) {
   const KivFile fine("a", "jpg", kTen);
-  EXPECT_DEATH((void)(fine < KivFile("b", "jpg", zu::Date(std::numeric_limits<double>::quiet_NaN()))), "whole seconds");
+  EXPECT_DEATH((void)(fine < KivFile("b", "jpg", zu::Date(std::numeric_limits<double>::quiet_NaN()))),
+               "whole seconds");
   EXPECT_DEATH((void)(fine < KivFile("b", "jpg", zu::Date(1e19))), "whole seconds");
 }
 
@@ -109,10 +113,12 @@ TEST(KivFile, MergeKeepsLocalValuesTheServiceLacks) {
 
 TEST(KivFile, MetadataIsKeptFlatWithTextLeaves) {
   KivFile file("a", "jpg", kTen);
-  file.setMetadata(zu::AnyCodable::Dictionary{{"gps", zu::AnyCodable::Dictionary{{"lat", 48.5}, {"ok", true}}}});
+  file.setMetadata(
+      zu::AnyCodable::Dictionary{{"gps", zu::AnyCodable::Dictionary{{"lat", 48.5}, {"ok", true}}}});
   EXPECT_EQ(file._metadata->at({"gps", "lat"}), zu::AnyCodable("48.5"));
-  EXPECT_EQ(file.metadata(),
-            (zu::AnyCodable::Dictionary{{"gps", zu::AnyCodable::Dictionary{{"lat", "48.5"}, {"ok", "true"}}}}));
+  EXPECT_EQ(
+      file.metadata(),
+      (zu::AnyCodable::Dictionary{{"gps", zu::AnyCodable::Dictionary{{"lat", "48.5"}, {"ok", "true"}}}}));
   file.setMetadata(std::nullopt);
   EXPECT_FALSE(file._metadata);
   EXPECT_FALSE(file.metadata());
@@ -134,8 +140,13 @@ TEST(KivFile, NamesThatAreNotPlainFileNamesHaveNoLocalLocation) {
   testing_support::ScopedApplicationData data;
   // Something real at the place each hostile name points to, so only the name check can keep it out.
   testing_support::writeFile(data.path() / "Documents" / "secret.jpg", "secret");
-  for (const auto& [name, ext] : std::vector<std::pair<std::string, std::string>>{
-           {"../secret", "jpg"}, {"..", "jpg"}, {".", "jpg"}, {"", "jpg"}, {"a/../../secret", "jpg"}, {"x", "/../../secret.jpg"}}) {
+  for (const auto& [name, ext] :
+       std::vector<std::pair<std::string, std::string>>{{"../secret", "jpg"},
+                                                        {"..", "jpg"},
+                                                        {".", "jpg"},
+                                                        {"", "jpg"},
+                                                        {"a/../../secret", "jpg"},
+                                                        {"x", "/../../secret.jpg"}}) {
     const KivFile file(name, ext, kTen);
     EXPECT_FALSE(file.hasPlainFileName()) << name << "." << ext;
     EXPECT_FALSE(file.localFileLocation()) << name << "." << ext;

@@ -22,8 +22,8 @@ TEST(KivReport, NewReportHasAnIdAndNothingElse) {
   EXPECT_LE(report.created, zu::Date::now());
   EXPECT_TRUE(report.files.empty());
   EXPECT_EQ(report.proofStatus(), ProofStatus::undefined);
-  EXPECT_FALSE(report.note || report.slug || report.certificationRequestedDate || report._metadata || report.hash ||
-               report.email);
+  EXPECT_FALSE(report.note || report.slug || report.certificationRequestedDate || report._metadata ||
+               report.hash || report.email);
 }
 
 TEST(KivReport, StatusTexts) {
@@ -112,8 +112,8 @@ TEST(KivReport, MergeKeepsLocalValuesTheServiceLacks) {
   EXPECT_EQ(merged.email, "me@example.org");
   EXPECT_EQ(merged.slug, "r-1");
   EXPECT_EQ(merged.proofStatus(), ProofStatus::pending);
-  EXPECT_TRUE(merged.files.empty());                 // the newer copy's files as they stand
-  EXPECT_FALSE(merged.certificationRequestedDate);   // the newer copy's
+  EXPECT_TRUE(merged.files.empty());                // the newer copy's files as they stand
+  EXPECT_FALSE(merged.certificationRequestedDate);  // the newer copy's
   EXPECT_EQ(merged.metadata(), (zu::AnyCodable::Dictionary{{"k", "v"}}));
 }
 

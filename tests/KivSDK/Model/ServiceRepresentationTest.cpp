@@ -49,13 +49,14 @@ TEST(ServiceRepresentation, FullRecordsWriteEveryKeyInOrder) {
   report.files = {file};
 
   const Dictionary dict = report.dictionaryRepresentation();
-  EXPECT_EQ(keys(dict), (std::vector<std::string>{"name", "original_created_at", "provable_files", "note", "hash",
-                                                  "slug", "email", "meta_data"}));
+  EXPECT_EQ(keys(dict), (std::vector<std::string>{"name", "original_created_at", "provable_files", "note",
+                                                  "hash", "slug", "email", "meta_data"}));
   EXPECT_EQ(*dict.find("meta_data"), AnyCodable(Dictionary{{"a", Dictionary{{"b", "1"}}}}));
   const Dictionary& fileDict = *dict.find("provable_files")->arrayValue()->front().dictionaryValue();
-  EXPECT_EQ(json(fileDict),
-            R"({"file_name":"IMG_0001.jpg","original_created_at":"2020-03-01T23:30:00Z","hash":"fh","slug":"f-1",)"
-            R"("description":"d","meta_data":{"iso":"200"}})");
+  EXPECT_EQ(
+      json(fileDict),
+      R"({"file_name":"IMG_0001.jpg","original_created_at":"2020-03-01T23:30:00Z","hash":"fh","slug":"f-1",)"
+      R"("description":"d","meta_data":{"iso":"200"}})");
 }
 
 TEST(ServiceRepresentation, RecordsRoundTripThroughServiceJson) {
@@ -110,7 +111,7 @@ TEST(ServiceRepresentation, ReadersAreTolerantOfWhatTheyCanSkip) {
   ASSERT_TRUE(report);
   EXPECT_EQ(report->proofStatus(), KivReport::ProofStatus::undefined);
   EXPECT_FALSE(report->note);
-  EXPECT_GE(report->created, before);  // unreadable date: now
+  EXPECT_GE(report->created, before);   // unreadable date: now
   ASSERT_EQ(report->files.size(), 2U);  // bad elements dropped alone
   EXPECT_FALSE(report->files[0].remoteUrl);
   EXPECT_FALSE(report->files[0].slug);
