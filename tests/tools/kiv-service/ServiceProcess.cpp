@@ -68,6 +68,7 @@ void ServiceProcess::start() {
   std::vector<std::string> arguments{KIV_SERVICE_PROGRAM, "--data", dataDir_.string(), "--port", "0"};
   arguments.insert(arguments.end(), arguments_.begin(), arguments_.end());
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
 
