@@ -89,19 +89,24 @@ void ZuLogger::setSink(Sink sink) {
 
 std::string_view ZuLogger::tag(LogLevel level) {
   switch (level) {
-    case LogLevel::error: return "E";
-    case LogLevel::warning: return "W";
-    case LogLevel::info: return "I";
-    case LogLevel::debug: return "D";
-    case LogLevel::none: break;
+    case LogLevel::error:
+      return "E";
+    case LogLevel::warning:
+      return "W";
+    case LogLevel::info:
+      return "I";
+    case LogLevel::debug:
+      return "D";
+    case LogLevel::none:
+      break;
   }
   return {};
 }
 
 std::string ZuLogger::className(const std::type_info& type) {
   int status = 0;
-  std::unique_ptr<char, decltype(&std::free)> demangled(abi::__cxa_demangle(type.name(), nullptr, nullptr, &status),
-                                                        &std::free);
+  std::unique_ptr<char, decltype(&std::free)> demangled(
+      abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
   return shortName(status == 0 && demangled ? demangled.get() : type.name());
 }
 

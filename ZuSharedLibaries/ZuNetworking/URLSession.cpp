@@ -23,11 +23,14 @@ class CurlSession final : public URLSession {
   std::shared_ptr<URLSessionTask> dataTask(URLRequest request, DataCompletion completion) override {
     return engine_->makeTask(Engine::Kind::data, std::move(request), std::nullopt, std::move(completion), {});
   }
-  std::shared_ptr<URLSessionTask> uploadTask(URLRequest request, URL fromFile, DataCompletion completion) override {
-    return engine_->makeTask(Engine::Kind::upload, std::move(request), std::move(fromFile), std::move(completion), {});
+  std::shared_ptr<URLSessionTask> uploadTask(URLRequest request, URL fromFile,
+                                             DataCompletion completion) override {
+    return engine_->makeTask(Engine::Kind::upload, std::move(request), std::move(fromFile),
+                             std::move(completion), {});
   }
   std::shared_ptr<URLSessionTask> downloadTask(URLRequest request, DownloadCompletion completion) override {
-    return engine_->makeTask(Engine::Kind::download, std::move(request), std::nullopt, {}, std::move(completion));
+    return engine_->makeTask(Engine::Kind::download, std::move(request), std::nullopt, {},
+                             std::move(completion));
   }
 
  private:

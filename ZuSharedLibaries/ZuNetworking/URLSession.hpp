@@ -79,7 +79,8 @@ class URLSessionDelegate {
   virtual ~URLSessionDelegate() = default;
   virtual void didReceive(URLSession& session, URLSessionTask& dataTask, const Data& data);
   virtual void didFinishDownloadingTo(URLSession& session, URLSessionTask& downloadTask, const URL& location);
-  virtual void didCompleteWithError(URLSession& session, URLSessionTask& task, const std::optional<Error>& error);
+  virtual void didCompleteWithError(URLSession& session, URLSessionTask& task,
+                                    const std::optional<Error>& error);
   /// A background session has delivered every event of the transfers it took over from an earlier process.
   virtual void urlSessionDidFinishEvents(URLSession& forBackgroundURLSession);
 };
@@ -106,11 +107,11 @@ class URLSessionDelegate {
 class URLSession {
  public:
   /// Data and upload tasks: the body (absent on failure), the answer's head, the transport error.
-  using DataCompletion =
-      std::function<void(std::optional<Data> data, std::optional<HTTPURLResponse> response, std::optional<Error>)>;
+  using DataCompletion = std::function<void(std::optional<Data> data, std::optional<HTTPURLResponse> response,
+                                            std::optional<Error>)>;
   /// Download tasks: the temporary file (removed when the completion returns), the head, the error.
-  using DownloadCompletion =
-      std::function<void(std::optional<URL> location, std::optional<HTTPURLResponse> response, std::optional<Error>)>;
+  using DownloadCompletion = std::function<void(
+      std::optional<URL> location, std::optional<HTTPURLResponse> response, std::optional<Error>)>;
 
   virtual ~URLSession() = default;
 
@@ -132,7 +133,8 @@ class URLSession {
    */
   virtual std::shared_ptr<URLSessionTask> dataTask(URLRequest request, DataCompletion completion) = 0;
   /// A suspended task that sends the file at `fromFile` as the body, streamed, never read whole.
-  virtual std::shared_ptr<URLSessionTask> uploadTask(URLRequest request, URL fromFile, DataCompletion completion) = 0;
+  virtual std::shared_ptr<URLSessionTask> uploadTask(URLRequest request, URL fromFile,
+                                                     DataCompletion completion) = 0;
   /// A suspended task that streams the answer's body into a temporary file (mode 0600).
   virtual std::shared_ptr<URLSessionTask> downloadTask(URLRequest request, DownloadCompletion completion) = 0;
 };

@@ -28,10 +28,12 @@ class ZuError {
   /// The user-info key under which `unsuccesfullHTTPResponseCode` carries its status code.
   static constexpr std::string_view statusCodeKey = "ZuNetworking.ErrorUserInfo.StatusCode";
   /// The description `emptyResponseData` reports when it was given none.
-  static constexpr std::string_view emptyResponseDataText = "The response did not contain any data as expected";
+  static constexpr std::string_view emptyResponseDataText =
+      "The response did not contain any data as expected";
 
   static ZuError invalidResponseData(std::optional<std::string> description = std::nullopt);
-  static ZuError unsuccesfullHTTPResponseCode(int statusCode, std::optional<std::string> description = std::nullopt);
+  static ZuError unsuccesfullHTTPResponseCode(int statusCode,
+                                              std::optional<std::string> description = std::nullopt);
   static ZuError invalidPayload(std::optional<std::string> description = std::nullopt);
   static ZuError missingRequestData(std::optional<std::string> description = std::nullopt);
   static ZuError emptyResponseData(std::optional<std::string> description = std::nullopt);

@@ -1,5 +1,6 @@
 #include "ZuNetworking/ZuNetworking.hpp"
 
+#include <fstream>
 #include <typeinfo>
 #include <utility>
 
@@ -19,7 +20,8 @@ const std::string kAnswerRule(57, '<');
 std::string bodyText(const std::optional<AnyCodable>& body) { return body ? body->description() : "None"; }
 
 // The ">" block written before a request is built; `cls` is the speaking class.
-void logRequestBlock(const std::type_info* cls, const std::string& headline, const std::optional<AnyCodable>& body) {
+void logRequestBlock(const std::type_info* cls, const std::string& headline,
+                     const std::optional<AnyCodable>& body) {
   ZuLogger::_printToConsole(kRequestRule, cls, LogLevel::debug);
   ZuLogger::_printToConsole(headline, cls, LogLevel::debug);
   ZuLogger::_printToConsole("Request Body: " + bodyText(body), cls, LogLevel::debug);
@@ -27,32 +29,36 @@ void logRequestBlock(const std::type_info* cls, const std::string& headline, con
 }
 
 // The "<" block written once an answer has been judged.
-void logAnswerBlock(const std::type_info* cls, const std::string& headline, const std::optional<AnyCodable>& body,
-                    const std::optional<std::string>& payload, const std::optional<Error>& error) {
+void logAnswerBlock(const std::type_info* cls, const std::string& headline,
+                    const std::optional<AnyCodable>& body, const std::optional<std::string>& payload,
+                    const std::optional<Error>& error) {
   ZuLogger::_printToConsole(kAnswerRule, cls, LogLevel::debug);
   ZuLogger::_printToConsole(headline, cls, LogLevel::debug);
   ZuLogger::_printToConsole("Original Request Body: " + bodyText(body), cls, LogLevel::debug);
   ZuLogger::_printToConsole("Response object: " + payload.value_or("None"), cls, LogLevel::debug);
-  if (error) ZuLogger::_printToConsole("Error Description: " + error->localizedDescription(), cls, LogLevel::debug);
+  if (error)
+    ZuLogger::_printToConsole("Error Description: " + error->localizedDescription(), cls, LogLevel::debug);
   ZuLogger::_printToConsole(kAnswerRule + "\n", cls, LogLevel::debug);
 }
 
 // Wraps a caller's completion so that the answer block is logged just before it runs.
 ZuNetworking::JSONCompletion loggingAnswer(const std::type_info* cls, std::string headline,
-                                           std::optional<AnyCodable> body, ZuNetworking::JSONCompletion completion) {
+                                           std::optional<AnyCodable> body,
+                                           ZuNetworking::JSONCompletion completion) {
   return [cls, headline = std::move(headline), body = std::move(body), completion = std::move(completion)](
              std::optional<AnyCodable> payload, std::optional<Error> error) {
-    logAnswerBlock(cls, headline, body, payload ? std::optional(payload->description()) : std::nullopt, error);
+    logAnswerBlock(cls, headline, body, payload ? std::optional(payload->description()) : std::nullopt,
+                   error);
     completion(std::move(payload), std::move(error));
   };
 }
 
 ZuNetworking::DownloadCompletion loggingDownload(const std::type_info* cls, std::string headline,
                                                  ZuNetworking::DownloadCompletion completion) {
-  return [cls, headline = std::move(headline), completion = std::move(completion)](std::optional<URL> location,
-                                                                                  std::optional<Error> error) {
-    logAnswerBlock(cls, headline, std::nullopt, location ? std::optional(location->absoluteString()) : std::nullopt,
-                   error);
+  return [cls, headline = std::move(headline), completion = std::move(completion)](
+             std::optional<URL> location, std::optional<Error> error) {
+    logAnswerBlock(cls, headline, std::nullopt,
+                   location ? std::optional(location->absoluteString()) : std::nullopt, error);
     completion(std::move(location), std::move(error));
   };
 }
@@ -69,6 +75,18 @@ std::optional<std::vector<URL::QueryItem>> queryItems(const std::optional<AnyCod
     items.emplace_back(name, *value.stringValue());
   }
   return items;
+}
+
+// A failed download's answer is in its file; a small one is read so that the error can quote the service.
+std::optional<Data> errorBody(const std::optional<URL>& location) {
+  constexpr std::streamsize limit = 64 * 1024;
+  if (!location) return std::nullopt;
+  std::ifstream in(location->path(), std::ios::binary);
+  Data body(limit + 1);
+  in.read(reinterpret_cast<char*>(body.data()), limit + 1);
+  if (in.gcount() > limit) return std::nullopt;
+  body.resize(static_cast<std::size_t>(in.gcount()));
+  return body;
 }
 
 }  // namespace
@@ -100,8 +118,8 @@ std::shared_ptr<URLSession> ZuNetworking::sharedSession() const {
 // ---- Requests ----
 
 Result<URLRequest> ZuNetworking::_request(const URL& forURL, const std::string& method,
-                                          const std::optional<AnyCodable>& body, const std::string& contentType,
-                                          const Headers& extraHeaders) const {
+                                          const std::optional<AnyCodable>& body,
+                                          const std::string& contentType, const Headers& extraHeaders) const {
   const bool bodyIsQuery = method == "GET" || method == "DELETE";
   URL url = forURL;
   if (bodyIsQuery) {
@@ -115,7 +133,8 @@ Result<URLRequest> ZuNetworking::_request(const URL& forURL, const std::string& 
   if (!bodyIsQuery && body) {
     auto json = JSONSerialization::data(*body);
     if (!json) {
-      return Error(ZuError::invalidPayload("Invalid JSON payload for Request: " + json.error().localizedDescription()));
+      return Error(ZuError::invalidPayload("Invalid JSON payload for Request: " +
+                                           json.error().localizedDescription()));
     }
     request.httpBody = std::move(*json);
   }
@@ -125,7 +144,8 @@ Result<URLRequest> ZuNetworking::_request(const URL& forURL, const std::string& 
 std::shared_ptr<URLSessionTask> ZuNetworking::sendRequest(const URL& forURL, const std::string& method,
                                                           const Headers& extraHeaders,
                                                           const std::optional<AnyCodable>& body,
-                                                          bool acceptEmptyResponse, JSONCompletion completion) {
+                                                          bool acceptEmptyResponse,
+                                                          JSONCompletion completion) {
   const std::type_info* cls = &typeid(*this);
   const std::string& url = forURL.absoluteString();
   logRequestBlock(cls, "Initiating " + method + " request to URL: " + url, body);
@@ -134,36 +154,37 @@ std::shared_ptr<URLSessionTask> ZuNetworking::sendRequest(const URL& forURL, con
     completion(std::nullopt, request.error());
     return nullptr;
   }
-  auto judged = loggingAnswer(cls, "Response for " + method + " request to URL: " + url, body, std::move(completion));
+  auto judged =
+      loggingAnswer(cls, "Response for " + method + " request to URL: " + url, body, std::move(completion));
   auto task = sharedSession()->dataTask(
-      std::move(*request), [acceptEmptyResponse, judged = std::move(judged)](
-                               std::optional<Data> data, std::optional<HTTPURLResponse> response,
-                               std::optional<Error> error) { _process(response, data, error, acceptEmptyResponse, judged); });
+      std::move(*request),
+      [acceptEmptyResponse, judged = std::move(judged)](
+          std::optional<Data> data, std::optional<HTTPURLResponse> response, std::optional<Error> error) {
+        _process(response, data, error, acceptEmptyResponse, judged);
+      });
   task->resume();
   return task;
 }
 
-std::shared_ptr<URLSessionTask> ZuNetworking::sendRequestAllowEmptyResponse(const URL& forURL,
-                                                                            const std::string& method,
-                                                                            const Headers& extraHeaders,
-                                                                            const std::optional<AnyCodable>& body,
-                                                                            JSONCompletion completion) {
+std::shared_ptr<URLSessionTask> ZuNetworking::sendRequestAllowEmptyResponse(
+    const URL& forURL, const std::string& method, const Headers& extraHeaders,
+    const std::optional<AnyCodable>& body, JSONCompletion completion) {
   return sendRequest(forURL, method, extraHeaders, body, true, std::move(completion));
 }
 
 std::shared_ptr<URLSessionTask> ZuNetworking::sendRequestWithDictionaryResponse(
-    const URL& forURL, const std::string& method, const Headers& extraHeaders, const std::optional<AnyCodable>& body,
-    DictionaryCompletion completion) {
-  return sendRequest(forURL, method, extraHeaders, body, false,
-                     [completion = std::move(completion)](std::optional<AnyCodable> payload,
-                                                          std::optional<Error> error) {
-                       if (error) return completion(std::nullopt, std::move(error));
-                       if (const auto* dictionary = payload ? payload->dictionaryValue() : nullptr) {
-                         return completion(*dictionary, std::nullopt);
-                       }
-                       completion(std::nullopt, ZuError::invalidResponseData(
-                                                    "Response received invalid payload type, expected a JSON dictionary"));
-                     });
+    const URL& forURL, const std::string& method, const Headers& extraHeaders,
+    const std::optional<AnyCodable>& body, DictionaryCompletion completion) {
+  return sendRequest(
+      forURL, method, extraHeaders, body, false,
+      [completion = std::move(completion)](std::optional<AnyCodable> payload, std::optional<Error> error) {
+        if (error) return completion(std::nullopt, std::move(error));
+        if (const auto* dictionary = payload ? payload->dictionaryValue() : nullptr) {
+          return completion(*dictionary, std::nullopt);
+        }
+        completion(std::nullopt, ZuError::invalidResponseData(
+                                     "Response received invalid payload type, expected a JSON dictionary"));
+      });
 }
 
 std::shared_ptr<URLSessionTask> ZuNetworking::sendRequestWithResultsArrayInDictionaryResponse(
@@ -174,13 +195,14 @@ std::shared_ptr<URLSessionTask> ZuNetworking::sendRequestWithResultsArrayInDicti
 
 // ---- Judging answers ----
 
-void ZuNetworking::_process(const std::optional<HTTPURLResponse>& response, const std::optional<Data>& withData,
-                            const std::optional<Error>& error, bool acceptEmptyResponsePayload,
-                            const JSONCompletion& completion) {
+void ZuNetworking::_process(const std::optional<HTTPURLResponse>& response,
+                            const std::optional<Data>& withData, const std::optional<Error>& error,
+                            bool acceptEmptyResponsePayload, const JSONCompletion& completion) {
   if (error) return completion(std::nullopt, error);
   if (!response) fatalError("An answer came with neither an error nor a response");
   if (!_isHTTPStatusCode2XX(*response)) {
-    auto description = _errorString(withData).value_or(HTTPURLResponse::localizedString(response->statusCode));
+    auto description =
+        _errorString(withData).value_or(HTTPURLResponse::localizedString(response->statusCode));
     return completion(std::nullopt, Error(_statusCodeError(*response, std::move(description))));
   }
   auto payload = _payload(withData);
@@ -192,12 +214,14 @@ void ZuNetworking::_process(const std::optional<HTTPURLResponse>& response, cons
   completion(std::nullopt, payload.error());
 }
 
-void ZuNetworking::_process(const std::optional<HTTPURLResponse>& downloadResponse, const std::optional<URL>& withURL,
-                            const std::optional<Error>& error, const DownloadCompletion& completion) {
+void ZuNetworking::_process(const std::optional<HTTPURLResponse>& downloadResponse,
+                            const std::optional<URL>& withURL, const std::optional<Error>& error,
+                            const DownloadCompletion& completion) {
   if (error) return completion(std::nullopt, error);
   if (!downloadResponse) fatalError("A download came with neither an error nor a response");
   if (!_isHTTPStatusCode2XX(*downloadResponse)) {
-    auto description = HTTPURLResponse::localizedString(downloadResponse->statusCode);
+    auto description = _errorString(errorBody(withURL))
+                           .value_or(HTTPURLResponse::localizedString(downloadResponse->statusCode));
     return completion(std::nullopt, Error(_statusCodeError(*downloadResponse, std::move(description))));
   }
   if (!withURL) return completion(std::nullopt, Error(ZuError::emptyResponseData()));
@@ -209,8 +233,8 @@ Result<AnyCodable> ZuNetworking::_payload(const std::optional<Data>& data) {
   auto object = JSONSerialization::jsonObject(*data);
   if (!object) return object;
   if (object->dictionaryValue() || object->arrayValue()) return object;
-  return Error(
-      ZuError::invalidResponseData("Response received invalid payload type, expected a JSON dictionary or array"));
+  return Error(ZuError::invalidResponseData(
+      "Response received invalid payload type, expected a JSON dictionary or array"));
 }
 
 std::optional<std::string> ZuNetworking::_errorString(const std::optional<Data>& data) {
@@ -230,14 +254,16 @@ bool ZuNetworking::_isHTTPStatusCode2XX(const HTTPURLResponse& response) {
   return response.statusCode - 200 >= 0 && response.statusCode - 200 <= 99;
 }
 
-ZuError ZuNetworking::_statusCodeError(const HTTPURLResponse& forResponse, std::optional<std::string> description) {
+ZuError ZuNetworking::_statusCodeError(const HTTPURLResponse& forResponse,
+                                       std::optional<std::string> description) {
   return ZuError::unsuccesfullHTTPResponseCode(forResponse.statusCode, std::move(description));
 }
 
 // ---- Transfers ----
 
 std::shared_ptr<URLSessionTask> ZuNetworking::uploadRequest(const URL& forURL, bool inBackground,
-                                                            const std::string& method, const std::string& contentType,
+                                                            const std::string& method,
+                                                            const std::string& contentType,
                                                             const Headers& extraHeaders, const URL& fileURL,
                                                             JSONCompletion completion) {
   Headers headers = extraHeaders;
@@ -257,7 +283,8 @@ std::shared_ptr<URLSessionTask> ZuNetworking::uploadRequest(const URL& forURL, b
 }
 
 std::shared_ptr<URLSessionTask> ZuNetworking::downloadRequest(const URL& forURL, bool inBackground,
-                                                              const std::string& method, const Headers& extraHeaders,
+                                                              const std::string& method,
+                                                              const Headers& extraHeaders,
                                                               DownloadCompletion completion) {
   auto request = _request(forURL, method, std::nullopt, "application/json", extraHeaders);
   if (!request) {
@@ -266,12 +293,14 @@ std::shared_ptr<URLSessionTask> ZuNetworking::downloadRequest(const URL& forURL,
   }
   const std::type_info* cls = &typeid(*this);
   const std::string& url = forURL.absoluteString();
-  logRequestBlock(cls, "Initiating download " + method + " " + placement(inBackground) + " request for URL: " + url,
-                  std::nullopt);
+  logRequestBlock(
+      cls, "Initiating download " + method + " " + placement(inBackground) + " request for URL: " + url,
+      std::nullopt);
   auto judged = loggingDownload(
       cls, "Response for download " + method + " " + placement(inBackground) + " request from URL: " + url,
       std::move(completion));
-  return inBackground ? _downloadInBackground(*request, std::move(judged)) : _download(*request, std::move(judged));
+  return inBackground ? _downloadInBackground(*request, std::move(judged))
+                      : _download(*request, std::move(judged));
 }
 
 std::shared_ptr<URLSessionTask> ZuNetworking::_upload(const URLRequest& request, const URL& fileUrl,
@@ -286,25 +315,27 @@ std::shared_ptr<URLSessionTask> ZuNetworking::_upload(const URLRequest& request,
   return task;
 }
 
-std::shared_ptr<URLSessionTask> ZuNetworking::_download(const URLRequest& request, DownloadCompletion completion) {
+std::shared_ptr<URLSessionTask> ZuNetworking::_download(const URLRequest& request,
+                                                        DownloadCompletion completion) {
   auto task = sharedSession()->downloadTask(
-      request, [completion = std::move(completion)](std::optional<URL> location,
-                                                    std::optional<HTTPURLResponse> response,
-                                                    std::optional<Error> error) {
-        _process(response, location, error, completion);
-      });
+      request, [completion = std::move(completion)](
+                   std::optional<URL> location, std::optional<HTTPURLResponse> response,
+                   std::optional<Error> error) { _process(response, location, error, completion); });
   task->resume();
   return task;
 }
 
 // Background tasks are recorded before they start: a fast task's callbacks would otherwise find no entry and
 // its completion would never run.
-std::shared_ptr<URLSessionTask> ZuNetworking::_uploadInBackground(const URLRequest& request, const URL& fileUrl,
-                                                                  bool acceptEmptyResponse, JSONCompletion completion) {
+std::shared_ptr<URLSessionTask> ZuNetworking::_uploadInBackground(const URLRequest& request,
+                                                                  const URL& fileUrl,
+                                                                  bool acceptEmptyResponse,
+                                                                  JSONCompletion completion) {
   auto task = backgroundSession()->uploadTask(request, fileUrl, {});
   {
     std::lock_guard lock(mutex_);
-    _pendingTaksDictionary[task->taskIdentifier()] = {task, {std::move(completion), std::nullopt, acceptEmptyResponse}};
+    _pendingTaksDictionary[task->taskIdentifier()] = {
+        task, {std::move(completion), std::nullopt, acceptEmptyResponse}};
   }
   task->resume();
   return task;
@@ -331,7 +362,8 @@ std::shared_ptr<URLSession> ZuNetworking::backgroundSession() {
     if (_backgroundURLSession) return _backgroundURLSession;
   }
   std::weak_ptr<URLSessionDelegate> delegate = weak_from_this();
-  if (delegate.expired()) fatalError("A ZuNetworking with background transfers must be owned by a std::shared_ptr");
+  if (delegate.expired())
+    fatalError("A ZuNetworking with background transfers must be owned by a std::shared_ptr");
   auto configuration = URLSessionConfiguration::background(_identifier);
   configuration.sessionSendsLaunchEvents = true;
   configuration.isDiscretionary = true;
@@ -387,10 +419,12 @@ void ZuNetworking::didReceive(URLSession&, URLSessionTask& dataTask, const Data&
 void ZuNetworking::didFinishDownloadingTo(URLSession&, URLSessionTask& downloadTask, const URL& location) {
   auto pending = takePending(downloadTask);
   if (!pending) return;
-  _process(downloadTask.response(), location, std::nullopt, std::any_cast<const DownloadCompletion&>(pending->completion));
+  _process(downloadTask.response(), location, std::nullopt,
+           std::any_cast<const DownloadCompletion&>(pending->completion));
 }
 
-void ZuNetworking::didCompleteWithError(URLSession&, URLSessionTask& task, const std::optional<Error>& error) {
+void ZuNetworking::didCompleteWithError(URLSession&, URLSessionTask& task,
+                                        const std::optional<Error>& error) {
   auto pending = takePending(task);
   if (!pending) return;
   if (const auto* download = std::any_cast<DownloadCompletion>(&pending->completion)) {

@@ -42,14 +42,15 @@ class ZuNetworking : public URLSessionDelegate, public std::enable_shared_from_t
   using JSONCompletion = std::function<void(std::optional<AnyCodable> payload, std::optional<Error> error)>;
   using DictionaryCompletion =
       std::function<void(std::optional<AnyCodable::Dictionary> payload, std::optional<Error> error)>;
-  using ResultsArrayCompletion =
-      std::function<void(std::optional<std::vector<AnyCodable::Dictionary>> results, std::optional<Error> error)>;
+  using ResultsArrayCompletion = std::function<void(
+      std::optional<std::vector<AnyCodable::Dictionary>> results, std::optional<Error> error)>;
   using DownloadCompletion = std::function<void(std::optional<URL> location, std::optional<Error> error)>;
 
   /// The "session class": where the shared session comes from and how background sessions are made.
   struct URLSessionType {
     std::function<std::shared_ptr<URLSession>()> sharedSession;
-    std::function<std::shared_ptr<URLSession>(URLSessionConfiguration, std::weak_ptr<URLSessionDelegate>)> make;
+    std::function<std::shared_ptr<URLSession>(URLSessionConfiguration, std::weak_ptr<URLSessionDelegate>)>
+        make;
 
     /// The libcurl sessions (`URLSession::shared()` and `URLSession::make`).
     static URLSessionType standard();
@@ -77,37 +78,43 @@ class ZuNetworking : public URLSessionDelegate, public std::enable_shared_from_t
    * already received the error).
    */
   std::shared_ptr<URLSessionTask> sendRequest(const URL& forURL, const std::string& method,
-                                              const Headers& extraHeaders, const std::optional<AnyCodable>& body,
-                                              bool acceptEmptyResponse, JSONCompletion completion);
+                                              const Headers& extraHeaders,
+                                              const std::optional<AnyCodable>& body, bool acceptEmptyResponse,
+                                              JSONCompletion completion);
   /// `sendRequest` accepting an empty answer (the completion then gets neither payload nor error).
   std::shared_ptr<URLSessionTask> sendRequestAllowEmptyResponse(const URL& forURL, const std::string& method,
                                                                 const Headers& extraHeaders,
                                                                 const std::optional<AnyCodable>& body,
                                                                 JSONCompletion completion);
   /// `sendRequest` that requires a JSON object; anything else is `invalidResponseData`.
-  std::shared_ptr<URLSessionTask> sendRequestWithDictionaryResponse(const URL& forURL, const std::string& method,
+  std::shared_ptr<URLSessionTask> sendRequestWithDictionaryResponse(const URL& forURL,
+                                                                    const std::string& method,
                                                                     const Headers& extraHeaders,
                                                                     const std::optional<AnyCodable>& body,
                                                                     DictionaryCompletion completion);
   /// Declared for completeness but unavailable: calling it stops the program.
   [[noreturn]] std::shared_ptr<URLSessionTask> sendRequestWithResultsArrayInDictionaryResponse(
       const URL& forURL, const std::string& method, const Headers& extraHeaders,
-      const std::optional<AnyCodable>& body, const std::string& resultsKey, ResultsArrayCompletion completion);
+      const std::optional<AnyCodable>& body, const std::string& resultsKey,
+      ResultsArrayCompletion completion);
 
   /**
    * Uploads the file at `fileURL` (streamed), with "Content-Disposition: attachment; filename=<its name>".
    * In the background the transfer runs on the background session and is recorded as pending until its
    * completion runs. An empty answer is accepted. Null when the request could not be built.
    */
-  std::shared_ptr<URLSessionTask> uploadRequest(const URL& forURL, bool inBackground, const std::string& method,
-                                                const std::string& contentType, const Headers& extraHeaders,
-                                                const URL& fileURL, JSONCompletion completion);
+  std::shared_ptr<URLSessionTask> uploadRequest(const URL& forURL, bool inBackground,
+                                                const std::string& method, const std::string& contentType,
+                                                const Headers& extraHeaders, const URL& fileURL,
+                                                JSONCompletion completion);
   /**
-   * Downloads into a temporary file whose URL the completion receives; the file is removed when the completion
-   * returns, so move or copy it there. A status outside 200-299 is an `unsuccesfullHTTPResponseCode` error.
+   * Downloads into a temporary file whose URL the completion receives; the file is removed when the
+   * completion returns, so move or copy it there. A status outside 200-299 is an
+   * `unsuccesfullHTTPResponseCode` error whose description quotes a small JSON error answer.
    */
-  std::shared_ptr<URLSessionTask> downloadRequest(const URL& forURL, bool inBackground, const std::string& method,
-                                                  const Headers& extraHeaders, DownloadCompletion completion);
+  std::shared_ptr<URLSessionTask> downloadRequest(const URL& forURL, bool inBackground,
+                                                  const std::string& method, const Headers& extraHeaders,
+                                                  DownloadCompletion completion);
 
   /// Whether a background transfer whose original request is for `url` has not completed yet.
   bool isTaskPending(const URL& url) const;
@@ -120,15 +127,17 @@ class ZuNetworking : public URLSessionDelegate, public std::enable_shared_from_t
   std::shared_ptr<URLSession> createBackgroundURLSession();
 
   /// Builds a request (query items for "GET"/"DELETE", headers, JSON body); fails with `invalidPayload`.
-  Result<URLRequest> _request(const URL& forURL, const std::string& method, const std::optional<AnyCodable>& body,
-                              const std::string& contentType, const Headers& extraHeaders) const;
+  Result<URLRequest> _request(const URL& forURL, const std::string& method,
+                              const std::optional<AnyCodable>& body, const std::string& contentType,
+                              const Headers& extraHeaders) const;
   /// Judges an answer; `completion` runs exactly once, on the calling thread.
   static void _process(const std::optional<HTTPURLResponse>& response, const std::optional<Data>& withData,
                        const std::optional<Error>& error, bool acceptEmptyResponsePayload,
                        const JSONCompletion& completion);
   /// Judges a download; `completion` runs exactly once, on the calling thread.
-  static void _process(const std::optional<HTTPURLResponse>& downloadResponse, const std::optional<URL>& withURL,
-                       const std::optional<Error>& error, const DownloadCompletion& completion);
+  static void _process(const std::optional<HTTPURLResponse>& downloadResponse,
+                       const std::optional<URL>& withURL, const std::optional<Error>& error,
+                       const DownloadCompletion& completion);
   /// The JSON object or array in `data`; `emptyResponseData`, the parser's error or `invalidResponseData`.
   static Result<AnyCodable> _payload(const std::optional<Data>& data);
   /// A readable text of an error answer's body, nothing when it is not JSON.
@@ -138,16 +147,20 @@ class ZuNetworking : public URLSessionDelegate, public std::enable_shared_from_t
 
   // Background session delegate.
   void didReceive(URLSession& session, URLSessionTask& dataTask, const Data& data) override;
-  void didFinishDownloadingTo(URLSession& session, URLSessionTask& downloadTask, const URL& location) override;
-  void didCompleteWithError(URLSession& session, URLSessionTask& task, const std::optional<Error>& error) override;
+  void didFinishDownloadingTo(URLSession& session, URLSessionTask& downloadTask,
+                              const URL& location) override;
+  void didCompleteWithError(URLSession& session, URLSessionTask& task,
+                            const std::optional<Error>& error) override;
   void urlSessionDidFinishEvents(URLSession& forBackgroundURLSession) override;
 
  private:
-  std::shared_ptr<URLSessionTask> _upload(const URLRequest& request, const URL& fileUrl, JSONCompletion completion);
+  std::shared_ptr<URLSessionTask> _upload(const URLRequest& request, const URL& fileUrl,
+                                          JSONCompletion completion);
   std::shared_ptr<URLSessionTask> _uploadInBackground(const URLRequest& request, const URL& fileUrl,
                                                       bool acceptEmptyResponse, JSONCompletion completion);
   std::shared_ptr<URLSessionTask> _download(const URLRequest& request, DownloadCompletion completion);
-  std::shared_ptr<URLSessionTask> _downloadInBackground(const URLRequest& request, DownloadCompletion completion);
+  std::shared_ptr<URLSessionTask> _downloadInBackground(const URLRequest& request,
+                                                        DownloadCompletion completion);
 
   std::shared_ptr<URLSession> sharedSession() const;
   std::shared_ptr<URLSession> backgroundSession();

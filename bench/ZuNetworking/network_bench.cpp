@@ -1,7 +1,7 @@
 // Measures the HTTP client against a loopback HTTPS server; run.sh beside it compares with the `curl` tool.
 //
-//   network_bench serve                                  start the server; print port= and ca=; stop at stdin EOF
-//   network_bench upload <base URL> <CA> <file>          PUT the file with a foreground upload task
+//   network_bench serve                                  start the server; print port= and ca=; stop at stdin
+//   EOF network_bench upload <base URL> <CA> <file>          PUT the file with a foreground upload task
 //   network_bench download <base URL> <CA> <bytes>       GET that many bytes with a foreground download task
 //   network_bench json <base URL> <CA> <count>           send small JSON requests one after another
 //   network_bench background <base URL> <CA> <file> <n>  start n background uploads of the file at once

@@ -49,7 +49,8 @@ class FakeURLSession : public zu::URLSession, public std::enable_shared_from_thi
     uploadedFiles.push_back(fromFile);
     return make(std::move(request), std::move(completion), {});
   }
-  std::shared_ptr<zu::URLSessionTask> downloadTask(zu::URLRequest request, DownloadCompletion completion) override {
+  std::shared_ptr<zu::URLSessionTask> downloadTask(zu::URLRequest request,
+                                                   DownloadCompletion completion) override {
     return make(std::move(request), {}, std::move(completion));
   }
 
@@ -64,14 +65,15 @@ class FakeURLSession : public zu::URLSession, public std::enable_shared_from_thi
 
  private:
   std::shared_ptr<Task> make(zu::URLRequest request, DataCompletion data, DownloadCompletion download) {
-    auto task = std::make_shared<Task>(++lastIdentifier_, std::move(request), [this, data, download](Task& task) {
-      requests.push_back(task.originalRequest());
-      Answer answer = answer_(task.originalRequest());
-      if (answer.response) task.setResponse(*answer.response);
-      if (data) return data(answer.data, answer.response, answer.error);
-      if (download) return download(answer.location, answer.response, answer.error);
-      held.emplace_back(std::static_pointer_cast<Task>(lookup(task)), answer);
-    });
+    auto task =
+        std::make_shared<Task>(++lastIdentifier_, std::move(request), [this, data, download](Task& task) {
+          requests.push_back(task.originalRequest());
+          Answer answer = answer_(task.originalRequest());
+          if (answer.response) task.setResponse(*answer.response);
+          if (data) return data(answer.data, answer.response, answer.error);
+          if (download) return download(answer.location, answer.response, answer.error);
+          held.emplace_back(std::static_pointer_cast<Task>(lookup(task)), answer);
+        });
     tasks_.push_back(task);
     return task;
   }

@@ -1,7 +1,8 @@
 // Starts background transfers and dies at once, as an application killed mid-transfer would. The test that
 // runs it re-creates the session in its own process and expects the transfers' events there.
 //
-// usage: ZuNetworkingJournalChild <app data dir> <CA file> <identifier> <download URL> <upload URL> <upload file>
+// usage: ZuNetworkingJournalChild <app data dir> <CA file> <identifier> <download URL> <upload URL> <upload
+// file>
 
 #include <cstdlib>
 #include <memory>

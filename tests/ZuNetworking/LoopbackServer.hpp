@@ -25,7 +25,8 @@ class LoopbackServer {
   /// Makes the certificates in a fresh folder under the temporary directory and starts serving.
   LoopbackServer() : folder_(makeFolder()) {
     makeCertificates();
-    server_ = std::make_unique<httplib::SSLServer>((folder_ / "server.pem").c_str(), (folder_ / "server.key").c_str());
+    server_ = std::make_unique<httplib::SSLServer>((folder_ / "server.pem").c_str(),
+                                                   (folder_ / "server.key").c_str());
     if (!server_->is_valid()) throw std::runtime_error("test server certificate not loadable");
     server_->set_keep_alive_max_count(1'000'000);
     // Without it, small answers written in two pieces wait for the client's delayed acknowledgement (40 ms).
@@ -70,9 +71,11 @@ class LoopbackServer {
   void makeCertificates() const {
     const std::string ec = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
     run("openssl req -x509 " + ec + " -keyout ca.key -out ca.pem -days 2 -subj '/CN=Zu Loopback Test CA'");
-    run("openssl req -x509 " + ec + " -keyout stranger.key -out stranger.pem -days 2 -subj '/CN=Zu Stranger CA'");
-    std::ofstream(folder_ / "server.ext") << "subjectAltName=IP:127.0.0.1,DNS:localhost\nbasicConstraints=CA:FALSE\n"
-                                             "extendedKeyUsage=serverAuth\n";
+    run("openssl req -x509 " + ec +
+        " -keyout stranger.key -out stranger.pem -days 2 -subj '/CN=Zu Stranger CA'");
+    std::ofstream(folder_ / "server.ext")
+        << "subjectAltName=IP:127.0.0.1,DNS:localhost\nbasicConstraints=CA:FALSE\n"
+           "extendedKeyUsage=serverAuth\n";
     run("openssl req " + ec + " -keyout server.key -out server.csr -subj '/CN=127.0.0.1'");
     run("openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem -days 2 "
         "-extfile server.ext");
@@ -98,11 +101,12 @@ class LoopbackServer {
     });
     // The request as the server saw it, as JSON.
     auto echo = [](const httplib::Request& request, httplib::Response& response) {
-      response.set_content("{\"method\":" + field(request.method) + ",\"body\":" + field(request.body) +
-                               ",\"authorization\":" + field(request.get_header_value("Authorization")) +
-                               ",\"contentType\":" + field(request.get_header_value("Content-Type")) +
-                               ",\"query\":" + field(request.has_param("a") ? request.get_param_value("a") : "") + "}",
-                           "application/json");
+      response.set_content(
+          "{\"method\":" + field(request.method) + ",\"body\":" + field(request.body) +
+              ",\"authorization\":" + field(request.get_header_value("Authorization")) +
+              ",\"contentType\":" + field(request.get_header_value("Content-Type")) +
+              ",\"query\":" + field(request.has_param("a") ? request.get_param_value("a") : "") + "}",
+          "application/json");
     };
     server_->Get("/echo", echo);
     server_->Post("/echo", echo);
@@ -112,7 +116,8 @@ class LoopbackServer {
     });
     server_->Get(R"(/status/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
       response.status = std::stoi(request.matches[1]);
-      if (request.has_param("body")) response.set_content(request.get_param_value("body"), "application/json");
+      if (request.has_param("body"))
+        response.set_content(request.get_param_value("body"), "application/json");
     });
     server_->Get("/garbage", [](const httplib::Request&, httplib::Response& response) {
       response.set_content("<<< not json", "text/html");
@@ -154,7 +159,8 @@ class LoopbackServer {
                                     [](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
                                       static const std::string block = [] {
                                         std::string b(1 << 16, '\0');
-                                        for (std::size_t i = 0; i < b.size(); ++i) b[i] = static_cast<char>(i % 251);
+                                        for (std::size_t i = 0; i < b.size(); ++i)
+                                          b[i] = static_cast<char>(i % 251);
                                         return b;
                                       }();
                                       const std::size_t start = offset % 251;

@@ -78,7 +78,8 @@ void expectExactlyOnce(Exchange& exchange) {
   EXPECT_EQ(exchange.calls.count(), 1);
 }
 
-void run(zu::URLRequest request, Exchange& exchange, const std::shared_ptr<zu::URLSession>& session = zu::URLSession::shared()) {
+void run(zu::URLRequest request, Exchange& exchange,
+         const std::shared_ptr<zu::URLSession>& session = zu::URLSession::shared()) {
   session->dataTask(std::move(request), exchange.completion())->resume();
   expectExactlyOnce(exchange);
 }
@@ -138,7 +139,9 @@ TEST(URLSessionIntegration, TransportFailuresCompleteOnceWithPlatformCodes) {
     long code;
   };
   const std::vector<Case> cases{
-      {"refused", zu::URLRequest(*zu::URL::fromString("https://127.0.0.1:" + std::to_string(closedPort()) + "/")), -1004},
+      {"refused",
+       zu::URLRequest(*zu::URL::fromString("https://127.0.0.1:" + std::to_string(closedPort()) + "/")),
+       -1004},
       {"stalled", withTimeout(url("/stall?ms=2500"), 1), -1001},
       {"truncated", zu::URLRequest(url("/truncated?size=100000&sent=10")), -1005},
   };
@@ -196,7 +199,8 @@ TEST(URLSessionIntegration, CancelCompletesOnceWithMinus999) {
 }
 
 TEST(URLSessionIntegration, AuthorizationFollowsRedirectsOnlyToTheSameHost) {
-  for (auto [path, expected] : {std::pair{"/redirect-to-other-host", ""}, std::pair{"/redirect-same-host", "secret"}}) {
+  for (auto [path, expected] :
+       {std::pair{"/redirect-to-other-host", ""}, std::pair{"/redirect-same-host", "secret"}}) {
     zu::URLRequest request(url(path));
     request.setValue("secret", "Authorization");
     Exchange exchange;
@@ -245,21 +249,23 @@ struct JSONOutcome {
 TEST(ZuNetworkingIntegration, SendsJSONQueriesAndJudgesStatusesOverTLS) {
   auto networking = std::make_shared<zu::ZuNetworking>("app-token t", "Tests.Send");
   JSONOutcome post;
-  networking->sendRequest(url("/echo"), "POST", {}, AnyCodable::Dictionary{{"k", "v"}}, false, post.completion());
+  networking->sendRequest(url("/echo"), "POST", {}, AnyCodable::Dictionary{{"k", "v"}}, false,
+                          post.completion());
   ASSERT_TRUE(post.calls.waitFor(1));
   EXPECT_EQ(post.field("body"), AnyCodable(R"({"k":"v"})"));
   EXPECT_EQ(post.field("authorization"), AnyCodable("app-token t"));
   EXPECT_EQ(post.field("contentType"), AnyCodable("application/json"));
 
   JSONOutcome query;
-  networking->sendRequest(url("/echo"), "GET", {}, AnyCodable::Dictionary{{"a", "1 & 2"}}, false, query.completion());
+  networking->sendRequest(url("/echo"), "GET", {}, AnyCodable::Dictionary{{"a", "1 & 2"}}, false,
+                          query.completion());
   ASSERT_TRUE(query.calls.waitFor(1));
   EXPECT_EQ(query.field("query"), AnyCodable("1 & 2"));
   EXPECT_EQ(query.field("body"), AnyCodable(""));
 
   JSONOutcome notFound;
-  networking->sendRequest(url("/status/404?body=%7B%22detail%22%3A%22Not%20found.%22%7D"), "GET", {}, std::nullopt,
-                          false, notFound.completion());
+  networking->sendRequest(url("/status/404?body=%7B%22detail%22%3A%22Not%20found.%22%7D"), "GET", {},
+                          std::nullopt, false, notFound.completion());
   ASSERT_TRUE(notFound.calls.waitFor(1));
   EXPECT_EQ(notFound.error->zuError(), zu::ZuError::unsuccesfullHTTPResponseCode(404, "\nNot found."));
 
@@ -310,6 +316,16 @@ TEST(ZuNetworkingIntegration, DownloadFileIsPrivateAndRemovedAfterTheCompletion)
     EXPECT_TRUE(eventuallyGone(path));
     EXPECT_FALSE(networking->isTaskPending(target));
   }
+
+  CallCounter failed;
+  std::optional<zu::Error> error;
+  networking->downloadRequest(url("/status/410?body=%7B%22detail%22%3A%22Gone.%22%7D"), true, "GET", {},
+                              [&](auto, auto e) {
+                                error = e;
+                                failed.called();
+                              });
+  ASSERT_TRUE(failed.waitFor(1));
+  EXPECT_EQ(error->zuError(), zu::ZuError::unsuccesfullHTTPResponseCode(410, "\nGone."));
 }
 
 TEST(ZuNetworkingIntegration, BackgroundUploadsCompleteOnceOnTheSessionThread) {
@@ -338,8 +354,10 @@ class RecordingDelegate : public zu::URLSessionDelegate {
   void didFinishDownloadingTo(zu::URLSession&, zu::URLSessionTask&, const zu::URL& location) override {
     record("downloaded " + std::to_string(std::filesystem::file_size(location.path())));
   }
-  void didCompleteWithError(zu::URLSession&, zu::URLSessionTask& task, const std::optional<zu::Error>& error) override {
-    record(task.originalRequest().httpMethod + " completed " + (error ? std::to_string(error->code()) : "ok"));
+  void didCompleteWithError(zu::URLSession&, zu::URLSessionTask& task,
+                            const std::optional<zu::Error>& error) override {
+    record(task.originalRequest().httpMethod + " completed " +
+           (error ? std::to_string(error->code()) : "ok"));
   }
   void urlSessionDidFinishEvents(zu::URLSession&) override {
     record("finished events");

@@ -23,7 +23,10 @@ const zu::URL kURL = *zu::URL::fromString("https://service.test/v1/reports/?x=2"
 zu::Data bytes(std::string_view text) { return zu::Data(text.begin(), text.end()); }
 
 Answer status(int code, std::optional<std::string_view> body = std::nullopt) {
-  return {body ? std::optional(bytes(*body)) : std::nullopt, zu::HTTPURLResponse{kURL, code, {}}, std::nullopt, {}};
+  return {body ? std::optional(bytes(*body)) : std::nullopt,
+          zu::HTTPURLResponse{kURL, code, {}},
+          std::nullopt,
+          {}};
 }
 
 /// What one completion received, and how many times it was called.
@@ -43,12 +46,15 @@ struct Outcome {
 
 class ZuNetworkingTest : public ::testing::Test {
  protected:
-  void SetUp() override { use([this](const zu::URLRequest&) { return next; }); }
+  void SetUp() override {
+    use([this](const zu::URLRequest&) { return next; });
+  }
 
   void use(std::function<Answer(const zu::URLRequest&)> answer) {
     networking->set_URLSessionType(
         {[this, answer] { return shared = std::make_shared<FakeURLSession>(answer); },
-         [this, answer](zu::URLSessionConfiguration configuration, std::weak_ptr<zu::URLSessionDelegate> delegate) {
+         [this, answer](zu::URLSessionConfiguration configuration,
+                        std::weak_ptr<zu::URLSessionDelegate> delegate) {
            backgroundConfiguration = configuration;
            return background = std::make_shared<FakeURLSession>(answer, delegate);
          }});
@@ -60,7 +66,8 @@ class ZuNetworkingTest : public ::testing::Test {
     return outcome;
   }
 
-  std::shared_ptr<zu::ZuNetworking> networking = std::make_shared<zu::ZuNetworking>("abc", "Tests.Background");
+  std::shared_ptr<zu::ZuNetworking> networking =
+      std::make_shared<zu::ZuNetworking>("abc", "Tests.Background");
   Answer next = status(200, "{}");
   std::shared_ptr<FakeURLSession> shared;
   std::shared_ptr<FakeURLSession> background;
@@ -69,7 +76,8 @@ class ZuNetworkingTest : public ::testing::Test {
 
 TEST_F(ZuNetworkingTest, GetAndDeleteTurnAStringMapBodyIntoQueryItemsAfterExistingOnes) {
   for (std::string method : {"GET", "DELETE"}) {
-    auto request = networking->_request(kURL, method, AnyCodable::Dictionary{{"a", "1"}}, "application/json", {});
+    auto request =
+        networking->_request(kURL, method, AnyCodable::Dictionary{{"a", "1"}}, "application/json", {});
     ASSERT_TRUE(request);
     EXPECT_EQ(request->url.queryItems(), (std::vector<zu::URL::QueryItem>{{"x", "2"}, {"a", "1"}}));
     EXPECT_FALSE(request->httpBody);
@@ -98,7 +106,8 @@ TEST_F(ZuNetworkingTest, RequestCarriesTokenContentTypeAddedHeadersAndIdleTimeou
 
   for (std::optional<std::string> token : {std::optional<std::string>(""), std::optional<std::string>()}) {
     zu::ZuNetworking anonymous(token, "id");
-    EXPECT_FALSE(anonymous._request(kURL, "GET", std::nullopt, "application/json", {})->value("Authorization"));
+    EXPECT_FALSE(
+        anonymous._request(kURL, "GET", std::nullopt, "application/json", {})->value("Authorization"));
   }
 }
 
@@ -180,10 +189,11 @@ TEST_F(ZuNetworkingTest, DictionaryVariantRequiresAnObjectAndNeverAcceptsEmpty) 
   auto dictionaryOutcome = [&] {
     std::pair<std::optional<AnyCodable::Dictionary>, std::optional<zu::Error>> result;
     int calls = 0;
-    networking->sendRequestWithDictionaryResponse(kURL, "GET", {}, std::nullopt, [&](auto payload, auto error) {
-      ++calls;
-      result = {std::move(payload), std::move(error)};
-    });
+    networking->sendRequestWithDictionaryResponse(kURL, "GET", {}, std::nullopt,
+                                                  [&](auto payload, auto error) {
+                                                    ++calls;
+                                                    result = {std::move(payload), std::move(error)};
+                                                  });
     EXPECT_EQ(calls, 1);
     return result;
   };
@@ -191,7 +201,8 @@ TEST_F(ZuNetworkingTest, DictionaryVariantRequiresAnObjectAndNeverAcceptsEmpty) 
   auto [array, arrayError] = dictionaryOutcome();
   EXPECT_FALSE(array);
   EXPECT_EQ(arrayError->code(), 1002);
-  EXPECT_EQ(arrayError->localizedDescription(), "Response received invalid payload type, expected a JSON dictionary");
+  EXPECT_EQ(arrayError->localizedDescription(),
+            "Response received invalid payload type, expected a JSON dictionary");
 
   next = status(204);
   EXPECT_EQ(dictionaryOutcome().second->code(), 1001);
@@ -237,7 +248,8 @@ TEST_F(ZuNetworkingTest, ZuErrorCodesUserInfoAndDomain) {
   EXPECT_TRUE(ZuError::invalidPayload().errorUserInfo().empty());
   EXPECT_EQ(ZuError::unsuccesfullHTTPResponseCode(418).errorUserInfo(),
             (zu::Error::UserInfo{{"ZuNetworking.ErrorUserInfo.StatusCode", 418}}));
-  EXPECT_EQ(ZuError::emptyResponseData("mine").errorUserInfo(), (zu::Error::UserInfo{{"NSLocalizedDescription", "mine"}}));
+  EXPECT_EQ(ZuError::emptyResponseData("mine").errorUserInfo(),
+            (zu::Error::UserInfo{{"NSLocalizedDescription", "mine"}}));
 
   for (const auto& error : {ZuError::unsuccesfullHTTPResponseCode(503, "down"), ZuError::emptyResponseData(),
                             ZuError::missingRequestData("m")}) {
@@ -329,8 +341,8 @@ TEST_F(ZuNetworkingTest, CallbacksForUnknownTasksAreIgnoredAndFinishingEventsRea
 
 TEST(ZuNetworkingDeathTest, ResultsArrayVariantIsFatal) {
   zu::ZuNetworking networking(std::nullopt, "id");
-  EXPECT_DEATH(networking.sendRequestWithResultsArrayInDictionaryResponse(kURL, "GET", {}, std::nullopt, "results",
-                                                                          [](auto, auto) {}),
+  EXPECT_DEATH(networking.sendRequestWithResultsArrayInDictionaryResponse(kURL, "GET", {}, std::nullopt,
+                                                                          "results", [](auto, auto) {}),
                "not available");
 }
 

@@ -58,7 +58,8 @@ void setOption(CURL* easy, CURLoption option, auto value) {
 
 std::string_view trimmed(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n')) {
+  while (!text.empty() &&
+         (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n')) {
     text.remove_suffix(1);
   }
   return text;
@@ -118,7 +119,8 @@ int onUploadSeek(void* context, curl_off_t offset, int origin) {
 
 CURLcode addAuthorities(CURL*, void* sslContext, void* path) {
   X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
-  return X509_STORE_load_file(store, static_cast<const char*>(path)) == 1 ? CURLE_OK : CURLE_SSL_CACERT_BADFILE;
+  return X509_STORE_load_file(store, static_cast<const char*>(path)) == 1 ? CURLE_OK
+                                                                          : CURLE_SSL_CACERT_BADFILE;
 }
 
 void setMethodAndBody(Transfer& transfer, const URLRequest& request) {
@@ -225,7 +227,8 @@ CurlTask::~CurlTask() = default;
 
 namespace {
 
-// The session is gone: a transfer with a completion is told it was cancelled; delegate events have no session.
+// The session is gone: a transfer with a completion is told it was cancelled; delegate events have no
+// session.
 void completeWithoutSession(Transfer& transfer, const std::string& url) {
   if (transfer.dataCompletion) {
     transfer.dataCompletion(std::nullopt, std::nullopt, urlError(cancelled, url));
@@ -268,11 +271,13 @@ void CurlTask::cancel() {
 Engine::Engine(URLSessionConfiguration configuration, std::weak_ptr<URLSessionDelegate> delegate)
     : configuration_(std::move(configuration)),
       delegate_(std::move(delegate)),
-      journal_(configuration_.identifier ? std::optional<Journal>(Journal(*configuration_.identifier)) : std::nullopt) {
+      journal_(configuration_.identifier ? std::optional<Journal>(Journal(*configuration_.identifier))
+                                         : std::nullopt) {
   ensureCurlGlobalInit();
   multi_.reset(curl_multi_init());
   if (!multi_) fatalError("curl_multi_init failed");
-  curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, configuration_.httpMaximumConnectionsPerHost);
+  curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS,
+                    configuration_.httpMaximumConnectionsPerHost);
   curl_multi_setopt(multi_.get(), CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
 }
 

@@ -38,7 +38,8 @@ std::string folderName(const std::string& identifier) {
 
 AnyCodable encode(const URLRequest& request, const std::optional<std::string>& uploadFile) {
   AnyCodable::Array headers;
-  for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) headers.emplace_back(AnyCodable::Array{name, value});
+  for (const auto& [name, value] : request.allHTTPHeaderFields.fields())
+    headers.emplace_back(AnyCodable::Array{name, value});
   AnyCodable::Dictionary entry{{"url", request.url.absoluteString()},
                                {"method", request.httpMethod},
                                {"timeout", request.timeoutInterval},
@@ -59,7 +60,8 @@ std::optional<URLRequest> decodeRequest(const AnyCodable::Dictionary& entry) {
   const auto* method = entry.find("method");
   const auto timeout = seconds(entry.find("timeout"));
   const auto* headers = entry.find("headers");
-  if (!urlText || !urlText->stringValue() || !method || !method->stringValue() || !timeout || !headers || !headers->arrayValue()) {
+  if (!urlText || !urlText->stringValue() || !method || !method->stringValue() || !timeout || !headers ||
+      !headers->arrayValue()) {
     return std::nullopt;
   }
   auto url = URL::fromString(*urlText->stringValue());
@@ -68,7 +70,8 @@ std::optional<URLRequest> decodeRequest(const AnyCodable::Dictionary& entry) {
   request.httpMethod = *method->stringValue();
   for (const auto& header : *headers->arrayValue()) {
     const auto* pair = header.arrayValue();
-    if (!pair || pair->size() != 2 || !(*pair)[0].stringValue() || !(*pair)[1].stringValue()) return std::nullopt;
+    if (!pair || pair->size() != 2 || !(*pair)[0].stringValue() || !(*pair)[1].stringValue())
+      return std::nullopt;
     request.setValue(*(*pair)[1].stringValue(), *(*pair)[0].stringValue());
   }
   return request;
