@@ -55,8 +55,9 @@ void write(const std::string& line, const std::shared_ptr<const ZuLogger::Sink>&
     return;
   }
   const std::string withFeed = line + "\n";
-  std::fwrite(withFeed.data(), 1, withFeed.size(), stdout);
-  std::fflush(stdout);
+  // A console that is gone cannot be told so; the line is dropped.
+  (void)std::fwrite(withFeed.data(), 1, withFeed.size(), stdout);
+  (void)std::fflush(stdout);
 }
 
 }  // namespace

@@ -79,7 +79,7 @@ std::optional<std::vector<URL::QueryItem>> queryItems(const std::optional<AnyCod
 
 // A failed download's answer is in its file; a small one is read so that the error can quote the service.
 std::optional<Data> errorBody(const std::optional<URL>& location) {
-  constexpr std::streamsize limit = 64 * 1024;
+  constexpr std::streamsize limit = 64L * 1024;
   if (!location) return std::nullopt;
   std::ifstream in(location->path(), std::ios::binary);
   Data body(limit + 1);
@@ -158,8 +158,9 @@ std::shared_ptr<URLSessionTask> ZuNetworking::sendRequest(const URL& forURL, con
       loggingAnswer(cls, "Response for " + method + " request to URL: " + url, body, std::move(completion));
   auto task = sharedSession()->dataTask(
       std::move(*request),
-      [acceptEmptyResponse, judged = std::move(judged)](
-          std::optional<Data> data, std::optional<HTTPURLResponse> response, std::optional<Error> error) {
+      [acceptEmptyResponse, judged = std::move(judged)](const std::optional<Data>& data,
+                                                        const std::optional<HTTPURLResponse>& response,
+                                                        const std::optional<Error>& error) {
         _process(response, data, error, acceptEmptyResponse, judged);
       });
   task->resume();
@@ -307,10 +308,9 @@ std::shared_ptr<URLSessionTask> ZuNetworking::_upload(const URLRequest& request,
                                                       JSONCompletion completion) {
   auto task = sharedSession()->uploadTask(
       request, fileUrl,
-      [completion = std::move(completion)](std::optional<Data> data, std::optional<HTTPURLResponse> response,
-                                           std::optional<Error> error) {
-        _process(response, data, error, true, completion);
-      });
+      [completion = std::move(completion)](
+          const std::optional<Data>& data, const std::optional<HTTPURLResponse>& response,
+          const std::optional<Error>& error) { _process(response, data, error, true, completion); });
   task->resume();
   return task;
 }
@@ -319,8 +319,8 @@ std::shared_ptr<URLSessionTask> ZuNetworking::_download(const URLRequest& reques
                                                         DownloadCompletion completion) {
   auto task = sharedSession()->downloadTask(
       request, [completion = std::move(completion)](
-                   std::optional<URL> location, std::optional<HTTPURLResponse> response,
-                   std::optional<Error> error) { _process(response, location, error, completion); });
+                   const std::optional<URL>& location, const std::optional<HTTPURLResponse>& response,
+                   const std::optional<Error>& error) { _process(response, location, error, completion); });
   task->resume();
   return task;
 }

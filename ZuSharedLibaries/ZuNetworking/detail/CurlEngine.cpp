@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string_view>
 #include <utility>
@@ -85,7 +84,7 @@ std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* cont
       const ssize_t n = ::write(transfer.downloadFile.get(), buffer + written, length - written);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) {
-        transfer.failure = urlError(cannotWriteToFile, transfer.url(), std::strerror(errno));
+        transfer.failure = urlError(cannotWriteToFile, transfer.url(), systemErrorText(errno));
         return 0;
       }
       written += static_cast<std::size_t>(n);
@@ -100,12 +99,12 @@ std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* cont
 
 std::size_t onUploadRead(char* buffer, std::size_t size, std::size_t count, void* context) {
   auto& transfer = *static_cast<Transfer*>(context);
-  ssize_t n;
+  ssize_t n = 0;
   do {
     n = ::read(transfer.uploadFile.get(), buffer, size * count);
   } while (n < 0 && errno == EINTR);
   if (n < 0) {
-    transfer.failure = urlError(fileDoesNotExist, transfer.url(), std::strerror(errno));
+    transfer.failure = urlError(fileDoesNotExist, transfer.url(), systemErrorText(errno));
     return CURL_READFUNC_ABORT;
   }
   return static_cast<std::size_t>(n);
@@ -325,7 +324,8 @@ bool Engine::stopping() {
   return stopping_;
 }
 
-std::shared_ptr<URLSessionTask> Engine::makeTask(Kind kind, URLRequest request, std::optional<URL> uploadFile,
+std::shared_ptr<URLSessionTask> Engine::makeTask(Kind kind, URLRequest request,
+                                                 const std::optional<URL>& uploadFile,
                                                  URLSession::DataCompletion dataCompletion,
                                                  URLSession::DownloadCompletion downloadCompletion) {
   auto task = std::make_shared<CurlTask>(nextIdentifier_++, std::move(request), weak_from_this());
@@ -347,7 +347,7 @@ std::unique_ptr<Transfer> Engine::prepare(const std::shared_ptr<CurlTask>& task,
   if (uploadFile) {
     transfer->uploadPath = uploadFile->path();
     transfer->uploadFile = FileDescriptor::open(*transfer->uploadPath, O_RDONLY);
-    if (!transfer->uploadFile) transfer->failure = urlError(fileDoesNotExist, url, std::strerror(errno));
+    if (!transfer->uploadFile) transfer->failure = urlError(fileDoesNotExist, url, systemErrorText(errno));
   }
   if (kind == Kind::download) {
     std::string pattern = (std::filesystem::temp_directory_path() / "ZuDownload-XXXXXX").string();
@@ -356,7 +356,7 @@ std::unique_ptr<Transfer> Engine::prepare(const std::shared_ptr<CurlTask>& task,
     if (transfer->downloadFile) {
       transfer->downloadPath = pattern;
     } else {
-      transfer->failure = urlError(cannotWriteToFile, url, std::strerror(errno));
+      transfer->failure = urlError(cannotWriteToFile, url, systemErrorText(errno));
     }
   }
   transfer->easy.reset(curl_easy_init());

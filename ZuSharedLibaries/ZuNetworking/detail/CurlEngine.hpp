@@ -62,7 +62,8 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void stop();
 
   const URLSessionConfiguration& configuration() const { return configuration_; }
-  std::shared_ptr<URLSessionTask> makeTask(Kind kind, URLRequest request, std::optional<URL> uploadFile,
+  std::shared_ptr<URLSessionTask> makeTask(Kind kind, URLRequest request,
+                                           const std::optional<URL>& uploadFile,
                                            URLSession::DataCompletion dataCompletion,
                                            URLSession::DownloadCompletion downloadCompletion);
 

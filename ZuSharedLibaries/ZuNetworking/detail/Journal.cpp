@@ -135,7 +135,7 @@ std::vector<Journal::Entry> Journal::entries() const {
   std::vector<Entry> found;
   std::error_code error;
   for (const auto& file : std::filesystem::directory_iterator(directory_, error)) {
-    const std::string path = file.path().string();
+    std::string path = file.path().string();
     if (!path.ends_with(kSuffix)) continue;
     if (auto entry = read(path)) {
       found.push_back(std::move(*entry));

@@ -1,5 +1,7 @@
 #include "ZuNetworking/detail/TransportError.hpp"
 
+#include <cstring>
+
 namespace zu::detail {
 namespace {
 
@@ -79,6 +81,12 @@ URLErrorCode codeFor(CURLcode result) {
 }
 
 }  // namespace
+
+std::string systemErrorText(int errorNumber) {
+  char buffer[256] = {};
+  // The GNU strerror_r answers either its own static text or the buffer.
+  return ::strerror_r(errorNumber, buffer, sizeof buffer);
+}
 
 Error urlError(URLErrorCode code, const std::string& failingURL, const std::string& detail) {
   Error::UserInfo info;
