@@ -20,6 +20,8 @@ class URLSession;
 struct URLSessionConfiguration {
   /// Set for background sessions: names the session and its journal of unfinished transfers.
   std::optional<std::string> identifier;
+  /// Carried for callers that read them back: there is no system daemon to launch the application or to
+  /// defer transfers, so a background session runs its transfers at once, in the process that made it.
   bool sessionSendsLaunchEvents = false;
   bool isDiscretionary = false;
   /// Connections opened to one host at a time; further transfers wait for a free one.
