@@ -9,17 +9,19 @@
 #include <string_view>
 #include <utility>
 
+#include "KivSDK/Model/detail/BinaryPlistWriter.hpp"
 #include "ZuUserDefaults/detail/Plist.hpp"
 
 namespace kiv::detail {
 namespace {
 
+using Ref = BinaryPlistWriter::Ref;
 using zu::detail::Plist;
 
 constexpr long kReadCorruptCode = 4864;
 constexpr long kInvalidValueCode = 4866;
 // The platform's property-list coders write nil as this text.
-constexpr const char* kNullText = "$null";
+constexpr std::string_view kNullText = "$null";
 constexpr std::int64_t kMicrosPerSecond = 1'000'000;
 
 // Raised and caught inside this file only: a coding failure unwinds the record walk to the entry points.
@@ -38,25 +40,39 @@ zu::Error codingError(const CodingFailure& failure) {
                    {{std::string(zu::Error::debugDescriptionKey), failure.message}});
 }
 
-// ---- Dates. libplist takes and gives dates as whole seconds (32-bit) plus microseconds.
+// ---- Dates, kept to the microsecond. libplist makes and hands out dates as whole seconds (32-bit) plus
+// microseconds; the writer stores the same double libplist makes from them, so that the reader can match it.
 
-Plist dateNode(std::int64_t micros) {
+struct DateParts {
+  std::int32_t seconds;
+  std::int32_t micros;
+};
+
+DateParts dateParts(std::int64_t micros) {
   std::int64_t seconds = micros / kMicrosPerSecond;
   if (micros % kMicrosPerSecond < 0) --seconds;
-  return Plist(plist_new_date(static_cast<std::int32_t>(seconds),
-                              static_cast<std::int32_t>(micros - seconds * kMicrosPerSecond)));
+  return {static_cast<std::int32_t>(seconds), static_cast<std::int32_t>(micros - seconds * kMicrosPerSecond)};
 }
 
-Plist encodeDate(zu::Date date) {
+// Whether `node` holds exactly the date libplist makes of `micros` (a node reset through libplist's setter
+// does not compare equal to a new one, so a new node is made each time).
+bool holdsDate(plist_t node, std::int64_t micros) {
+  const DateParts parts = dateParts(micros);
+  const Plist candidate(plist_new_date(parts.seconds, parts.micros));
+  return plist_compare_node_value(node, candidate.get()) != 0;
+}
+
+Ref writeDate(BinaryPlistWriter& out, zu::Date date) {
   const double micros = std::round(date.timeIntervalSinceReferenceDate() * 1e6);
   if (!(std::fabs(micros) < 0x1p31 * 1e6)) fail(kInvalidValueCode, "Date out of the storable range");
-  return dateNode(static_cast<std::int64_t>(micros));
+  const DateParts parts = dateParts(static_cast<std::int64_t>(micros));
+  return out.date(static_cast<double>(parts.seconds) + static_cast<double>(parts.micros) / 1e6);
 }
 
-// libplist holds a date as one double but hands it out truncated toward zero, as seconds plus microseconds of
-// the magnitude: the sign is lost between -1 and 0, and a rounding step can drop one microsecond. The nearby
-// candidates are re-made as nodes and compared with the stored one, so a date written here reads back
-// exactly; a finer date written elsewhere is truncated to the microsecond.
+// libplist hands a stored date out truncated toward zero, as seconds plus microseconds of the magnitude: the
+// sign is lost between -1 and 0, and a rounding step can drop one microsecond. The nearby candidates are
+// made the way libplist makes dates and compared with the stored one, so a date written here reads back exactly; a finer
+// date written elsewhere is truncated to the microsecond.
 zu::Date decodeDate(plist_t node) {
   std::int32_t seconds = 0;
   std::int32_t micros = 0;
@@ -65,7 +81,7 @@ zu::Date decodeDate(plist_t node) {
   const std::int64_t sign = seconds < 0 ? -1 : 1;
   for (const std::int64_t candidate : {magnitude, magnitude + 1}) {
     for (const std::int64_t direction : {sign, -sign}) {
-      if (plist_compare_node_value(node, dateNode(direction * candidate).get())) {
+      if (holdsDate(node, direction * candidate)) {
         return zu::Date(static_cast<double>(direction * candidate) / 1e6);
       }
     }
@@ -73,73 +89,93 @@ zu::Date decodeDate(plist_t node) {
   return zu::Date(static_cast<double>(sign * magnitude) / 1e6);
 }
 
-Plist encodeURL(const zu::URL& url) {
-  Plist node(plist_new_dict());
-  plist_dict_set_item(node.get(), "relative", plist_new_string(url.absoluteString().c_str()));
-  return node;
+// The platform's encoding of a URL.
+Ref writeURL(BinaryPlistWriter& out, const zu::URL& url) {
+  return out.dictionary({out.string("relative")}, {out.string(url.absoluteString())});
 }
 
 // ---- AnyCodable values, with the same kind rules as their JSON form.
 
-class PlistWriter final : public zu::SingleValueEncoder {
+class ValueWriter final : public zu::SingleValueEncoder {
  public:
-  Plist take() { return std::move(root_); }
+  explicit ValueWriter(BinaryPlistWriter& out) : out_(out) {}
+
+  Ref root() const { return root_; }
   const std::optional<std::string>& failure() const { return failure_; }
 
-  void encodeNil() override { put(plist_new_string(kNullText)); }
-  void encode(bool value) override { put(plist_new_bool(value)); }
-  void encode(std::int64_t value) override { put(plist_new_uint(static_cast<std::uint64_t>(value))); }
+  void encodeNil() override { put(out_.string(kNullText)); }
+  void encode(bool value) override { put(out_.boolean(value)); }
+  void encode(std::int64_t value) override { put(out_.integer(value)); }
   void encode(std::uint64_t value) override {
-    // libplist writes every integer in the signed 8-byte form; a larger one would read back negative.
+    // libplist reads every integer as signed 64-bit: a larger one would come back negative.
     if (value > std::uint64_t{INT64_MAX}) failure_ = "Unsigned integer " + std::to_string(value) + " cannot be stored";
-    put(plist_new_uint(value));
+    put(out_.integer(static_cast<std::int64_t>(value)));
   }
   void encode(float value) override { encode(double{value}); }
-  void encode(double value) override { put(plist_new_real(value)); }
-  void encode(const std::string& value) override { put(plist_new_string(value.c_str())); }
+  void encode(double value) override { put(out_.real(value)); }
+  void encode(const std::string& value) override { put(out_.string(value)); }
   void encode(zu::Date value) override {
     try {
-      put(encodeDate(value).release());
+      put(writeDate(out_, value));
     } catch (const CodingFailure& failure) {
       failure_ = failure.message;  // never unwind through the caller's encoding walk
-      put(plist_new_string(kNullText));
+      encodeNil();
     }
   }
-  void encode(const zu::URL& value) override { put(encodeURL(value).release()); }
-  void beginArray() override { open(plist_new_array()); }
-  void beginDictionary() override { open(plist_new_dict()); }
-  void encodeKey(const std::string& key) override { key_ = key; }
-  void endContainer() override { open_.pop_back(); }
+  void encode(const zu::URL& value) override { put(writeURL(out_, value)); }
+  void beginArray() override { open_.push_back({false, {}, {}}); }
+  void beginDictionary() override { open_.push_back({true, {}, {}}); }
+  void encodeKey(const std::string& key) override { open_.back().keys.push_back(out_.string(key)); }
+  void endContainer() override {
+    const Container container = std::move(open_.back());
+    open_.pop_back();
+    put(container.isDictionary ? out_.dictionary(container.keys, container.values) : out_.array(container.values));
+  }
 
  private:
-  void put(plist_t node) {
+  struct Container {
+    bool isDictionary;
+    std::vector<Ref> keys;
+    std::vector<Ref> values;
+  };
+
+  void put(Ref value) {
     if (open_.empty()) {
-      root_.reset(node);
-    } else if (PLIST_IS_ARRAY(open_.back())) {
-      plist_array_append_item(open_.back(), node);
+      root_ = value;
     } else {
-      plist_dict_set_item(open_.back(), key_.c_str(), node);
+      open_.back().values.push_back(value);
     }
   }
-  void open(plist_t container) {
-    put(container);
-    open_.push_back(container);
-  }
 
-  Plist root_;
-  std::vector<plist_t> open_;  // borrowed from the tree `root_` owns
-  std::string key_;
+  BinaryPlistWriter& out_;
+  std::vector<Container> open_;
+  Ref root_ = 0;
   std::optional<std::string> failure_;
 };
 
-std::optional<std::string> stringValue(plist_t node) {
+// The elements of an array node, in order. libplist's indexed access walks a parsed array from its start, so
+// arrays are always read through its iterator.
+std::vector<plist_t> elementsOf(plist_t array) {
+  std::vector<plist_t> elements;
+  elements.reserve(plist_array_get_size(array));
+  plist_array_iter iterator = nullptr;
+  plist_array_new_iter(array, &iterator);
+  for (plist_t element = nullptr; plist_array_next_item(array, iterator, &element), element;) {
+    elements.push_back(element);
+  }
+  std::free(iterator);
+  return elements;
+}
+
+// The text of a string node, borrowed from the node.
+std::optional<std::string_view> stringValue(plist_t node) {
   if (!PLIST_IS_STRING(node)) return std::nullopt;
   std::uint64_t length = 0;
   const char* text = plist_get_string_ptr(node, &length);
-  return std::string(text, length);
+  return std::string_view(text, length);
 }
 
-bool isNull(plist_t node) { return PLIST_IS_STRING(node) && stringValue(node) == kNullText; }
+bool isNull(plist_t node) { return stringValue(node) == kNullText; }
 
 std::optional<std::int64_t> integerValue(plist_t node) {
   if (PLIST_IS_UINT(node)) {
@@ -181,14 +217,17 @@ class PlistReader final : public zu::SingleValueDecoder {
     if (PLIST_IS_DATE(node_)) return decodeDate(node_).timeIntervalSinceReferenceDate();
     return realValue();
   }
-  std::optional<std::string> decodeString() const override { return stringValue(node_); }
+  std::optional<std::string> decodeString() const override {
+    const auto text = stringValue(node_);
+    return text ? std::optional<std::string>(*text) : std::nullopt;
+  }
   std::optional<Elements> decodeArray() const override {
     if (!PLIST_IS_ARRAY(node_)) return std::nullopt;
     Elements elements;
-    const std::uint32_t size = plist_array_get_size(node_);
-    elements.reserve(size);
-    for (std::uint32_t i = 0; i < size; ++i) {
-      elements.push_back(std::make_unique<PlistReader>(plist_array_get_item(node_, i), this, "Index " + std::to_string(i)));
+    const auto nodes = elementsOf(node_);
+    elements.reserve(nodes.size());
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      elements.push_back(std::make_unique<PlistReader>(nodes[i], this, "Index " + std::to_string(i)));
     }
     return elements;
   }
@@ -224,77 +263,96 @@ class PlistReader final : public zu::SingleValueDecoder {
 
 // ---- Encoding the records.
 
-Plist node(const std::string& text) { return Plist(plist_new_string(text.c_str())); }
-Plist node(zu::Date date) { return encodeDate(date); }
-Plist node(const zu::URL& url) { return encodeURL(url); }
-Plist node(const zu::UUID& id) { return node(id.uuidString()); }
-Plist node(std::int64_t integer) { return Plist(plist_new_uint(static_cast<std::uint64_t>(integer))); }
+Ref write(BinaryPlistWriter& out, const std::string& text) { return out.string(text); }
+Ref write(BinaryPlistWriter& out, zu::Date date) { return writeDate(out, date); }
+Ref write(BinaryPlistWriter& out, const zu::URL& url) { return writeURL(out, url); }
+Ref write(BinaryPlistWriter& out, const zu::UUID& id) { return out.string(id.uuidString()); }
+Ref write(BinaryPlistWriter& out, std::int64_t integer) { return out.integer(integer); }
 
-Plist node(const zu::FlatMetadata& metadata) {
-  Plist pairs(plist_new_array());
+Ref write(BinaryPlistWriter& out, const zu::FlatMetadata& metadata) {
+  std::vector<Ref> pairs;
+  pairs.reserve(metadata.size() * 2);
   for (const auto& [path, value] : metadata) {
-    Plist key(plist_new_array());
-    for (const auto& component : path) plist_array_append_item(key.get(), plist_new_string(component.c_str()));
-    plist_array_append_item(pairs.get(), key.release());
-    PlistWriter writer;
-    const auto encoded = value.encode(writer);
-    if (!encoded) fail(kInvalidValueCode, "Metadata value cannot be encoded");
+    std::vector<Ref> keys;
+    for (const auto& component : path) keys.push_back(out.string(component));
+    pairs.push_back(out.array(keys));
+    ValueWriter writer(out);
+    if (!value.encode(writer)) fail(kInvalidValueCode, "Metadata value cannot be encoded");
     if (writer.failure()) fail(kInvalidValueCode, *writer.failure());
-    plist_array_append_item(pairs.get(), writer.take().release());
+    pairs.push_back(writer.root());
   }
-  return pairs;
+  return out.array(pairs);
 }
 
-void set(plist_t dict, const char* key, Plist value) { plist_dict_set_item(dict, key, value.release()); }
+Ref write(BinaryPlistWriter& out, const std::vector<KivFile>& files);  // a report's files, below
 
-template <class T>
-void setIfPresent(plist_t dict, const char* key, const std::optional<T>& value) {
-  if (value) set(dict, key, node(*value));
+// One record's dictionary, key by key in the order given.
+class DictionaryWriter {
+ public:
+  explicit DictionaryWriter(BinaryPlistWriter& out) : out_(out) {}
+
+  template <class T>
+  DictionaryWriter& set(const char* key, const T& value) {
+    keys_.push_back(out_.string(key));
+    values_.push_back(write(out_, value));
+    return *this;
+  }
+  template <class T>
+  DictionaryWriter& setIfPresent(const char* key, const std::optional<T>& value) {
+    return value ? set(key, *value) : *this;
+  }
+  Ref finish() { return out_.dictionary(keys_, values_); }
+
+ private:
+  BinaryPlistWriter& out_;
+  std::vector<Ref> keys_;
+  std::vector<Ref> values_;
+};
+
+Ref write(BinaryPlistWriter& out, const KivFile& file) {
+  return DictionaryWriter(out)
+      .set("name", file.name)
+      .setIfPresent("description", file.description)
+      .set("ext", file.ext)
+      .set("fileType", std::int64_t{zu::rawValue(file.fileType)})
+      .set("dateTaken", file.dateTaken)
+      .setIfPresent("slug", file.slug)
+      .setIfPresent("_metadata", file._metadata)
+      .setIfPresent("hash", file.hash)
+      .setIfPresent("remoteUrl", file.remoteUrl)
+      .setIfPresent("_lastFileUploadAttemptDate", file._lastFileUploadAttemptDate)
+      .finish();
 }
 
-Plist node(const KivFile& file) {
-  Plist dict(plist_new_dict());
-  set(dict.get(), "name", node(file.name));
-  setIfPresent(dict.get(), "description", file.description);
-  set(dict.get(), "ext", node(file.ext));
-  set(dict.get(), "fileType", node(std::int64_t{zu::rawValue(file.fileType)}));
-  set(dict.get(), "dateTaken", node(file.dateTaken));
-  setIfPresent(dict.get(), "slug", file.slug);
-  setIfPresent(dict.get(), "_metadata", file._metadata);
-  setIfPresent(dict.get(), "hash", file.hash);
-  setIfPresent(dict.get(), "remoteUrl", file.remoteUrl);
-  setIfPresent(dict.get(), "_lastFileUploadAttemptDate", file._lastFileUploadAttemptDate);
-  return dict;
+Ref write(BinaryPlistWriter& out, const std::vector<KivFile>& files) {
+  std::vector<Ref> elements;
+  elements.reserve(files.size());
+  for (const auto& file : files) elements.push_back(write(out, file));
+  return out.array(elements);
 }
 
-Plist node(const std::vector<KivFile>& files) {
-  Plist array(plist_new_array());
-  for (const auto& file : files) plist_array_append_item(array.get(), node(file).release());
-  return array;
-}
-
-Plist node(const KivReport& report) {
-  Plist dict(plist_new_dict());
-  setIfPresent(dict.get(), "id", report.id);
-  set(dict.get(), "name", node(report.name));
-  set(dict.get(), "created", node(report.created));
-  setIfPresent(dict.get(), "note", report.note);
-  set(dict.get(), "files", node(report.files));
-  setIfPresent(dict.get(), "slug", report.slug);
-  setIfPresent(dict.get(), "certificationRequestedDate", report.certificationRequestedDate);
-  setIfPresent(dict.get(), "_metadata", report._metadata);
-  setIfPresent(dict.get(), "hash", report.hash);
-  setIfPresent(dict.get(), "email", report.email);
-  set(dict.get(), "_proofStatusInt", node(std::int64_t{report._proofStatusInt}));
-  return dict;
+Ref write(BinaryPlistWriter& out, const KivReport& report) {
+  return DictionaryWriter(out)
+      .setIfPresent("id", report.id)
+      .set("name", report.name)
+      .set("created", report.created)
+      .setIfPresent("note", report.note)
+      .set("files", report.files)
+      .setIfPresent("slug", report.slug)
+      .setIfPresent("certificationRequestedDate", report.certificationRequestedDate)
+      .setIfPresent("_metadata", report._metadata)
+      .setIfPresent("hash", report.hash)
+      .setIfPresent("email", report.email)
+      .set("_proofStatusInt", std::int64_t{report._proofStatusInt})
+      .finish();
 }
 
 // ---- Decoding the records. Each reader takes the node under `key` and fails on a value of another type.
 
 std::string readString(plist_t node, std::string_view key) {
-  auto text = stringValue(node);
+  const auto text = stringValue(node);
   if (!text) mismatch(key, "a text");
-  return std::move(*text);
+  return std::string(*text);
 }
 
 zu::Date readDate(plist_t node, std::string_view key) {
@@ -324,16 +382,15 @@ zu::URL readURL(plist_t node, std::string_view key) {
 }
 
 zu::FlatMetadata readMetadata(plist_t node, std::string_view key) {
-  if (!PLIST_IS_ARRAY(node) || plist_array_get_size(node) % 2 != 0) mismatch(key, "key-value pairs");
+  if (!PLIST_IS_ARRAY(node)) mismatch(key, "key-value pairs");
+  const auto pairs = elementsOf(node);
+  if (pairs.size() % 2 != 0) mismatch(key, "key-value pairs");
   zu::FlatMetadata metadata;
-  for (std::uint32_t i = 0; i < plist_array_get_size(node); i += 2) {
-    const plist_t pathNode = plist_array_get_item(node, i);
-    if (!PLIST_IS_ARRAY(pathNode)) mismatch(key, "a key path");
+  for (std::size_t i = 0; i < pairs.size(); i += 2) {
+    if (!PLIST_IS_ARRAY(pairs[i])) mismatch(key, "a key path");
     zu::KeyPath path;
-    for (std::uint32_t j = 0; j < plist_array_get_size(pathNode); ++j) {
-      path.push_back(readString(plist_array_get_item(pathNode, j), key));
-    }
-    auto value = zu::AnyCodable::decode(PlistReader(plist_array_get_item(node, i + 1), nullptr, std::string(key)));
+    for (const plist_t component : elementsOf(pairs[i])) path.push_back(readString(component, key));
+    auto value = zu::AnyCodable::decode(PlistReader(pairs[i + 1], nullptr, std::string(key)));
     if (!value) mismatch(key, "metadata values");
     metadata.insert_or_assign(std::move(path), std::move(*value));
   }
@@ -375,8 +432,9 @@ KivFile readFile(plist_t node, std::string_view key) {
 std::vector<KivFile> readFiles(plist_t node, std::string_view key) {
   if (!PLIST_IS_ARRAY(node)) mismatch(key, "an array of files");
   std::vector<KivFile> files;
-  files.reserve(plist_array_get_size(node));
-  for (std::uint32_t i = 0; i < plist_array_get_size(node); ++i) files.push_back(readFile(plist_array_get_item(node, i), key));
+  const auto elements = elementsOf(node);
+  files.reserve(elements.size());
+  for (const plist_t element : elements) files.push_back(readFile(element, key));
   return files;
 }
 
@@ -402,9 +460,11 @@ KivReport readReport(plist_t node) {
 
 zu::Result<zu::Data> encodeReports(const std::vector<KivReport>& reports) {
   try {
-    Plist array(plist_new_array());
-    for (const auto& report : reports) plist_array_append_item(array.get(), node(report).release());
-    return zu::detail::binaryPlist(array.get());
+    BinaryPlistWriter out;
+    std::vector<Ref> elements;
+    elements.reserve(reports.size());
+    for (const auto& report : reports) elements.push_back(write(out, report));
+    return out.finish(out.array(elements));
   } catch (const CodingFailure& failure) {
     return codingError(failure);
   }
@@ -415,10 +475,11 @@ zu::Result<std::vector<KivReport>> decodeReports(const zu::Data& bytes) {
   if (!root) return codingError({kReadCorruptCode, "The given data was not a valid property list."});
   if (!PLIST_IS_ARRAY(root.get())) return codingError({kReadCorruptCode, "Expected an array of reports"});
   std::vector<KivReport> reports;
-  reports.reserve(plist_array_get_size(root.get()));
-  for (std::uint32_t i = 0; i < plist_array_get_size(root.get()); ++i) {
+  const auto elements = elementsOf(root.get());
+  reports.reserve(elements.size());
+  for (std::size_t i = 0; i < elements.size(); ++i) {
     try {
-      reports.push_back(readReport(plist_array_get_item(root.get(), i)));
+      reports.push_back(readReport(elements[i]));
     } catch (const CodingFailure& failure) {
       return codingError({failure.code, "Report " + std::to_string(i) + ": " + failure.message});
     }
