@@ -56,7 +56,7 @@ KivReport fullReport() {
   KivReport report("Evidence");
   report.id = kId;
   report.created = Date(700000000.25);
-  report.note = "note";
+  report.note = "Café ☕ 𝄞";
   KivFile file("IMG_0001", "jpg", Date(700000001.5));
   file.description = "front door";
   file.slug = "f-1";
@@ -129,6 +129,14 @@ TEST_F(KivModelTest, KeepsEveryFieldAndTheOrderAsGiven) {
   KivModel::persist({});
   ASSERT_TRUE(storedBytes());  // an empty list is stored, not removed
   EXPECT_TRUE(KivModel::loadFromStore().empty());
+}
+
+TEST_F(KivModelTest, TextThatIsNotUtf8IsStoredWithReplacementCharacters) {
+  KivReport report("Bad \xFF byte");
+  KivModel::persist({report});
+  const auto loaded = KivModel::loadFromStore();
+  ASSERT_EQ(loaded.size(), 1u);
+  EXPECT_EQ(loaded[0].name, "Bad \uFFFD byte");
 }
 
 TEST_F(KivModelTest, FailedEncodeRemovesTheStoredList) {
@@ -223,14 +231,7 @@ class KivModelInterchangeTest : public KivModelTest {
 };
 
 TEST_F(KivModelInterchangeTest, StoredListReadsAsThePlatformShape) {
-  KivModel::persist({fullReport()});
-  const auto bytes = storedBytes();
-  ASSERT_TRUE(bytes);
-  const std::string text(bytes->begin(), bytes->end());
-  EXPECT_EQ(text.substr(0, 8), "bplist00");
-  writeFile(appData_.path() / "reports.plist", text);
-
-  const std::string dump = python(R"(
+  const std::string script = R"(
 import datetime, json, plistlib, sys
 EPOCH = datetime.datetime(2001, 1, 1)
 def tagged(v):
@@ -242,17 +243,34 @@ def tagged(v):
     if isinstance(v, float): return {"real": v}
     return v
 with open(sys.argv[1], "rb") as f:
-    print(json.dumps(tagged(plistlib.load(f)), separators=(",", ":")))
-)", (appData_.path() / "reports.plist").string());
+    reports = plistlib.load(f)
+shape = json.dumps(tagged(reports[:1]), separators=(",", ":"), ensure_ascii=False)
+sys.stdout.buffer.write(f"{shape} {len(reports)} {reports[-1]['name']}\n".encode())
+)";
+  KivModel::persist({fullReport()});
+  const auto one = storedBytes();
+  ASSERT_TRUE(one);
+  const std::string text(one->begin(), one->end());
+  EXPECT_EQ(text.substr(0, 8), "bplist00");
+  writeFile(appData_.path() / "one.plist", text);
+  const std::string dump = python(script, (appData_.path() / "one.plist").string());
   EXPECT_EQ(dump,
             R"([{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","name":"Evidence","created":{"date":700000000.25},)"
-            R"("note":"note","files":[{"name":"IMG_0001","description":"front door","ext":"jpg","fileType":{"int":1},)"
+            R"("note":"Café ☕ 𝄞","files":[{"name":"IMG_0001","description":"front door","ext":"jpg","fileType":{"int":1},)"
             R"("dateTaken":{"date":700000001.5},"slug":"f-1","_metadata":[["a.b"],"x",["camera","iso"],"200"],)"
             R"("hash":"abc","remoteUrl":{"relative":"https://storage.example/f-1"},)"
             R"("_lastFileUploadAttemptDate":{"date":700000002.0}}],"slug":"r-1",)"
             R"("certificationRequestedDate":{"date":700000003.0},"hash":"def","email":"a@b.c",)"
-            R"("_proofStatusInt":{"int":1}}])"
+            R"("_proofStatusInt":{"int":1}}] 1 Evidence)"
             "\n");
+
+  // Hundreds of reports: wider object references and long counts.
+  std::vector<KivReport> many(300, fullReport());
+  many.back().name = "Last";
+  KivModel::persist(many);
+  const auto bytes = storedBytes();
+  writeFile(appData_.path() / "many.plist", std::string(bytes->begin(), bytes->end()));
+  EXPECT_THAT(python(script, (appData_.path() / "many.plist").string()), ::testing::EndsWith("] 300 Last\n"));
 }
 
 TEST_F(KivModelInterchangeTest, ListWrittenElsewhereLoadsInBinaryAndXml) {
