@@ -212,7 +212,7 @@ class PlistReader final : public zu::SingleValueDecoder {
     return static_cast<std::uint64_t>(*value);
   }
   std::optional<double> decodeDouble() const override {
-    if (const auto integer = integerValue(node_); integer && PLIST_IS_UINT(node_)) return static_cast<double>(*integer);
+    if (PLIST_IS_UINT(node_)) return static_cast<double>(*integerValue(node_));
     // A date reads as its seconds since the reference date, as a date written to JSON does.
     if (PLIST_IS_DATE(node_)) return decodeDate(node_).timeIntervalSinceReferenceDate();
     return realValue();

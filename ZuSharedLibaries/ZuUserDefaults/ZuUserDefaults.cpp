@@ -89,7 +89,7 @@ std::optional<Error> replaceFile(const std::string& folder, const std::string& p
   return syncFolder(folder);
 }
 
-FileDescriptor lockFolder(const std::string& path) {
+FileDescriptor lockStore(const std::string& path) {
   auto lock = FileDescriptor::open(path + ".lock", O_RDWR | O_CREAT, 0600);
   if (!lock) return lock;
   int locked;
@@ -107,7 +107,7 @@ Result<void> update(std::mutex& mutex, std::string_view key, Plist value) {
   std::error_code created;
   std::filesystem::create_directories(folder, created);
   if (created) return Error::posix(created.value());
-  const FileDescriptor lock = lockFolder(path);  // released when closed
+  const FileDescriptor lock = lockStore(path);  // released when closed
   if (!lock) return Error::posix(errno);
 
   Plist root = readRoot(path);
