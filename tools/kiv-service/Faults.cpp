@@ -129,6 +129,12 @@ json Fault::toJson() const {
       {"kind", nameOf(kind)}, {"ms", duration.count()}, {"status", status}, {"text", text}, {"times", times}};
 }
 
+bool Faults::isRoute(std::string_view name) {
+  static constexpr std::array<std::string_view, 10> routes{
+      "create", "patch", "get", "file-upload", "force-status", "pdf", "newsletter", "put", "download", "*"};
+  return std::find(routes.begin(), routes.end(), name) != routes.end();
+}
+
 void Faults::set(const std::string& route, Fault fault) {
   std::lock_guard lock(mutex_);
   faults_[route] = std::move(fault);

@@ -52,6 +52,9 @@ struct Fault {
  */
 class Faults {
  public:
+  /// Whether `name` is a route that faults can be set on.
+  static bool isRoute(std::string_view name);
+
   void set(const std::string& route, Fault fault);
   void clear(const std::string& route);
   nlohmann::json toJson() const;

@@ -12,7 +12,8 @@ std::vector<std::pair<std::string, Fault>> parseFaults(const std::vector<std::st
     std::optional<Fault> fault = equals == std::string::npos
                                      ? std::nullopt
                                      : Fault::fromText(std::string_view(text).substr(equals + 1));
-    if (!fault) throw CLI::ValidationError("--fault", "expected ROUTE=KIND[:ARG], got \"" + text + "\"");
+    if (!fault || !Faults::isRoute(text.substr(0, equals)))
+      throw CLI::ValidationError("--fault", "expected ROUTE=KIND[:ARG], got \"" + text + "\"");
     faults.emplace_back(text.substr(0, equals), *fault);
   }
   return faults;

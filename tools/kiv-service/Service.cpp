@@ -9,7 +9,6 @@
 #include <memory>
 #include <optional>
 #include <regex>
-#include <set>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -30,8 +29,6 @@ using httplib::Response;
 using nlohmann::json;
 using Handler = std::function<void(const Request&, Response&)>;
 
-const std::set<std::string> kRoutes{"create", "patch",      "get", "file-upload", "force-status",
-                                    "pdf",    "newsletter", "put", "download",    "*"};
 constexpr const char* kSlug = "([a-z0-9]+)";
 constexpr const char* kStoragePattern = R"(/storage/([a-z0-9]+)/([a-z0-9]+)\.([A-Za-z0-9]{1,16}))";
 
@@ -295,7 +292,7 @@ void Service::addAdminRoutes() {
   server_->Get("/admin/faults",
                [this](const Request&, Response& response) { sendJson(response, 200, faults_.toJson()); });
   server_->Put(R"(/admin/faults/([a-z*-]+))", [this](const Request& request, Response& response) {
-    if (!kRoutes.contains(request.matches[1])) return sendNotFound(response);
+    if (!Faults::isRoute(request.matches[1].str())) return sendNotFound(response);
     const std::optional<Fault> fault = Fault::fromJson(json::parse(request.body, nullptr, false));
     if (!fault)
       return sendDetail(response, 400, "Expected {\"kind\": ..., \"ms\", \"status\", \"text\", \"times\"}.");
