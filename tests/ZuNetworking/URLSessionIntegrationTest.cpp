@@ -292,6 +292,22 @@ TEST(ZuNetworkingIntegration, ForegroundUploadStreamsTheFileAndMissingFilesFail)
   EXPECT_EQ(missing.error->code(), -1100);
 }
 
+TEST(ZuNetworkingIntegration, UploadPast2GiBStreamsToTheEnd) {
+  // A sparse file: sizes past 2^31 must survive every length field on the way.
+  constexpr std::uintmax_t size = (std::uintmax_t{2} << 30) + 1;
+  const auto path = server->folder() / "huge.bin";
+  std::ofstream(path, std::ios::binary).close();
+  std::filesystem::resize_file(path, size);
+  auto networking = std::make_shared<zu::ZuNetworking>(std::nullopt, "Tests.HugeUpload");
+  JSONOutcome upload;
+  networking->uploadRequest(url("/upload"), true, "PUT", "video/mp4", {},
+                            zu::URL::fileURLWithPath(path.string()), upload.completion());
+  ASSERT_TRUE(upload.calls.waitFor(1, std::chrono::seconds(600)));
+  std::filesystem::remove(path);
+  ASSERT_FALSE(upload.error) << upload.error->localizedDescription();
+  EXPECT_EQ(upload.field("received").intValue(), static_cast<std::int64_t>(size));
+}
+
 TEST(ZuNetworkingIntegration, DownloadFileIsPrivateAndRemovedAfterTheCompletion) {
   auto networking = std::make_shared<zu::ZuNetworking>(std::nullopt, "Tests.Download");
   for (bool inBackground : {false, true}) {

@@ -313,7 +313,7 @@ void Engine::stop() {
   }
   curl_multi_wakeup(multi_.get());
   if (thread_.get_id() == std::this_thread::get_id()) {
-    thread_.detach();
+    retireWorker(std::move(thread_));
   } else if (thread_.joinable()) {
     thread_.join();
   }

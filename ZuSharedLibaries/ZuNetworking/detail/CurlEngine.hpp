@@ -58,7 +58,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void start(URLSession* owner);
   /// Stops the worker. Transfers with completions still running complete as cancelled; journalled ones are
   /// left to a later session. Called from the worker itself (a callback that drops the last session
-  /// reference), it returns at once and the worker stops after the callback.
+  /// reference), it returns at once, the worker stops after the callback and is joined at exit.
   void stop();
 
   const URLSessionConfiguration& configuration() const { return configuration_; }

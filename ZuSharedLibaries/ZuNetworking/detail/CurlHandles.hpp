@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <memory>
+#include <thread>
 
 namespace zu::detail {
 
@@ -22,5 +23,12 @@ using CurlSlist = std::unique_ptr<curl_slist, CurlSlistDeleter>;
 
 /// Initialises libcurl once per process, before the first handle is made.
 void ensureCurlGlobalInit();
+
+/**
+ * Keeps the thread of a session worker that was stopped from its own thread (a callback dropped the last
+ * reference to its session) and so could not be joined. Such threads are joined when the process exits,
+ * before libcurl's TLS library tears itself down under them.
+ */
+void retireWorker(std::thread worker);
 
 }  // namespace zu::detail
