@@ -1,14 +1,16 @@
 #include "KivSDK/Model/detail/PersistedForm.hpp"
 
+#include <algorithm>
+#include <array>
 #include <climits>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "KivSDK/Model/detail/BinaryPlistReader.hpp"
 #include "KivSDK/Model/detail/BinaryPlistWriter.hpp"
 #include "ZuUserDefaults/detail/Plist.hpp"
 
@@ -16,7 +18,6 @@ namespace kiv::detail {
 namespace {
 
 using Ref = BinaryPlistWriter::Ref;
-using zu::detail::Plist;
 
 constexpr long kReadCorruptCode = 4864;
 constexpr long kInvalidValueCode = 4866;
@@ -40,8 +41,9 @@ zu::Error codingError(const CodingFailure& failure) {
                    {{std::string(zu::Error::debugDescriptionKey), failure.message}});
 }
 
-// ---- Dates, kept to the microsecond. libplist makes and hands out dates as whole seconds (32-bit) plus
-// microseconds; the writer stores the same double libplist makes from them, so that the reader can match it.
+// ---- Dates, kept to the microsecond: a date is stored as its whole seconds (32-bit) plus its microseconds,
+// summed into the double libplist makes of those parts, so that libplist and the reader here both read it
+// back exactly.
 
 struct DateParts {
   std::int32_t seconds;
@@ -54,39 +56,24 @@ DateParts dateParts(std::int64_t micros) {
   return {static_cast<std::int32_t>(seconds), static_cast<std::int32_t>(micros - seconds * kMicrosPerSecond)};
 }
 
-// Whether `node` holds exactly the date libplist makes of `micros` (a node reset through libplist's setter
-// does not compare equal to a new one, so a new node is made each time).
-bool holdsDate(plist_t node, std::int64_t micros) {
+double storedSeconds(std::int64_t micros) {
   const DateParts parts = dateParts(micros);
-  const Plist candidate(plist_new_date(parts.seconds, parts.micros));
-  return plist_compare_node_value(node, candidate.get()) != 0;
+  return static_cast<double>(parts.seconds) + static_cast<double>(parts.micros) / 1e6;
 }
 
 Ref writeDate(BinaryPlistWriter& out, zu::Date date) {
   const double micros = std::round(date.timeIntervalSinceReferenceDate() * 1e6);
   if (!(std::fabs(micros) < 0x1p31 * 1e6)) fail(kInvalidValueCode, "Date out of the storable range");
-  const DateParts parts = dateParts(static_cast<std::int64_t>(micros));
-  return out.date(static_cast<double>(parts.seconds) + static_cast<double>(parts.micros) / 1e6);
+  return out.date(storedSeconds(static_cast<std::int64_t>(micros)));
 }
 
-// libplist hands a stored date out truncated toward zero, as seconds plus microseconds of the magnitude: the
-// sign is lost between -1 and 0, and a rounding step can drop one microsecond. The nearby candidates are
-// made the way libplist makes dates and compared with the stored one, so a date written here reads back exactly; a finer
-// date written elsewhere is truncated to the microsecond.
-zu::Date decodeDate(plist_t node) {
-  std::int32_t seconds = 0;
-  std::int32_t micros = 0;
-  plist_get_date_val(node, &seconds, &micros);
-  const std::int64_t magnitude = std::abs(std::int64_t{seconds}) * kMicrosPerSecond + micros;
-  const std::int64_t sign = seconds < 0 ? -1 : 1;
-  for (const std::int64_t candidate : {magnitude, magnitude + 1}) {
-    for (const std::int64_t direction : {sign, -sign}) {
-      if (holdsDate(node, direction * candidate)) {
-        return zu::Date(static_cast<double>(direction * candidate) / 1e6);
-      }
-    }
-  }
-  return zu::Date(static_cast<double>(sign * magnitude) / 1e6);
+// A date written here reads back exactly; a finer one written elsewhere is truncated toward zero to the
+// microsecond, and one beyond the storable range is taken as it is.
+zu::Date decodeDate(double seconds) {
+  if (!(std::fabs(seconds) < 0x1p31)) return zu::Date(seconds);
+  const double nearest = std::round(seconds * 1e6);
+  const bool writtenHere = storedSeconds(static_cast<std::int64_t>(nearest)) == seconds;
+  return zu::Date((writtenHere ? nearest : std::trunc(seconds * 1e6)) / 1e6);
 }
 
 // The platform's encoding of a URL.
@@ -108,7 +95,8 @@ class ValueWriter final : public zu::SingleValueEncoder {
   void encode(std::int64_t value) override { put(out_.integer(value)); }
   void encode(std::uint64_t value) override {
     // libplist reads every integer as signed 64-bit: a larger one would come back negative.
-    if (value > std::uint64_t{INT64_MAX}) failure_ = "Unsigned integer " + std::to_string(value) + " cannot be stored";
+    if (value > std::uint64_t{INT64_MAX})
+      failure_ = "Unsigned integer " + std::to_string(value) + " cannot be stored";
     put(out_.integer(static_cast<std::int64_t>(value)));
   }
   void encode(float value) override { encode(double{value}); }
@@ -129,7 +117,8 @@ class ValueWriter final : public zu::SingleValueEncoder {
   void endContainer() override {
     const Container container = std::move(open_.back());
     open_.pop_back();
-    put(container.isDictionary ? out_.dictionary(container.keys, container.values) : out_.array(container.values));
+    put(container.isDictionary ? out_.dictionary(container.keys, container.values)
+                               : out_.array(container.values));
   }
 
  private:
@@ -153,112 +142,118 @@ class ValueWriter final : public zu::SingleValueEncoder {
   std::optional<std::string> failure_;
 };
 
-// The elements of an array node, in order. libplist's indexed access walks a parsed array from its start, so
-// arrays are always read through its iterator.
-std::vector<plist_t> elementsOf(plist_t array) {
-  std::vector<plist_t> elements;
-  elements.reserve(plist_array_get_size(array));
-  plist_array_iter iterator = nullptr;
-  plist_array_new_iter(array, &iterator);
-  for (plist_t element = nullptr; plist_array_next_item(array, iterator, &element), element;) {
-    elements.push_back(element);
-  }
-  std::free(iterator);
-  return elements;
-}
+// ---- Reading the stored document.
 
-// The text of a string node, borrowed from the node.
-std::optional<std::string_view> stringValue(plist_t node) {
-  if (!PLIST_IS_STRING(node)) return std::nullopt;
-  std::uint64_t length = 0;
-  const char* text = plist_get_string_ptr(node, &length);
-  return std::string_view(text, length);
-}
-
-bool isNull(plist_t node) { return stringValue(node) == kNullText; }
-
-std::optional<std::int64_t> integerValue(plist_t node) {
-  if (PLIST_IS_UINT(node)) {
-    std::uint64_t value = 0;
-    plist_get_uint_val(node, &value);
-    return static_cast<std::int64_t>(value);  // stored as a signed 64-bit integer
-  }
-  if (!PLIST_IS_REAL(node)) return std::nullopt;
-  double value = 0;
-  plist_get_real_val(node, &value);
-  if (std::trunc(value) != value || value < -0x1p63 || value >= 0x1p63) return std::nullopt;
-  return static_cast<std::int64_t>(value);
-}
-
-class PlistReader final : public zu::SingleValueDecoder {
+// The document being read, with a budget of container elements to visit: a container may hold itself or be
+// shared many times over, which would make a walk endless or exponential. A document whose containers are
+// not shared visits each element once, never more elements than it has bytes.
+class Document {
  public:
-  PlistReader(plist_t node, const PlistReader* parent, std::string key)
-      : node_(node), parent_(parent), key_(std::move(key)) {}
+  Document(const BinaryPlistReader& plist, std::uint64_t size) : plist_(plist), visitsLeft_(size) {}
+
+  const BinaryPlistReader& plist() const { return plist_; }
+
+  std::optional<BinaryPlistReader::Refs> array(Ref ref) {
+    const auto elements = plist_.array(ref);
+    return elements && visit(elements->size()) ? elements : std::nullopt;
+  }
+  std::optional<BinaryPlistReader::Dictionary> dictionary(Ref ref) {
+    const auto members = plist_.dictionary(ref);
+    return members && visit(members->keys.size()) ? members : std::nullopt;
+  }
+
+  std::optional<std::string> string(Ref ref) const {
+    std::string buffer;
+    const auto text = plist_.text(ref, buffer);
+    return text ? std::optional<std::string>(*text) : std::nullopt;
+  }
+  bool isNull(Ref ref) const {
+    std::string buffer;
+    return plist_.text(ref, buffer) == kNullText;
+  }
+  // An integer, or a real with a whole value in the signed 64-bit range.
+  std::optional<std::int64_t> integer(Ref ref) const {
+    if (const auto integer = plist_.integer(ref)) return integer;
+    const auto value = plist_.real(ref);
+    if (!value || std::trunc(*value) != *value || *value < -0x1p63 || *value >= 0x1p63) return std::nullopt;
+    return static_cast<std::int64_t>(*value);
+  }
+
+ private:
+  bool visit(std::uint64_t elements) {
+    if (elements > visitsLeft_) return false;
+    visitsLeft_ -= elements;
+    return true;
+  }
+
+  const BinaryPlistReader& plist_;
+  std::uint64_t visitsLeft_;
+};
+
+// Metadata values nest no deeper than this; a deeper one is refused rather than followed down the stack.
+constexpr int kMaxValueDepth = 256;
+
+class ValueReader final : public zu::SingleValueDecoder {
+ public:
+  ValueReader(Document& document, Ref ref, const ValueReader* parent, std::string key)
+      : document_(document),
+        ref_(ref),
+        parent_(parent),
+        key_(std::move(key)),
+        depth_(parent ? parent->depth_ + 1 : 0) {}
 
   std::vector<std::string> codingPath() const override {
     std::vector<std::string> path = parent_ ? parent_->codingPath() : std::vector<std::string>{};
     path.push_back(key_);
     return path;
   }
-  bool decodeNil() const override { return isNull(node_); }
-  std::optional<bool> decodeBool() const override {
-    if (!PLIST_IS_BOOLEAN(node_)) return std::nullopt;
-    return plist_bool_val_is_true(node_) != 0;
-  }
-  std::optional<std::int64_t> decodeInt() const override { return integerValue(node_); }
+  bool decodeNil() const override { return document_.isNull(ref_); }
+  std::optional<bool> decodeBool() const override { return plist().boolean(ref_); }
+  std::optional<std::int64_t> decodeInt() const override { return document_.integer(ref_); }
   std::optional<std::uint64_t> decodeUInt() const override {
-    const auto value = realValue();
+    const auto value = plist().real(ref_);
     if (!value || std::trunc(*value) != *value || *value < 0 || *value >= 0x1p64) return std::nullopt;
     return static_cast<std::uint64_t>(*value);
   }
   std::optional<double> decodeDouble() const override {
-    if (PLIST_IS_UINT(node_)) return static_cast<double>(*integerValue(node_));
+    if (const auto integer = plist().integer(ref_)) return static_cast<double>(*integer);
     // A date reads as its seconds since the reference date, as a date written to JSON does.
-    if (PLIST_IS_DATE(node_)) return decodeDate(node_).timeIntervalSinceReferenceDate();
-    return realValue();
+    if (const auto date = plist().date(ref_)) return decodeDate(*date).timeIntervalSinceReferenceDate();
+    return plist().real(ref_);
   }
-  std::optional<std::string> decodeString() const override {
-    const auto text = stringValue(node_);
-    return text ? std::optional<std::string>(*text) : std::nullopt;
-  }
+  std::optional<std::string> decodeString() const override { return document_.string(ref_); }
   std::optional<Elements> decodeArray() const override {
-    if (!PLIST_IS_ARRAY(node_)) return std::nullopt;
+    const auto refs = depth_ < kMaxValueDepth ? document_.array(ref_) : std::nullopt;
+    if (!refs) return std::nullopt;
     Elements elements;
-    const auto nodes = elementsOf(node_);
-    elements.reserve(nodes.size());
-    for (std::size_t i = 0; i < nodes.size(); ++i) {
-      elements.push_back(std::make_unique<PlistReader>(nodes[i], this, "Index " + std::to_string(i)));
+    elements.reserve(refs->size());
+    for (std::uint64_t i = 0; i < refs->size(); ++i) {
+      elements.push_back(
+          std::make_unique<ValueReader>(document_, (*refs)[i], this, "Index " + std::to_string(i)));
     }
     return elements;
   }
   std::optional<Members> decodeDictionary() const override {
-    if (!PLIST_IS_DICT(node_)) return std::nullopt;
-    Members members;
-    plist_dict_iter iterator = nullptr;
-    plist_dict_new_iter(node_, &iterator);
-    while (true) {
-      char* key = nullptr;
-      plist_t value = nullptr;
-      plist_dict_next_item(node_, iterator, &key, &value);
-      if (!key) break;
-      members.emplace_back(key, std::make_unique<PlistReader>(value, this, key));
-      std::free(key);
+    const auto members = depth_ < kMaxValueDepth ? document_.dictionary(ref_) : std::nullopt;
+    if (!members) return std::nullopt;
+    Members decoded;
+    decoded.reserve(members->keys.size());
+    for (std::uint64_t i = 0; i < members->keys.size(); ++i) {
+      auto key = document_.string(members->keys[i]);
+      if (!key) return std::nullopt;
+      decoded.emplace_back(*key, std::make_unique<ValueReader>(document_, members->values[i], this, *key));
     }
-    std::free(iterator);
-    return members;
+    return decoded;
   }
 
  private:
-  std::optional<double> realValue() const {
-    if (!PLIST_IS_REAL(node_)) return std::nullopt;
-    double value = 0;
-    plist_get_real_val(node_, &value);
-    return value;
-  }
+  const BinaryPlistReader& plist() const { return document_.plist(); }
 
-  plist_t node_;
-  const PlistReader* parent_;
+  Document& document_;
+  Ref ref_;
+  const ValueReader* parent_;
   std::string key_;
+  int depth_;
 };
 
 // ---- Encoding the records.
@@ -347,113 +342,169 @@ Ref write(BinaryPlistWriter& out, const KivReport& report) {
       .finish();
 }
 
-// ---- Decoding the records. Each reader takes the node under `key` and fails on a value of another type.
+// ---- Decoding the records. Each reader takes the value under `key` and fails on a value of another type.
 
-std::string readString(plist_t node, std::string_view key) {
-  const auto text = stringValue(node);
+// The values of a record's fields, found in one pass over its dictionary; other keys are ignored.
+template <std::size_t N>
+class Fields {
+ public:
+  Fields(const Document& document, const BinaryPlistReader::Dictionary& members,
+         const std::array<std::string_view, N>& names)
+      : names_(names) {
+    std::string buffer;
+    for (std::uint64_t i = 0; i < members.keys.size(); ++i) {
+      const auto key = document.plist().text(members.keys[i], buffer);
+      if (!key) fail(kReadCorruptCode, "Expected a text key");
+      const auto named = std::find(names.begin(), names.end(), *key);
+      if (named != names.end()) values_[static_cast<std::size_t>(named - names.begin())] = members.values[i];
+    }
+  }
+
+  std::optional<Ref> operator[](std::string_view name) const {
+    const auto named = std::find(names_.begin(), names_.end(), name);
+    return named == names_.end() ? std::nullopt : values_[static_cast<std::size_t>(named - names_.begin())];
+  }
+
+ private:
+  const std::array<std::string_view, N>& names_;
+  std::array<std::optional<Ref>, N> values_;
+};
+
+constexpr std::array<std::string_view, 11> kReportFields{
+    "id",        "name", "created", "note",           "files", "slug", "certificationRequestedDate",
+    "_metadata", "hash", "email",   "_proofStatusInt"};
+constexpr std::array<std::string_view, 10> kFileFields{
+    "name", "description", "ext",  "fileType",  "dateTaken",
+    "slug", "_metadata",   "hash", "remoteUrl", "_lastFileUploadAttemptDate"};
+constexpr std::array<std::string_view, 2> kURLFields{"relative", "base"};
+
+std::string readString(Document& document, Ref ref, std::string_view key) {
+  auto text = document.string(ref);
   if (!text) mismatch(key, "a text");
-  return std::string(*text);
+  return std::move(*text);
 }
 
-zu::Date readDate(plist_t node, std::string_view key) {
-  if (!PLIST_IS_DATE(node)) mismatch(key, "a date");
-  return decodeDate(node);
+zu::Date readDate(Document& document, Ref ref, std::string_view key) {
+  const auto seconds = document.plist().date(ref);
+  if (!seconds) mismatch(key, "a date");
+  return decodeDate(*seconds);
 }
 
-std::int64_t readInteger(plist_t node, std::string_view key) {
-  const auto integer = integerValue(node);
+std::int64_t readInteger(Document& document, Ref ref, std::string_view key) {
+  const auto integer = document.integer(ref);
   if (!integer) mismatch(key, "an integer");
   return *integer;
 }
 
-zu::UUID readUUID(plist_t node, std::string_view key) {
-  const auto id = zu::UUID::fromString(readString(node, key));
+zu::UUID readUUID(Document& document, Ref ref, std::string_view key) {
+  const auto id = zu::UUID::fromString(readString(document, ref, key));
   if (!id) mismatch(key, "a UUID text");
   return *id;
 }
 
-zu::URL readURL(plist_t node, std::string_view key) {
-  if (!PLIST_IS_DICT(node)) mismatch(key, "a URL dictionary");
-  const plist_t relative = plist_dict_get_item(node, "relative");
-  auto url = relative ? zu::URL::fromString(readString(relative, key)) : std::nullopt;
+template <std::size_t N>
+Fields<N> readFields(Document& document, Ref ref, const std::array<std::string_view, N>& names,
+                     std::string_view key, std::string_view expected) {
+  const auto members = document.dictionary(ref);
+  if (!members) mismatch(key, expected);
+  return Fields<N>(document, *members, names);
+}
+
+template <std::size_t N, class Read>
+auto required(Document& document, const Fields<N>& fields, const char* key, Read read) {
+  const auto ref = fields[key];
+  if (!ref) fail(kReadCorruptCode, "No value for the key \"" + std::string(key) + "\"");
+  return read(document, *ref, key);
+}
+
+template <std::size_t N, class Read>
+auto optional(Document& document, const Fields<N>& fields, const char* key, Read read)
+    -> std::optional<decltype(read(document, Ref{}, key))> {
+  const auto ref = fields[key];
+  if (!ref || document.isNull(*ref)) return std::nullopt;
+  return read(document, *ref, key);
+}
+
+zu::URL readURL(Document& document, Ref ref, std::string_view key) {
+  const auto fields = readFields(document, ref, kURLFields, key, "a URL dictionary");
+  const auto relative = fields["relative"];
+  auto url = relative ? zu::URL::fromString(readString(document, *relative, key)) : std::nullopt;
   // A relative reference would need resolving against "base", which URLs of this SDK never carry.
-  if (!url || (plist_dict_get_item(node, "base") && url->scheme().empty())) mismatch(key, "an absolute URL");
+  if (!url || (fields["base"] && url->scheme().empty())) mismatch(key, "an absolute URL");
   return std::move(*url);
 }
 
-zu::FlatMetadata readMetadata(plist_t node, std::string_view key) {
-  if (!PLIST_IS_ARRAY(node)) mismatch(key, "key-value pairs");
-  const auto pairs = elementsOf(node);
-  if (pairs.size() % 2 != 0) mismatch(key, "key-value pairs");
+zu::FlatMetadata readMetadata(Document& document, Ref ref, std::string_view key) {
+  const auto pairs = document.array(ref);
+  if (!pairs || pairs->size() % 2 != 0) mismatch(key, "key-value pairs");
   zu::FlatMetadata metadata;
-  for (std::size_t i = 0; i < pairs.size(); i += 2) {
-    if (!PLIST_IS_ARRAY(pairs[i])) mismatch(key, "a key path");
+  for (std::uint64_t i = 0; i < pairs->size(); i += 2) {
+    const auto components = document.array((*pairs)[i]);
+    if (!components) mismatch(key, "a key path");
     zu::KeyPath path;
-    for (const plist_t component : elementsOf(pairs[i])) path.push_back(readString(component, key));
-    auto value = zu::AnyCodable::decode(PlistReader(pairs[i + 1], nullptr, std::string(key)));
+    path.reserve(components->size());
+    for (std::uint64_t k = 0; k < components->size(); ++k)
+      path.push_back(readString(document, (*components)[k], key));
+    auto value = zu::AnyCodable::decode(ValueReader(document, (*pairs)[i + 1], nullptr, std::string(key)));
     if (!value) mismatch(key, "metadata values");
     metadata.insert_or_assign(std::move(path), std::move(*value));
   }
   return metadata;
 }
 
-template <class Read>
-auto required(plist_t dict, const char* key, Read read) {
-  const plist_t node = plist_dict_get_item(dict, key);
-  if (!node) fail(kReadCorruptCode, "No value for the key \"" + std::string(key) + "\"");
-  return read(node, key);
-}
-
-template <class Read>
-auto optional(plist_t dict, const char* key, Read read) -> std::optional<decltype(read(dict, key))> {
-  const plist_t node = plist_dict_get_item(dict, key);
-  if (!node || isNull(node)) return std::nullopt;
-  return read(node, key);
-}
-
-KivFile readFile(plist_t node, std::string_view key) {
-  if (!PLIST_IS_DICT(node)) mismatch(key, "a file dictionary");
-  KivFile file(required(node, "name", readString), required(node, "ext", readString),
-               required(node, "dateTaken", readDate));
-  const auto fileType = required(node, "fileType", readInteger);
-  if (fileType < INT_MIN || fileType > INT_MAX || !zu::fromRawValue<KivFile::FileType>(static_cast<int>(fileType))) {
+KivFile readFile(Document& document, Ref ref, std::string_view key) {
+  const auto fields = readFields(document, ref, kFileFields, key, "a file dictionary");
+  KivFile file(required(document, fields, "name", readString), required(document, fields, "ext", readString),
+               required(document, fields, "dateTaken", readDate));
+  const auto fileType = required(document, fields, "fileType", readInteger);
+  if (fileType < INT_MIN || fileType > INT_MAX ||
+      !zu::fromRawValue<KivFile::FileType>(static_cast<int>(fileType))) {
     fail(kReadCorruptCode, "Cannot initialize FileType from invalid Int value " + std::to_string(fileType));
   }
   file.fileType = static_cast<KivFile::FileType>(fileType);
-  file.description = optional(node, "description", readString);
-  file.slug = optional(node, "slug", readString);
-  file._metadata = optional(node, "_metadata", readMetadata);
-  file.hash = optional(node, "hash", readString);
-  file.remoteUrl = optional(node, "remoteUrl", readURL);
-  file._lastFileUploadAttemptDate = optional(node, "_lastFileUploadAttemptDate", readDate);
+  file.description = optional(document, fields, "description", readString);
+  file.slug = optional(document, fields, "slug", readString);
+  file._metadata = optional(document, fields, "_metadata", readMetadata);
+  file.hash = optional(document, fields, "hash", readString);
+  file.remoteUrl = optional(document, fields, "remoteUrl", readURL);
+  file._lastFileUploadAttemptDate = optional(document, fields, "_lastFileUploadAttemptDate", readDate);
   return file;
 }
 
-std::vector<KivFile> readFiles(plist_t node, std::string_view key) {
-  if (!PLIST_IS_ARRAY(node)) mismatch(key, "an array of files");
+std::vector<KivFile> readFiles(Document& document, Ref ref, std::string_view key) {
+  const auto elements = document.array(ref);
+  if (!elements) mismatch(key, "an array of files");
   std::vector<KivFile> files;
-  const auto elements = elementsOf(node);
-  files.reserve(elements.size());
-  for (const plist_t element : elements) files.push_back(readFile(element, key));
+  files.reserve(elements->size());
+  for (std::uint64_t i = 0; i < elements->size(); ++i)
+    files.push_back(readFile(document, (*elements)[i], key));
   return files;
 }
 
-KivReport readReport(plist_t node) {
-  if (!PLIST_IS_DICT(node)) fail(kReadCorruptCode, "Expected a report dictionary");
-  KivReport report(required(node, "name", readString));
-  report.id = optional(node, "id", readUUID);
-  report.created = required(node, "created", readDate);
-  report.note = optional(node, "note", readString);
-  report.files = required(node, "files", readFiles);
-  report.slug = optional(node, "slug", readString);
-  report.certificationRequestedDate = optional(node, "certificationRequestedDate", readDate);
-  report._metadata = optional(node, "_metadata", readMetadata);
-  report.hash = optional(node, "hash", readString);
-  report.email = optional(node, "email", readString);
-  const auto status = required(node, "_proofStatusInt", readInteger);
+KivReport readReport(Document& document, Ref ref) {
+  const auto fields = readFields(document, ref, kReportFields, "report", "a report dictionary");
+  KivReport report(required(document, fields, "name", readString));
+  report.id = optional(document, fields, "id", readUUID);
+  report.created = required(document, fields, "created", readDate);
+  report.note = optional(document, fields, "note", readString);
+  report.files = required(document, fields, "files", readFiles);
+  report.slug = optional(document, fields, "slug", readString);
+  report.certificationRequestedDate = optional(document, fields, "certificationRequestedDate", readDate);
+  report._metadata = optional(document, fields, "_metadata", readMetadata);
+  report.hash = optional(document, fields, "hash", readString);
+  report.email = optional(document, fields, "email", readString);
+  const auto status = required(document, fields, "_proofStatusInt", readInteger);
   if (status < INT_MIN || status > INT_MAX) mismatch("_proofStatusInt", "an Int");
   report._proofStatusInt = static_cast<int>(status);
   return report;
+}
+
+// A list in another form libplist reads (XML) comes from elsewhere and is small: it is turned binary, so that
+// one reader decodes every list.
+std::optional<zu::Data> binaryFormOf(const zu::Data& bytes) {
+  const zu::detail::Plist root = zu::detail::parsePlist(bytes.data(), bytes.size());
+  if (!root) return std::nullopt;
+  return zu::detail::binaryPlist(root.get());
 }
 
 }  // namespace
@@ -471,15 +522,18 @@ zu::Result<zu::Data> encodeReports(const std::vector<KivReport>& reports) {
 }
 
 zu::Result<std::vector<KivReport>> decodeReports(const zu::Data& bytes) {
-  const Plist root = zu::detail::parsePlist(bytes.data(), bytes.size());
-  if (!root) return codingError({kReadCorruptCode, "The given data was not a valid property list."});
-  if (!PLIST_IS_ARRAY(root.get())) return codingError({kReadCorruptCode, "Expected an array of reports"});
+  std::optional<zu::Data> converted;
+  auto plist = BinaryPlistReader::open(bytes);
+  if (!plist && (converted = binaryFormOf(bytes))) plist = BinaryPlistReader::open(*converted);
+  if (!plist) return codingError({kReadCorruptCode, "The given data was not a valid property list."});
+  Document document(*plist, converted ? converted->size() : bytes.size());
+  const auto elements = document.array(plist->root());
+  if (!elements) return codingError({kReadCorruptCode, "Expected an array of reports"});
   std::vector<KivReport> reports;
-  const auto elements = elementsOf(root.get());
-  reports.reserve(elements.size());
-  for (std::size_t i = 0; i < elements.size(); ++i) {
+  reports.reserve(elements->size());
+  for (std::uint64_t i = 0; i < elements->size(); ++i) {
     try {
-      reports.push_back(readReport(elements[i]));
+      reports.push_back(readReport(document, (*elements)[i]));
     } catch (const CodingFailure& failure) {
       return codingError({failure.code, "Report " + std::to_string(i) + ": " + failure.message});
     }
