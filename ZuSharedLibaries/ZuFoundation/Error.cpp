@@ -3,6 +3,8 @@
 #include <cstring>
 #include <utility>
 
+#include "ZuFoundation/detail/SystemErrorText.hpp"
+
 namespace zu {
 namespace {
 
@@ -22,6 +24,12 @@ std::optional<std::string_view> cocoaText(long code) {
 
 }  // namespace
 
+std::string detail::systemErrorText(int errorNumber) {
+  char buffer[256] = {};
+  // The GNU strerror_r answers either its own static text or the buffer.
+  return ::strerror_r(errorNumber, buffer, sizeof buffer);
+}
+
 Error::Error(std::string domain, long code, UserInfo userInfo)
     : domain_(std::move(domain)), code_(code), userInfo_(std::move(userInfo)) {}
 
@@ -32,7 +40,7 @@ std::string Error::localizedDescription() const {
     if (const auto* text = value->stringValue()) return *text;
   }
   if (domain_ == posixDomain) {
-    return std::string(kCouldNotComplete) + " " + std::strerror(static_cast<int>(code_));
+    return std::string(kCouldNotComplete) + " " + detail::systemErrorText(static_cast<int>(code_));
   }
   if (domain_ == cocoaDomain) {
     if (auto text = cocoaText(code_)) return std::string(*text);

@@ -82,12 +82,6 @@ URLErrorCode codeFor(CURLcode result) {
 
 }  // namespace
 
-std::string systemErrorText(int errorNumber) {
-  char buffer[256] = {};
-  // The GNU strerror_r answers either its own static text or the buffer.
-  return ::strerror_r(errorNumber, buffer, sizeof buffer);
-}
-
 Error urlError(URLErrorCode code, const std::string& failingURL, const std::string& detail) {
   Error::UserInfo info;
   info.set(std::string(Error::localizedDescriptionKey), text(code));

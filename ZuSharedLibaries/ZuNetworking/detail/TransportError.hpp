@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ZuFoundation/Error.hpp"
+#include "ZuFoundation/detail/SystemErrorText.hpp"
 
 namespace zu::detail {
 
@@ -27,8 +28,6 @@ enum URLErrorCode : long {
 
 /// A transport error with the platform's text, the failing URL and (for the developer) curl's own detail.
 Error urlError(URLErrorCode code, const std::string& failingURL, const std::string& detail = {});
-/// The system's text for an `errno` value (thread-safe, unlike strerror).
-std::string systemErrorText(int errorNumber);
 /// The transport error for a curl result other than CURLE_OK.
 Error urlError(CURLcode result, const std::string& failingURL, const std::string& detail);
 
