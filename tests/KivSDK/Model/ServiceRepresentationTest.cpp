@@ -24,14 +24,8 @@ std::string json(const Dictionary& dict) {
   return std::string(data->begin(), data->end());
 }
 
-TEST(ServiceRepresentation, MinimalReportWritesThreeKeys) {
-  KivReport report("Claim");
-  report.created = kWhen;
-  EXPECT_EQ(json(report.dictionaryRepresentation()),
-            R"({"name":"Claim","original_created_at":"2020-03-01T23:30:00Z","provable_files":[]})");
-}
-
-TEST(ServiceRepresentation, FullRecordsWriteEveryKeyInOrder) {
+// A report with every field set and one file with every field set; the file is named `fileName`.`ext`.
+KivReport fullReport(const std::string& fileName, const std::string& ext) {
   KivReport report("Claim");
   report.created = kWhen;
   report.note = "n";
@@ -40,15 +34,25 @@ TEST(ServiceRepresentation, FullRecordsWriteEveryKeyInOrder) {
   report.email = "e@example.org";
   report.certificationRequestedDate = kWhen;
   report.setMetadata(Dictionary{{"a", Dictionary{{"b", 1}}}});
-  KivFile file("IMG_0001", "jpg", kWhen);
+  KivFile file(fileName, ext, kWhen);
   file.hash = "fh";
   file.slug = "f-1";
   file.description = "d";
   file.remoteUrl = zu::URL::fromString("https://storage/x");
   file.setMetadata(Dictionary{{"iso", 200}});
   report.files = {file};
+  return report;
+}
 
-  const Dictionary dict = report.dictionaryRepresentation();
+TEST(ServiceRepresentation, MinimalReportWritesThreeKeys) {
+  KivReport report("Claim");
+  report.created = kWhen;
+  EXPECT_EQ(json(report.dictionaryRepresentation()),
+            R"({"name":"Claim","original_created_at":"2020-03-01T23:30:00Z","provable_files":[]})");
+}
+
+TEST(ServiceRepresentation, FullRecordsWriteEveryKeyInOrder) {
+  const Dictionary dict = fullReport("IMG_0001", "jpg").dictionaryRepresentation();
   EXPECT_EQ(keys(dict), (std::vector<std::string>{"name", "original_created_at", "provable_files", "note",
                                                   "hash", "slug", "email", "meta_data"}));
   EXPECT_EQ(*dict.find("meta_data"), AnyCodable(Dictionary{{"a", Dictionary{{"b", "1"}}}}));
@@ -60,18 +64,9 @@ TEST(ServiceRepresentation, FullRecordsWriteEveryKeyInOrder) {
 }
 
 TEST(ServiceRepresentation, RecordsRoundTripThroughServiceJson) {
-  KivReport report("Claim");
-  report.created = kWhen;
-  report.note = "n";
-  report.hash = "h";
-  report.slug = "r-1";
-  report.setMetadata(Dictionary{{"a", Dictionary{{"b", "1"}}}});
-  KivFile file("IMG.0001", "jpeg", kWhen);
-  file.hash = "fh";
-  file.slug = "f-1";
-  file.description = "d";
-  file.setMetadata(Dictionary{{"iso", "200"}});
-  report.files = {file, KivFile("clip", "mov", kWhen.addingTimeInterval(60))};
+  KivReport report = fullReport("IMG.0001", "jpeg");
+  const KivFile file = report.files.front();
+  report.files.emplace_back("clip", "mov", kWhen.addingTimeInterval(60));
 
   auto text = zu::JSONSerialization::data(report.dictionaryRepresentation());
   auto parsed = zu::JSONSerialization::jsonObject(*text);
