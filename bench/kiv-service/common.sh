@@ -15,7 +15,7 @@ trap cleanup EXIT
 
 require() {
   for tool in "$@"; do
-    command -v "$tool" >/dev/null || { echo "missing $tool: run scripts/setup.sh" >&2; exit 1; }
+    command -v "$tool" >/dev/null || { echo "missing $tool: run scripts/setup.sh bench/debian-packages.txt" >&2; exit 1; }
   done
 }
 
