@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include "ZuFileManager/detail/DurableFile.hpp"
 #include "ZuFileManager/detail/FileDescriptor.hpp"
 #include "ZuFoundation/FatalError.hpp"
 
@@ -40,12 +41,6 @@ void ensureDirectory(const std::string& path) {
   if (error) fatalError("Cannot create the folder " + path + ": " + error.message());
 }
 
-std::optional<Error> syncDirectory(const std::string& path) {
-  const auto directory = FileDescriptor::open(path, O_RDONLY | O_DIRECTORY);
-  if (!directory || ::fsync(directory.get()) != 0) return Error::posix(errno);
-  return std::nullopt;
-}
-
 std::optional<Error> copyAll(int from, int to) {
   std::vector<char> buffer(1 << 20);
   while (true) {
@@ -53,12 +48,7 @@ std::optional<Error> copyAll(int from, int to) {
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return Error::posix(errno);
     if (count == 0) return std::nullopt;
-    for (ssize_t written = 0; written < count;) {
-      const ssize_t step = ::write(to, buffer.data() + written, static_cast<std::size_t>(count - written));
-      if (step < 0 && errno == EINTR) continue;
-      if (step < 0) return Error::posix(errno);
-      written += step;
-    }
+    if (auto error = detail::writeAll(to, buffer.data(), static_cast<std::size_t>(count))) return error;
   }
 }
 
@@ -90,7 +80,7 @@ std::optional<Error> move(const std::string& from, const std::string& to) {
   if (::rename(from.c_str(), to.c_str()) != 0) {
     error = errno == EXDEV ? copyIntoPlace(from, to, folder) : Error::posix(errno);
   }
-  return error ? error : syncDirectory(folder);
+  return error ? error : detail::syncFolder(folder);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "ZuFileManager/ZuFileManager.hpp"
+#include "ZuFileManager/detail/DurableFile.hpp"
 #include "ZuFileManager/detail/FileDescriptor.hpp"
 #include "ZuUserDefaults/detail/Plist.hpp"
 
@@ -54,41 +55,6 @@ StoredValue readValue(std::string_view key) {
   return value;
 }
 
-std::optional<Error> writeAll(int fd, const Data& bytes) {
-  for (std::size_t done = 0; done < bytes.size();) {
-    const ssize_t count = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return Error::posix(errno);
-    done += static_cast<std::size_t>(count);
-  }
-  return std::nullopt;
-}
-
-std::optional<Error> syncFolder(const std::string& folder) {
-  const auto directory = FileDescriptor::open(folder, O_RDONLY | O_DIRECTORY);
-  if (!directory || ::fsync(directory.get()) != 0) return Error::posix(errno);
-  return std::nullopt;
-}
-
-// Writes a flushed temporary file and renames it over `path`. The temporary file's name is fixed: writers
-// hold the lock, so a crashed writer leaves at most one stale temporary file, which the next write replaces.
-std::optional<Error> replaceFile(const std::string& folder, const std::string& path, const Data& bytes) {
-  const std::string temporary = path + ".tmp";
-  std::optional<Error> error;
-  {
-    const auto file = FileDescriptor::open(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (!file) return Error::posix(errno);
-    error = writeAll(file.get(), bytes);
-    if (!error && ::fsync(file.get()) != 0) error = Error::posix(errno);
-  }
-  if (!error && ::rename(temporary.c_str(), path.c_str()) != 0) error = Error::posix(errno);
-  if (error) {
-    ::unlink(temporary.c_str());
-    return error;
-  }
-  return syncFolder(folder);
-}
-
 FileDescriptor lockStore(const std::string& path) {
   auto lock = FileDescriptor::open(path + ".lock", O_RDWR | O_CREAT, 0600);
   if (!lock) return lock;
@@ -118,7 +84,10 @@ Result<void> update(std::mutex& mutex, std::string_view key, Plist value) {
   } else {
     plist_dict_remove_item(root.get(), keyText.c_str());
   }
-  if (auto error = replaceFile(folder, path, detail::binaryPlist(root.get()))) return *error;
+  // The temporary file's name is fixed: writers hold the lock, so a crashed writer leaves at most one stale
+  // temporary file, which the next write replaces.
+  if (auto error = detail::replaceFileDurably(path, path + ".tmp", detail::binaryPlist(root.get())))
+    return *error;
   return {};
 }
 
@@ -166,6 +135,8 @@ Result<void> ZuUserDefaults::set(const Data& value, std::string_view forKey) {
                 Plist(plist_new_data(reinterpret_cast<const char*>(value.data()), value.size())));
 }
 
-Result<void> ZuUserDefaults::removeObject(std::string_view forKey) { return update(writeMutex_, forKey, nullptr); }
+Result<void> ZuUserDefaults::removeObject(std::string_view forKey) {
+  return update(writeMutex_, forKey, nullptr);
+}
 
 }  // namespace zu

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -12,7 +11,7 @@
 
 #include "AnyCodable/JSONSerialization.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
-#include "ZuFileManager/detail/FileDescriptor.hpp"
+#include "ZuFileManager/detail/DurableFile.hpp"
 #include "ZuFoundation/UUID.hpp"
 
 namespace zu::detail {
@@ -93,17 +92,6 @@ std::optional<Journal::Entry> read(const std::string& path) {
   return Journal::Entry{path, std::move(*request), std::move(uploadFile)};
 }
 
-bool writeAll(int fd, const Data& bytes) {
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    written += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
 }  // namespace
 
 Journal::Journal(const std::string& identifier)
@@ -115,19 +103,8 @@ std::string Journal::record(const URLRequest& request, const std::optional<std::
   auto bytes = JSONSerialization::data(encode(request, uploadFile));
   if (!bytes) return {};
   const std::string path = directory_ + "/" + UUID().uuidString() + std::string(kSuffix);
-  const std::string partial = path + ".partial";
-  {
-    auto fd = FileDescriptor::open(partial, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    // Flushed before the rename so that a crash leaves either no entry or a whole one.
-    if (!fd || !writeAll(fd.get(), *bytes) || ::fsync(fd.get()) != 0) {
-      ::unlink(partial.c_str());
-      return {};
-    }
-  }
-  if (std::rename(partial.c_str(), path.c_str()) != 0) {
-    ::unlink(partial.c_str());
-    return {};
-  }
+  // A crash leaves either no entry or a whole one.
+  if (replaceFileDurably(path, path + ".partial", *bytes)) return {};
   return path;
 }
 
