@@ -5,7 +5,6 @@
 // client trusts that authority's file, never an unverified connection.
 
 #include <httplib.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -18,15 +17,17 @@
 #include <string>
 #include <thread>
 
+#include "support/TemporaryDirectory.hpp"
+
 namespace zutest {
 
 class LoopbackServer {
  public:
   /// Makes the certificates in a fresh folder under the temporary directory and starts serving.
-  LoopbackServer() : folder_(makeFolder()) {
+  LoopbackServer() {
     makeCertificates();
-    server_ = std::make_unique<httplib::SSLServer>((folder_ / "server.pem").c_str(),
-                                                   (folder_ / "server.key").c_str());
+    server_ = std::make_unique<httplib::SSLServer>((folder() / "server.pem").c_str(),
+                                                   (folder() / "server.key").c_str());
     if (!server_->is_valid()) throw std::runtime_error("test server certificate not loadable");
     server_->set_keep_alive_max_count(1'000'000);
     // Without it, small answers written in two pieces wait for the client's delayed acknowledgement (40 ms).
@@ -40,8 +41,6 @@ class LoopbackServer {
   ~LoopbackServer() {
     server_->stop();
     thread_.join();
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
   }
 
   int port() const { return port_; }
@@ -49,22 +48,16 @@ class LoopbackServer {
   std::string url(const std::string& path, const std::string& host = "127.0.0.1") const {
     return "https://" + host + ":" + std::to_string(port_) + path;
   }
-  std::string caFile() const { return (folder_ / "ca.pem").string(); }
+  std::string caFile() const { return (folder() / "ca.pem").string(); }
   /// A second authority that signed nothing this server presents.
-  std::string strangerCAFile() const { return (folder_ / "stranger.pem").string(); }
-  const std::filesystem::path& folder() const { return folder_; }
+  std::string strangerCAFile() const { return (folder() / "stranger.pem").string(); }
+  const std::filesystem::path& folder() const { return directory_.path(); }
   /// Requests served so far, counted when a handler starts.
   int requestCount() const { return requests_.load(); }
 
  private:
-  static std::filesystem::path makeFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zu-loopback-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-    return pattern;
-  }
-
   void run(const std::string& command) const {
-    const std::string line = "cd '" + folder_.string() + "' && " + command + " >/dev/null 2>&1";
+    const std::string line = "cd '" + folder().string() + "' && " + command + " >/dev/null 2>&1";
     if (std::system(line.c_str()) != 0) throw std::runtime_error("failed: " + command);
   }
 
@@ -73,7 +66,7 @@ class LoopbackServer {
     run("openssl req -x509 " + ec + " -keyout ca.key -out ca.pem -days 2 -subj '/CN=Zu Loopback Test CA'");
     run("openssl req -x509 " + ec +
         " -keyout stranger.key -out stranger.pem -days 2 -subj '/CN=Zu Stranger CA'");
-    std::ofstream(folder_ / "server.ext")
+    std::ofstream(folder() / "server.ext")
         << "subjectAltName=IP:127.0.0.1,DNS:localhost\nbasicConstraints=CA:FALSE\n"
            "extendedKeyUsage=serverAuth\n";
     run("openssl req " + ec + " -keyout server.key -out server.csr -subj '/CN=127.0.0.1'");
@@ -188,7 +181,7 @@ class LoopbackServer {
     server_->Post("/upload", count);
   }
 
-  std::filesystem::path folder_;
+  testing_support::TemporaryDirectory directory_;  // removed after the server is gone
   std::unique_ptr<httplib::SSLServer> server_;
   int port_ = 0;
   std::thread thread_;
