@@ -1,27 +1,12 @@
 #include "KivSDK/Model/KivFile.hpp"
 
-#include <algorithm>
-#include <cctype>
-#include <span>
 #include <utility>
 
 #include "KivSDK/Model/detail/Records.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
+#include "ZuFoundation/UniformType.hpp"
 
 namespace kiv {
-namespace {
-
-// What the platform's type identifiers call images and movies, by extension.
-constexpr std::string_view kImageExtensions[] = {"jpg", "jpeg", "png", "heic", "heif", "gif", "tif", "tiff",
-                                                 "bmp", "webp", "dng", "raw",  "cr2",  "nef", "arw"};
-constexpr std::string_view kMovieExtensions[] = {"mov", "mp4", "m4v",  "avi",  "mkv",
-                                                 "3gp", "mts", "m2ts", "webm", "hevc"};
-
-bool contains(std::span<const std::string_view> table, std::string_view value) {
-  return std::find(table.begin(), table.end(), value) != table.end();
-}
-
-}  // namespace
 
 KivFile::KivFile(std::string name, std::string extension, zu::Date dateTaken)
     : name(std::move(name)),
@@ -30,10 +15,14 @@ KivFile::KivFile(std::string name, std::string extension, zu::Date dateTaken)
       dateTaken(dateTaken) {}
 
 KivFile::FileType KivFile::fileTypeForExtension(std::string_view ext) {
-  std::string lower(ext);
-  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
-  if (contains(kImageExtensions, lower)) return FileType::image;
-  if (contains(kMovieExtensions, lower)) return FileType::video;
+  switch (zu::uniformTypeForFilenameExtension(ext)) {
+    case zu::UniformType::image:
+      return FileType::image;
+    case zu::UniformType::movie:
+      return FileType::video;
+    case zu::UniformType::unknown:
+      break;
+  }
   return FileType::unknown;
 }
 

@@ -118,6 +118,32 @@ bool ZuFileManager::fileExists(const URL& url) {
   return ::stat(url.path().c_str(), &status) == 0;
 }
 
+std::optional<Data> ZuFileManager::contents(const std::string& atPath) {
+  const auto file = FileDescriptor::open(atPath, O_RDONLY);
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0) return std::nullopt;
+  Data bytes(static_cast<std::size_t>(status.st_size));
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t count = ::read(file.get(), bytes.data() + done, bytes.size() - done);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return std::nullopt;
+    done += static_cast<std::size_t>(count);
+  }
+  return bytes;
+}
+
+std::optional<Error> ZuFileManager::write(const Data& bytes, const URL& to) {
+  const std::filesystem::path path = to.path();
+  const std::filesystem::path temporary = path.parent_path() / ("." + path.filename().string() + ".writing");
+  return detail::replaceFileDurably(path.string(), temporary.string(), bytes);
+}
+
+std::optional<Error> ZuFileManager::removeItem(const URL& at) {
+  if (::unlink(at.path().c_str()) != 0) return Error::posix(errno);
+  return std::nullopt;
+}
+
 void ZuFileManager::moveFile(const URL& fromURL, const URL& to, const MoveCompletion& completion) {
   ::unlink(to.path().c_str());  // a destination that cannot be removed makes the move below fail
   const std::optional<Error> error = move(fromURL.path(), to.path());

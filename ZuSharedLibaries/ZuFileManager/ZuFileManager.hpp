@@ -5,13 +5,15 @@
 #include <string>
 #include <string_view>
 
+#include "ZuFoundation/Data.hpp"
 #include "ZuFoundation/Error.hpp"
 #include "ZuFoundation/URL.hpp"
 
 namespace zu {
 
 /**
- * Where the application keeps its files, and the one file operation the SDK needs: moving a file into place.
+ * Where the application keeps its files, and the few file operations the SDK needs: reading, writing and
+ * removing a file, and moving a file into place.
  *
  * The application data folder is the host's choice when it sets one, else
  * `$XDG_DATA_HOME/<program name>` (`~/.local/share/<program name>` when XDG_DATA_HOME is unset). The
@@ -41,6 +43,17 @@ class ZuFileManager {
   static bool isPlainPathComponent(std::string_view name);
   /// Whether something exists at the URL's path.
   static bool fileExists(const URL& url);
+
+  /// The whole content of the file at `atPath`; nothing when it cannot be read.
+  static std::optional<Data> contents(const std::string& atPath);
+  /**
+   * Writes `bytes` as the file at `to`, replacing whatever is there so that a crash at any moment leaves the
+   * old or the new content (a flushed temporary file beside it, renamed into place). The file is readable by
+   * its owner only. Nothing when it worked, else why not; the destination is then untouched.
+   */
+  static std::optional<Error> write(const Data& bytes, const URL& to);
+  /// Removes the file at `at`; nothing when it worked, else why not.
+  static std::optional<Error> removeItem(const URL& at);
 
   /**
    * Moves the file at `fromURL` to `to`, replacing whatever is there. Within one file system the move is a

@@ -1,7 +1,6 @@
 #include "ZuUserDefaults/ZuUserDefaults.hpp"
 
 #include <sys/file.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cmath>
@@ -20,24 +19,9 @@ using detail::Plist;
 
 constexpr std::string_view kFileName = "UserDefaults.plist";
 
-std::optional<Data> readWholeFile(const std::string& path) {
-  const auto file = FileDescriptor::open(path, O_RDONLY);
-  struct stat status {};
-  if (!file || ::fstat(file.get(), &status) != 0) return std::nullopt;
-  Data bytes(static_cast<std::size_t>(status.st_size));
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t count = ::read(file.get(), bytes.data() + done, bytes.size() - done);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return std::nullopt;
-    done += static_cast<std::size_t>(count);
-  }
-  return bytes;
-}
-
 // The file's top-level dictionary; nothing when the file is missing or holds no dictionary.
 Plist readRoot(const std::string& path) {
-  const auto bytes = readWholeFile(path);
+  const auto bytes = ZuFileManager::contents(path);
   if (!bytes) return nullptr;
   Plist root = detail::parsePlist(bytes->data(), bytes->size());
   return PLIST_IS_DICT(root.get()) ? std::move(root) : nullptr;

@@ -1,0 +1,28 @@
+#include "ZuImage/Image.hpp"
+
+#include <string>
+#include <utility>
+
+#include "ZuFoundation/FatalError.hpp"
+
+namespace zu {
+
+Image::Image(int width, int height, std::vector<std::uint8_t> rgba, double scale,
+             Orientation imageOrientation)
+    : width_(width), height_(height), scale_(scale), orientation_(imageOrientation) {
+  const bool sizeMatches =
+      width >= 0 && height >= 0 &&
+      rgba.size() == static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4;
+  if (!sizeMatches) {
+    fatalError("An image of " + std::to_string(width) + " x " + std::to_string(height) +
+               " pixels cannot hold " + std::to_string(rgba.size()) + " bytes");
+  }
+  pixels_ = std::make_shared<const std::vector<std::uint8_t>>(std::move(rgba));
+}
+
+std::span<const std::uint8_t> Image::rgba() const {
+  if (!pixels_) return {};
+  return *pixels_;
+}
+
+}  // namespace zu

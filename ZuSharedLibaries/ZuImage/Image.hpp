@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "ZuFoundation/RawValue.hpp"
+
+namespace zu {
+
+/**
+ * A decoded picture: a preview frame, a video frame or a photo, the counterpart of the platform's `UIImage`.
+ * Pixels are 8-bit RGBA, row after row with no padding, shared between copies (copying an image never copies
+ * its pixels). `scale` is the number of pixels per point; `imageOrientation` says how the pixels must be
+ * turned to show upright, with the platform's raw values.
+ *
+ * Decoding and drawing live with the toolkit that uses the image (the Qt view converts to `QImage`).
+ *
+ * @par Thread Safety
+ * An image never changes after it is made: copies may be used from any threads at once.
+ */
+class Image {
+ public:
+  enum class Orientation {
+    up = 0,
+    down = 1,
+    left = 2,
+    right = 3,
+    upMirrored = 4,
+    downMirrored = 5,
+    leftMirrored = 6,
+    rightMirrored = 7,
+  };
+
+  /// The empty image: no pixels.
+  Image() = default;
+  /**
+   * An image of `width` x `height` pixels from `rgba`, which must hold exactly `width * height * 4` bytes
+   * (anything else is a programming error and stops the program).
+   */
+  Image(int width, int height, std::vector<std::uint8_t> rgba, double scale = 1,
+        Orientation imageOrientation = Orientation::up);
+
+  int width() const { return width_; }
+  int height() const { return height_; }
+  double scale() const { return scale_; }
+  Orientation imageOrientation() const { return orientation_; }
+  bool isEmpty() const { return width_ == 0 || height_ == 0; }
+  /// The pixels, `width() * height() * 4` bytes.
+  std::span<const std::uint8_t> rgba() const;
+  /// The pixel buffer itself, for toolkits that wrap it without copying.
+  const std::shared_ptr<const std::vector<std::uint8_t>>& sharedPixels() const { return pixels_; }
+
+ private:
+  int width_ = 0;
+  int height_ = 0;
+  std::shared_ptr<const std::vector<std::uint8_t>> pixels_;
+  double scale_ = 1;
+  Orientation orientation_ = Orientation::up;
+};
+
+template <>
+struct RawValueRange<Image::Orientation> {
+  static constexpr int first = 0;
+  static constexpr int last = 7;
+};
+
+}  // namespace zu
