@@ -111,3 +111,25 @@ TEST(ZuFileManager, MovesAcrossFileSystemsByCopying) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ZuFileManager, WriteReadAndRemoveFiles) {
+  testing_support::TemporaryDirectory folder;
+  const zu::URL file = zu::URL::fileURLWithPath((folder.path() / "photo 1.jpg").string());
+  EXPECT_FALSE(ZuFileManager::contents(file.path()));
+  EXPECT_FALSE(ZuFileManager::write({1, 2, 3}, file));
+  EXPECT_FALSE(ZuFileManager::write({4, 5}, file));  // replaces
+  EXPECT_EQ(ZuFileManager::contents(file.path()), (zu::Data{4, 5}));
+  EXPECT_EQ(fs::status(file.path()).permissions() & fs::perms::all,
+            fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()), 1);
+
+  EXPECT_FALSE(ZuFileManager::removeItem(file));
+  EXPECT_FALSE(ZuFileManager::fileExists(file));
+  EXPECT_EQ(ZuFileManager::removeItem(file), zu::Error::posix(ENOENT));
+  const zu::URL nowhere = zu::URL::fileURLWithPath((folder.path() / "gone" / "x.jpg").string());
+  EXPECT_EQ(ZuFileManager::write({1}, nowhere), zu::Error::posix(ENOENT));
+}
+
+}  // namespace

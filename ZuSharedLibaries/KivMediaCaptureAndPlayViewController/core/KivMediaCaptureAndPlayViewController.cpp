@@ -109,7 +109,6 @@ Controller::~KivMediaCaptureAndPlayViewController() {
   _player->setFrameHandler(nullptr);
   _player->pause();
   _removePlayerItem();
-  _invalidateTimeDisplayTimer();
   if (_captureDevice->isRecording()) _captureDevice->stopRecording();
   // The camera goes off with the screen.
   if (_session) {
@@ -255,9 +254,6 @@ void Controller::_updateBottomControlsUI(_UIState state, bool animated) {
 }
 
 Controller::_BottomControlsVisibility Controller::_visibleControls(_UIState state) {
-  _BottomControlsVisibility review;
-  if (_newCapture) review.visibleControls.insert(ControlType::confirm);
-  if (_canDeleteFile(_fileURL)) review.visibleControls.insert(ControlType::trash);
   switch (state) {
     case _UIState::disabled:
       return {};
@@ -268,13 +264,22 @@ Controller::_BottomControlsVisibility Controller::_visibleControls(_UIState stat
       return {{ControlType::main}};
     case _UIState::readyToPlayback:
     case _UIState::paused:
-    case _UIState::ended:
-      review.visibleControls.insert(ControlType::main);
-      return review;
+    case _UIState::ended: {
+      _BottomControlsVisibility controls = _reviewControls();
+      controls.visibleControls.insert(ControlType::main);
+      return controls;
+    }
     case _UIState::imageDisplay:
-      return review;
+      return _reviewControls();
   }
   return {};
+}
+
+Controller::_BottomControlsVisibility Controller::_reviewControls() {
+  _BottomControlsVisibility controls;
+  if (_newCapture) controls.visibleControls.insert(ControlType::confirm);
+  if (_canDeleteFile(_fileURL)) controls.visibleControls.insert(ControlType::trash);
+  return controls;
 }
 
 std::optional<Controller::_ControlButtonType> Controller::_controlType(_UIState state) const {

@@ -157,6 +157,8 @@ class KivMediaCaptureAndPlayViewController {
   void _enterImageDisplay();
   void _updateBottomControlsUI(_UIState state, bool animated);
   _BottomControlsVisibility _visibleControls(_UIState state);
+  /// Confirm for a new capture, trash when the host lets the file on screen be deleted.
+  _BottomControlsVisibility _reviewControls();
   std::optional<_ControlButtonType> _controlType(_UIState state) const;
   View& _controlView(_BottomControlsVisibility::ControlType control);
   void _switchControl(_ControlButtonType type, bool animated);
@@ -198,7 +200,7 @@ class KivMediaCaptureAndPlayViewController {
   void _invalidateTimeDisplayTimer();
   bool _canDeleteFile(const std::optional<URL>& at);
   void _deleteCurrentFile();
-  /// Replaces the player's item with nothing and stops observing it.
+  /// Replaces the player's item with nothing, stops observing it and drops the display timer.
   void _removePlayerItem();
 
   /**

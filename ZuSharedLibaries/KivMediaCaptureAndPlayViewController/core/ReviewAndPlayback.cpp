@@ -46,7 +46,6 @@ void Controller::_playerItemDidFail(const Error& error) {
   ZuLogger::log(
       "Cannot play " + (_fileURL ? _fileURL->path() : std::string()) + ": " + error.localizedDescription(),
       &typeid(Controller), ZuLogger::LogLevel::error);
-  _invalidateTimeDisplayTimer();
   _removePlayerItem();
   _update(_UIState::readyToCapture, true);
 }
@@ -116,6 +115,7 @@ void Controller::_deleteCurrentFile() {
 }
 
 void Controller::_removePlayerItem() {
+  _invalidateTimeDisplayTimer();
   _player->setEndOfItemHandler(nullptr);
   _player->setItemFailureHandler(nullptr);
   _player->replaceCurrentItem(std::nullopt);

@@ -31,15 +31,15 @@ class FakeCaptureDevice final : public CaptureDevice {
     /// The user's answer when asked for access.
     bool grantsAccess = true;
     /// Set-up fails with this error when given.
-    std::optional<SetupError> setupError;
+    std::optional<SetupError> setupError{};
     bool hasTorch = true;
     double maxAvailableVideoZoomFactor = 4;
     /// Locking for configuration fails with this error when given.
-    std::optional<Error> lockError;
+    std::optional<Error> lockError{};
     /// Photos fail with this error when given.
-    std::optional<Error> photoError;
+    std::optional<Error> photoError{};
     /// Recordings end with this error when given.
-    std::optional<Error> recordingError;
+    std::optional<Error> recordingError{};
     double framesPerSecond = 0;
     int frameWidth = 640;
     int frameHeight = 360;
