@@ -84,6 +84,7 @@ Controller::KivMediaCaptureAndPlayViewController(KivMediaCaptureAndPlayViewContr
   _mediaPreviewView.backgroundColor = Color::withRGBA(0x000000FF);
   _bottomControlsView.backgroundColor = kControlsBackground;
   _timeLabel.backgroundColor = kControlsBackground;
+  _timeLabel.text = "00:00:00";
   _videoPhotoSegmentedControl.segmentTitles = {"Video", "Photo"};
   _bottomControlsHeightConstraint = {&_bottomControlsView,
                                      LayoutAttribute::height,

@@ -38,24 +38,23 @@ void fill(std::vector<std::uint8_t>& pixels, int width, int x0, int y0, int x1, 
 
 Image testPatternImage(int width, int height, long frameNumber, bool dark) {
   std::vector<std::uint8_t> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4);
-  const int barsHeight = height * 3 / 4;
   for (int bar = 0; bar < 7; ++bar) {
     Rgb colour = kBars[static_cast<std::size_t>(bar)];
     if (dark) {
-      for (auto& channel : colour) channel = static_cast<std::uint8_t>(channel / 3);
+      for (auto& channel : colour) channel = static_cast<std::uint8_t>(channel / 2);
     }
-    fill(pixels, width, bar * width / 7, 0, (bar + 1) * width / 7, barsHeight, colour);
+    fill(pixels, width, bar * width / 7, 0, (bar + 1) * width / 7, height, colour);
   }
-  fill(pixels, width, 0, barsHeight, width, height, {24, 24, 24});
-  // A block that crosses the lower band and a line that sweeps down the bars, one step a frame.
-  const int block = std::max(1, height / 8);
+  // A framed block that crosses the middle and a line that sweeps down, one step a frame.
+  const int block = std::max(3, height / 6);
   const int span = std::max(1, width - block);
   const int x = static_cast<int>(frameNumber * 4 % (2L * span));
   const int left = x < span ? x : 2 * span - x;
-  const int top = barsHeight + (height - barsHeight - block) / 2;
-  fill(pixels, width, left, top, left + block, top + block, {255, 255, 255});
-  const int line = static_cast<int>(frameNumber * 2 % std::max(1, barsHeight));
-  fill(pixels, width, 0, line, width, std::min(barsHeight, line + 2), {255, 255, 255});
+  const int top = (height - block) / 2;
+  fill(pixels, width, left, top, left + block, top + block, {0, 0, 0});
+  fill(pixels, width, left + 2, top + 2, left + block - 2, top + block - 2, {255, 255, 255});
+  const int line = static_cast<int>(frameNumber * 2 % height);
+  fill(pixels, width, 0, line, width, std::min(height, line + 2), {255, 255, 255});
   return Image(width, height, std::move(pixels));
 }
 

@@ -6,9 +6,9 @@
 namespace zu {
 
 /**
- * A test picture of `width` x `height` pixels: colour bars with a white block and a line that move with
- * `frameNumber`, so that a running preview visibly moves. `dark` draws it dimmed (the fake player's
- * frames, told apart from the camera's).
+ * A test picture of `width` x `height` pixels: colour bars with a framed white block and a line that move
+ * with `frameNumber`, so that a running preview visibly moves. `dark` draws it at half brightness (the fake
+ * player's frames, told apart from the camera's).
  */
 Image testPatternImage(int width, int height, long frameNumber, bool dark = false);
 

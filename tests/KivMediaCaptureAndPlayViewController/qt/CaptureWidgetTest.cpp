@@ -1,0 +1,310 @@
+#include "KivMediaCaptureAndPlayViewController/qt/KivMediaCaptureAndPlayWidget.hpp"
+
+#include <gtest/gtest.h>
+
+#include <QAbstractButton>
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QLabel>
+#include <QMouseEvent>
+#include <QWheelEvent>
+#include <algorithm>
+#include <functional>
+#include <set>
+
+#include "KivMediaCaptureAndPlayViewController/CaptureTestSupport.hpp"
+#include "KivMediaCaptureAndPlayViewController/fake/FakeCaptureDevice.hpp"
+#include "KivMediaCaptureAndPlayViewController/fake/FakeMediaPlayer.hpp"
+#include "KivMediaCaptureAndPlayViewController/fake/TestPattern.hpp"
+#include "KivMediaCaptureAndPlayViewController/qt/QtCapturePlatform.hpp"
+#include "support/TemporaryDirectory.hpp"
+
+namespace {
+
+using namespace testing_support;
+using State = Controller::_UIState;
+using MediaType = Controller::MediaType;
+
+const std::set<QString> kAllControls = {"dismissButton",
+                                        "flashButton",
+                                        "timeLabel",
+                                        "trashButton",
+                                        "mainControlButton",
+                                        "confirmButton",
+                                        "videoPhotoSegmentedControl"};
+
+/// The Qt capture screen on the fake camera and player, without animations.
+class CaptureWidget {
+ public:
+  struct Options {
+    /// A photo in the media folder to review; empty for none.
+    std::string fileName{};
+    MediaType defaultMediaType = MediaType::video;
+    bool hostLetsDelete = true;
+    QSize size{1280, 720};
+  };
+
+  explicit CaptureWidget(const Options& options) {
+    delegate.canDelete = options.hostLetsDelete;
+    std::optional<zu::URL> file;
+    if (!options.fileName.empty()) {
+      file = zu::URL::fileURLWithPath((folder.path() / options.fileName).string());
+      EXPECT_FALSE(zu::ZuFileManager::write(zu::jpegData(zu::testPatternImage(960, 720, 40)), *file));
+    }
+    auto controller =
+        std::make_unique<Controller>(delegate, zu::URL::fileURLWithPath(folder.path().string(), true), file,
+                                     false, zu::qtCapturePlatform(device, player));
+    controller->defaultMediaType = options.defaultMediaType;
+    widget = std::make_unique<zu::KivMediaCaptureAndPlayWidget>(std::move(controller));
+    widget->setAnimationDuration(0);
+    widget->resize(options.size);
+  }
+
+  Controller& controller() { return widget->controller(); }
+
+  /// Processes events until `condition` holds, for at most 30 seconds; whether it holds.
+  static bool waitUntil(const std::function<bool()>& condition) {
+    QElapsedTimer waited;
+    waited.start();
+    while (!condition() && waited.elapsed() < 30000)
+      QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    return condition();
+  }
+  bool waitForState(State state) {
+    return waitUntil([&] { return controller().state() == state; });
+  }
+
+  /// Shows the screen and waits for its first state (with a camera frame when it captures).
+  void show() {
+    widget->show();
+    if (controller().fileURL()) return;
+    ASSERT_TRUE(waitUntil([&] { return controller()._mainControlButton.isEnabled; }));
+    device->deliverFrame();
+    ASSERT_TRUE(waitUntil([&] { return !controller()._mediaPreviewView.previewLayer->frame.isEmpty(); }));
+  }
+
+  QWidget* child(const QString& name) const { return widget->findChild<QWidget*>(name); }
+  void click(const QString& name) { static_cast<QAbstractButton*>(child(name))->click(); }
+  /// A press on the segment at `index` of the segmented control, as a user's.
+  void pickSegment(int index) {
+    QWidget* segments = child("videoPhotoSegmentedControl");
+    const QPointF at(segments->width() * (index + 0.5) / 2, segments->height() / 2.0);
+    QMouseEvent press(QEvent::MouseButtonPress, at, segments->mapToGlobal(at), Qt::LeftButton, Qt::LeftButton,
+                      Qt::NoModifier);
+    QCoreApplication::sendEvent(segments, &press);
+  }
+
+  std::set<QString> visibleControls() const {
+    std::set<QString> visible;
+    for (const QString& name : kAllControls) {
+      if (child(name)->isVisibleTo(widget.get())) visible.insert(name);
+    }
+    return visible;
+  }
+
+  /// Renders the screen into "<name>.png" under the build tree and returns the picture.
+  QImage screenshot(const QString& name) const {
+    const QImage picture = widget->grab().toImage();
+    QDir().mkpath(KIV_SCREENSHOT_DIR);
+    EXPECT_TRUE(picture.save(QStringLiteral(KIV_SCREENSHOT_DIR "/%1.png").arg(name)));
+    return picture;
+  }
+
+  TemporaryDirectory folder;
+  RecordingDelegate delegate;
+  std::shared_ptr<zu::FakeCaptureDevice> device = std::make_shared<zu::FakeCaptureDevice>();
+  std::shared_ptr<zu::FakeMediaPlayer> player = std::make_shared<zu::FakeMediaPlayer>();
+  std::unique_ptr<zu::KivMediaCaptureAndPlayWidget> widget;
+};
+
+struct Shot {
+  const char* name;
+  CaptureWidget::Options options;
+  /// The user's steps from the first state.
+  std::function<void(CaptureWidget&)> steps;
+  State state;
+  std::set<QString> visible;
+  int panelHeight;
+  int sideDistance;
+};
+
+void record(CaptureWidget& screen) {
+  screen.click("mainControlButton");
+  ASSERT_TRUE(screen.waitForState(State::recording));
+  screen.device->advanceRecording(75.4);
+  ASSERT_TRUE(screen.waitUntil([&] { return screen.controller()._timeLabel.text == "00:01:15"; }));
+}
+void recordAndStop(CaptureWidget& screen) {
+  record(screen);
+  screen.click("mainControlButton");
+  ASSERT_TRUE(screen.waitForState(State::readyToPlayback));
+}
+void play(CaptureWidget& screen) {
+  recordAndStop(screen);
+  screen.click("mainControlButton");
+  ASSERT_TRUE(screen.waitForState(State::playing));
+  screen.player->advance(1.4);
+  ASSERT_TRUE(screen.waitUntil([&] { return screen.controller()._timeLabel.text == "00:00:01"; }));
+}
+
+class CaptureWidgetScreenshots : public testing::TestWithParam<Shot> {};
+
+TEST_P(CaptureWidgetScreenshots, ShowWhatTheStateShows) {
+  const Shot& shot = GetParam();
+  CaptureWidget screen(shot.options);
+  if (shot.state != State::disabled) screen.show();
+  if (shot.steps) shot.steps(screen);
+  ASSERT_TRUE(screen.waitForState(shot.state));
+  QCoreApplication::processEvents();
+
+  const QImage picture = screen.screenshot(shot.name);
+  EXPECT_EQ(screen.visibleControls(), shot.visible);
+  EXPECT_EQ(screen.child("bottomControlsView")->height(), shot.panelHeight);
+  EXPECT_EQ(screen.widget->sideButtonsBottomDistance(), shot.sideDistance);
+  for (const char* side : {"trashButton", "confirmButton"}) {
+    const QWidget* button = screen.child(side);
+    if (!button->isVisibleTo(screen.widget.get())) continue;
+    EXPECT_EQ(button->parentWidget()->height() - button->geometry().bottom() - 1, shot.sideDistance) << side;
+  }
+  // Nothing that shows overlaps anything else that shows.
+  const std::vector<QString> names(shot.visible.begin(), shot.visible.end());
+  for (std::size_t a = 0; a < names.size(); ++a) {
+    for (std::size_t b = a + 1; b < names.size(); ++b) {
+      const QWidget* first = screen.child(names[a]);
+      const QWidget* second = screen.child(names[b]);
+      const QRect firstRect(first->mapTo(screen.widget.get(), QPoint()), first->size());
+      const QRect secondRect(second->mapTo(screen.widget.get(), QPoint()), second->size());
+      EXPECT_FALSE(firstRect.intersects(secondRect))
+          << names[a].toStdString() << " " << names[b].toStdString();
+    }
+  }
+  // The picture is the screen: the top-left corner shows the preview's content or black, and the dismiss
+  // button's white cross crosses its centre.
+  const QWidget* dismiss = screen.child("dismissButton");
+  const QColor cross = picture.pixelColor(dismiss->geometry().center());
+  EXPECT_GT(cross.lightness(), 200);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    States, CaptureWidgetScreenshots,
+    testing::Values(Shot{"disabled", {}, nullptr, State::disabled, {"dismissButton", "timeLabel"}, 0, 10},
+                    Shot{"readyToCapture-video",
+                         {},
+                         nullptr,
+                         State::readyToCapture,
+                         {"dismissButton", "flashButton", "timeLabel", "mainControlButton",
+                          "videoPhotoSegmentedControl"},
+                         138,
+                         30},
+                    Shot{"readyToCapture-photo",
+                         {},
+                         [](CaptureWidget& screen) { screen.pickSegment(1); },
+                         State::readyToCapture,
+                         {"dismissButton", "flashButton", "mainControlButton", "videoPhotoSegmentedControl"},
+                         138,
+                         30},
+                    Shot{"recording",
+                         {},
+                         record,
+                         State::recording,
+                         {"dismissButton", "flashButton", "timeLabel", "mainControlButton"},
+                         100,
+                         30},
+                    Shot{"readyToPlayback",
+                         {},
+                         recordAndStop,
+                         State::readyToPlayback,
+                         {"dismissButton", "timeLabel", "trashButton", "mainControlButton", "confirmButton"},
+                         100,
+                         30},
+                    Shot{"readyToPlayback-narrow",
+                         {.size = {390, 844}},
+                         recordAndStop,
+                         State::readyToPlayback,
+                         {"dismissButton", "timeLabel", "trashButton", "mainControlButton", "confirmButton"},
+                         100,
+                         30},
+                    Shot{"playing",
+                         {},
+                         play,
+                         State::playing,
+                         {"dismissButton", "timeLabel", "mainControlButton"},
+                         100,
+                         30},
+                    Shot{"paused",
+                         {},
+                         [](CaptureWidget& screen) {
+                           play(screen);
+                           screen.click("mainControlButton");
+                         },
+                         State::paused,
+                         {"dismissButton", "timeLabel", "trashButton", "mainControlButton", "confirmButton"},
+                         100,
+                         30},
+                    Shot{"ended",
+                         {},
+                         [](CaptureWidget& screen) {
+                           play(screen);
+                           screen.player->advance(10);
+                         },
+                         State::ended,
+                         {"dismissButton", "timeLabel", "trashButton", "mainControlButton", "confirmButton"},
+                         100,
+                         30},
+                    Shot{"imageDisplay",
+                         {.defaultMediaType = MediaType::photo},
+                         [](CaptureWidget& screen) { screen.click("mainControlButton"); },
+                         State::imageDisplay,
+                         {"dismissButton", "trashButton", "confirmButton"},
+                         60,
+                         10},
+                    Shot{"imageDisplay-review",
+                         {.fileName = "evidence.jpg", .hostLetsDelete = false},
+                         nullptr,
+                         State::imageDisplay,
+                         {"dismissButton"},
+                         0,
+                         10}),
+    [](const testing::TestParamInfo<Shot>& row) {
+      std::string name = row.param.name;
+      std::replace(name.begin(), name.end(), '-', '_');
+      return name;
+    });
+
+TEST(CaptureWidget, TheHostHearsConfirmAndDismissPresses) {
+  CaptureWidget screen({.defaultMediaType = MediaType::photo});
+  screen.show();
+  screen.click("flashButton");
+  EXPECT_TRUE(screen.controller().flashOn());
+  screen.click("mainControlButton");
+  ASSERT_TRUE(screen.waitForState(State::imageDisplay));
+  screen.click("confirmButton");
+  screen.click("dismissButton");
+  ASSERT_EQ(screen.delegate.dismissals.size(), 2U);
+  EXPECT_EQ(screen.delegate.dismissals[0].reason, Controller::DismissReason::save);
+  EXPECT_EQ(screen.delegate.dismissals[0].fileURL, screen.controller().fileURL());
+  EXPECT_EQ(screen.delegate.dismissals[1].reason, Controller::DismissReason::close);
+}
+
+TEST(CaptureWidget, ControlWheelZoomsAndThePanelAnimatesToItsHeight) {
+  CaptureWidget screen({});
+  screen.widget->setAnimationDuration(150);
+  screen.show();
+  EXPECT_TRUE(screen.waitUntil([&] { return screen.widget->bottomPanelHeight() == 138; }));
+  const auto wheel = [&](Qt::KeyboardModifiers modifiers) {
+    const QPointF at(640, 360);
+    QWheelEvent event(at, screen.widget->mapToGlobal(at), QPoint(), QPoint(0, 120), Qt::NoButton, modifiers,
+                      Qt::NoScrollPhase, false);
+    QCoreApplication::sendEvent(screen.widget.get(), &event);
+    return screen.device->record().videoZoomFactor;
+  };
+  EXPECT_EQ(wheel(Qt::NoModifier), 1);
+  EXPECT_EQ(wheel(Qt::ControlModifier), 1.25);
+  EXPECT_EQ(wheel(Qt::ControlModifier), 1.5625);
+
+  screen.click("mainControlButton");
+  EXPECT_TRUE(screen.waitUntil([&] { return screen.widget->bottomPanelHeight() == 100; }));
+}
+
+}  // namespace
