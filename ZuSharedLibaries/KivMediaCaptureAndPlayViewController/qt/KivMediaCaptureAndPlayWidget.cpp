@@ -119,7 +119,8 @@ void KivMediaCaptureAndPlayWidget::mirrorControls() {
   segments_->setVisible(!segments.isHidden);
   const Label& label = controller_->_timeLabel;
   timeLabel_->setText(QString::fromStdString(label.text));
-  timeLabel_->setStyleSheet(labelStyleSheet(label));
+  if (const QString style = labelStyleSheet(label); style != timeLabel_->styleSheet())
+    timeLabel_->setStyleSheet(style);
   timeLabel_->setVisible(!label.isHidden);
   panel_->setFill(toQColor(controller_->_bottomControlsView.backgroundColor.value_or(Color::withRGBA(0))));
   layoutTop();

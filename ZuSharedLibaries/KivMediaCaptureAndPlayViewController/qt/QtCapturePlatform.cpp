@@ -104,7 +104,10 @@ void installQtMainDispatcher() {
   static std::once_flag installed;
   std::call_once(installed, [] {
     DispatchQueue::setMainDispatcher([](DispatchQueue::Task task) {
-      QMetaObject::invokeMethod(QCoreApplication::instance(), std::move(task), Qt::QueuedConnection);
+      // Once the application object has gone there is no GUI thread left to run the task.
+      if (auto* application = QCoreApplication::instance()) {
+        QMetaObject::invokeMethod(application, std::move(task), Qt::QueuedConnection);
+      }
     });
   });
 }
