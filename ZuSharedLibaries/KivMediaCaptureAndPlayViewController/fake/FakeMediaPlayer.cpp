@@ -17,7 +17,7 @@ long frameNumberAt(double seconds) { return std::lround(seconds * 30); }
 
 }  // namespace
 
-FakeMediaPlayer::FakeMediaPlayer(Settings settings) : settings_(std::move(settings)) {
+FakeMediaPlayer::FakeMediaPlayer(Settings settings) : settings_(settings) {
   if (settings_.ticksPerSecond > 0) {
     ticker_ = std::make_unique<detail::Ticker>(settings_.ticksPerSecond,
                                                [this] { advance(1 / settings_.ticksPerSecond); });

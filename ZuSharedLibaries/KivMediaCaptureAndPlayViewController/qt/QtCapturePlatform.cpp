@@ -74,7 +74,8 @@ QImage toQImage(const Image& image) {
   // The QImage keeps a reference to the shared pixels until it is done with them.
   auto* keep = new std::shared_ptr<const std::vector<std::uint8_t>>(image.sharedPixels());
   QImage wrapped(
-      (*keep)->data(), image.width(), image.height(), image.width() * 4, QImage::Format_RGBA8888,
+      (*keep)->data(), image.width(), image.height(), static_cast<qsizetype>(image.width()) * 4,
+      QImage::Format_RGBA8888,
       [](void* pixels) { delete static_cast<std::shared_ptr<const std::vector<std::uint8_t>>*>(pixels); },
       keep);
   wrapped.setDevicePixelRatio(image.scale());

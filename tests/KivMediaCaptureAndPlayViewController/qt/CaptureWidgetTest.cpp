@@ -105,7 +105,7 @@ class CaptureWidget {
 
   /// Renders the screen into "<name>.png" under the build tree and returns the picture.
   QImage screenshot(const QString& name) const {
-    const QImage picture = widget->grab().toImage();
+    QImage picture = widget->grab().toImage();
     QDir().mkpath(KIV_SCREENSHOT_DIR);
     EXPECT_TRUE(picture.save(QStringLiteral(KIV_SCREENSHOT_DIR "/%1.png").arg(name)));
     return picture;
