@@ -15,6 +15,7 @@ namespace {
 using Controller = KivMediaCaptureAndPlayViewController;
 using ControlType = BottomControlsVisibility::ControlType;
 using Height = BottomControlsVisibility::_Const::BottomControlsHeightConstraint;
+using Distance = BottomControlsVisibility::_Const::BottomControlsSideButtonsBottomConstraint;
 
 template <class Part>
 Part required(Part part, std::string_view name) {
@@ -86,23 +87,17 @@ Controller::KivMediaCaptureAndPlayViewController(KivMediaCaptureAndPlayViewContr
   _timeLabel.backgroundColor = kControlsBackground;
   _timeLabel.text = "00:00:00";
   _videoPhotoSegmentedControl.segmentTitles = {"Video", "Photo"};
-  _bottomControlsHeightConstraint = {&_bottomControlsView,
-                                     LayoutAttribute::height,
-                                     LayoutRelation::equal,
-                                     nullptr,
-                                     LayoutAttribute::notAnAttribute,
-                                     1,
-                                     Height::hidden,
-                                     true};
-  _bottomControlsSideButtonsBottomtConstraint = {
-      &_bottomControlsView,
-      LayoutAttribute::bottom,
-      LayoutRelation::equal,
-      &_trashButton,
-      LayoutAttribute::bottom,
-      1,
-      BottomControlsVisibility::_Const::BottomControlsSideButtonsBottomConstraint::onlySideButtons,
-      true};
+  _bottomControlsHeightConstraint = {.firstItem = &_bottomControlsView,
+                                     .firstAttribute = LayoutAttribute::height,
+                                     .constant = Height::hidden,
+                                     .isActive = true};
+  // The panel's bottom lies this far below the side buttons' bottoms.
+  _bottomControlsSideButtonsBottomtConstraint = {.firstItem = &_bottomControlsView,
+                                                 .firstAttribute = LayoutAttribute::bottom,
+                                                 .secondItem = &_trashButton,
+                                                 .secondAttribute = LayoutAttribute::bottom,
+                                                 .constant = Distance::onlySideButtons,
+                                                 .isActive = true};
 }
 
 Controller::~KivMediaCaptureAndPlayViewController() {
