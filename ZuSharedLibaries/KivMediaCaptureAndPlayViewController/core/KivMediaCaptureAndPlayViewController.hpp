@@ -25,7 +25,11 @@ class KivMediaCaptureAndPlayViewControllerDelegate;
  *
  * A screen made without a file opens for capture in `defaultMediaType`; one made with a file opens in
  * review, as a photo or a video by the file's extension. The toolkit view calls `viewDidLoad` once, then
- * `viewDidAppear` when the screen shows and `viewWillDisappear` before it goes.
+ * `viewDidAppear` when the screen shows and `viewWillDisappear` before it goes. When the screen is destroyed
+ * a recording under way stops and the camera session stops.
+ *
+ * A recording that ends with an error, or a photo that cannot be taken or written, is logged and leaves the
+ * screen ready to capture again; the host is not told.
  *
  * @code
  * zu::KivMediaCaptureAndPlayViewController screen(host, mediaFolder, std::nullopt, false, platform);
@@ -42,6 +46,8 @@ class KivMediaCaptureAndPlayViewControllerDelegate;
  */
 class KivMediaCaptureAndPlayViewController {
  public:
+  /// Why the screen closed. The screen itself sends `save` and `close`; set-up failures and denied camera
+  /// access reach the host through `didFailWith`, and a host may use the other two when it closes the screen.
   enum class DismissReason {
     save = 0,
     close = 1,
