@@ -17,9 +17,9 @@ class Host final : public zu::KivMediaCaptureAndPlayViewControllerDelegate {
   }
   void mediaCaptureAndPlayViewControllerDidDeleteFileAt(zu::KivMediaCaptureAndPlayViewController&,
                                                         const zu::URL&) override {}
-  void mediaCaptureAndPlayViewControllerDidDismissWith(zu::KivMediaCaptureAndPlayViewController&,
-                                                       zu::KivMediaCaptureAndPlayViewController::DismissReason,
-                                                       const std::optional<zu::URL>&) override {}
+  void mediaCaptureAndPlayViewControllerDidDismissWith(
+      zu::KivMediaCaptureAndPlayViewController&, zu::KivMediaCaptureAndPlayViewController::DismissReason,
+      const std::optional<zu::URL>&) override {}
   void mediaCaptureAndPlayViewControllerDidFailWith(zu::KivMediaCaptureAndPlayViewController&,
                                                     const zu::SetupError&) override {}
 };
@@ -32,8 +32,10 @@ int main(int argc, char** argv) {
   Host host;
   auto screen = std::make_unique<zu::KivMediaCaptureAndPlayViewController>(
       host, zu::URL::fileURLWithPath("/tmp", true), std::nullopt, false,
-      zu::qtCapturePlatform(std::make_shared<zu::FakeCaptureDevice>(), std::make_shared<zu::FakeMediaPlayer>()));
+      zu::qtCapturePlatform(std::make_shared<zu::FakeCaptureDevice>(),
+                            std::make_shared<zu::FakeMediaPlayer>()));
   zu::KivMediaCaptureAndPlayWidget widget(std::move(screen));
-  const bool loaded = widget.controller().state() == zu::KivMediaCaptureAndPlayViewController::_UIState::disabled;
+  const bool loaded =
+      widget.controller().state() == zu::KivMediaCaptureAndPlayViewController::_UIState::disabled;
   return loaded && QImage(":/KivCapture/GlimmoRecordButton.svg").width() > 0 ? 0 : 1;
 }
