@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <regex>
+#include <set>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -18,16 +19,19 @@
 #include <nlohmann/json.hpp>
 
 #include "Crypto.hpp"
+#include "HttpsServer.hpp"
 #include "Pdf.hpp"
 #include "Wire.hpp"
 
 namespace kiv::service {
 namespace {
 
+using httplib::ContentReader;
 using httplib::Request;
 using httplib::Response;
 using nlohmann::json;
 using Handler = std::function<void(const Request&, Response&)>;
+using BodyHandler = std::function<void(const Request&, Response&, const ContentReader&)>;
 
 constexpr const char* kSlug = "([a-z0-9]+)";
 constexpr const char* kStoragePattern = R"(/storage/([a-z0-9]+)/([a-z0-9]+)\.([A-Za-z0-9]{1,16}))";
@@ -44,13 +48,10 @@ void sendDetail(Response& response, int status, std::string_view text) {
 
 void sendNotFound(Response& response) { sendDetail(response, 404, "Not found."); }
 
-thread_local std::chrono::steady_clock::time_point requestStart;
-
 // One line per request: time, peer, method, path (never the query: upload URLs carry signatures), status,
-// size.
-void logRequest(const Request& request, const Response& response) {
-  const auto elapsed =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - requestStart);
+// size, duration.
+void logRequest(const Request& request, const Response& response,
+                std::chrono::duration<double, std::milli> elapsed) {
   const std::time_t now = std::time(nullptr);
   std::tm utc{};
   gmtime_r(&now, &utc);
@@ -62,21 +63,54 @@ void logRequest(const Request& request, const Response& response) {
                                  response.status, size, elapsed.count()));
 }
 
-// Runs one request under its route's fault, if one is switched on, and turns exceptions into detail answers.
-void serve(Faults& faults, const std::string& route, const Request& request, Response& response,
-           const std::function<void()>& call) {
-  const std::optional<Fault> fault = faults.take(route);
-  if (fault && !faults.before(*fault, request)) return;
+// Turns a refused request into its detail answer and any other failure into a 500.
+void answer(const Request& request, Response& response, const std::function<void()>& call) {
   try {
     call();
   } catch (const BadRequest& error) {
-    sendDetail(response, 400, error.what());
+    sendDetail(response, error.status, error.what());
   } catch (const std::exception& error) {
     static_cast<void>(std::fprintf(stderr, "kiv-service: %s %s failed: %s\n", request.method.c_str(),
                                    request.path.c_str(), error.what()));
     sendDetail(response, 500, "Internal error.");
   }
+}
+
+// Runs one request under its route's fault, if one is switched on.
+void serve(Faults& faults, const std::string& route, const Request& request, Response& response,
+           const std::function<void()>& call) {
+  const std::optional<Fault> fault = faults.take(route);
+  if (fault && !faults.before(*fault, request)) return;
+  answer(request, response, call);
   if (fault) faults.after(*fault, request, response);
+}
+
+Handler onRoute(Faults& faults, std::string route, Handler handler) {
+  return [&faults, route = std::move(route), handler = std::move(handler)](const Request& request,
+                                                                           Response& response) {
+    serve(faults, route, request, response, [&] { handler(request, response); });
+  };
+}
+
+BodyHandler onRoute(Faults& faults, std::string route, BodyHandler handler) {
+  return [&faults, route = std::move(route), handler = std::move(handler)](
+             const Request& request, Response& response, const ContentReader& reader) {
+    serve(faults, route, request, response, [&] { handler(request, response, reader); });
+  };
+}
+
+// A JSON body, read only now that the request is admitted, and never more than kMaxJsonBodyBytes of it.
+std::string readJsonBody(const ContentReader& reader) {
+  std::string body;
+  bool tooLarge = false;
+  const bool whole = reader([&](const char* data, std::size_t size) {
+    tooLarge = size > kMaxJsonBodyBytes - body.size();
+    if (!tooLarge) body.append(data, size);
+    return !tooLarge;
+  });
+  if (tooLarge) throw BadRequest(std::string(kBodyTooLarge), 413);
+  if (!whole) throw BadRequest("The request body did not arrive whole.");
+  return body;
 }
 
 std::string contentType(const std::string& ext) {
@@ -96,14 +130,6 @@ const FileRecord* fileWithSlug(const ReportRecord& report, const std::string& sl
   return nullptr;
 }
 
-// The client sends "type" and "file_slug" as query items; a JSON body on the GET is read as a fallback.
-std::string uploadParameter(const Request& request, const char* name) {
-  if (request.has_param(name)) return request.get_param_value(name);
-  const json body = json::parse(request.body, nullptr, false);
-  if (body.is_object() && body.contains(name) && body[name].is_string()) return body[name].get<std::string>();
-  return {};
-}
-
 }  // namespace
 
 Service::Service(const Options& options)
@@ -112,25 +138,16 @@ Service::Service(const Options& options)
       store_(options.dataDir / "kiv-service.sqlite3"),
       content_(options.dataDir / "files"),
       signer_(options.dataDir / "tls" / "url-signing.key"),
-      server_(std::make_unique<httplib::SSLServer>(tls_.serverCertificate.c_str(), tls_.serverKey.c_str())) {
+      server_(std::make_unique<HttpsServer>(tls_, static_cast<std::size_t>(options.threads))) {
   for (const auto& [route, fault] : options_.faults) faults_.set(route, fault);
-  const int threads = options_.threads;
-  server_->new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<std::size_t>(threads)); };
-  // Keep-alive connections stay open for as many requests as the client wants, like any production server.
-  server_->set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
-  // TLS writes a response in several records; with Nagle on, each small answer would wait for a delayed ACK.
-  server_->set_tcp_nodelay(true);
-  server_->set_pre_routing_handler([](const Request& request, Response&) {
-    requestStart = std::chrono::steady_clock::now();
-    // A request without Content-Length or chunked encoding has no body (RFC 9112, 6.3), but httplib would
-    // wait for the connection to close; a bodiless POST such as force-status must not hang. The request
-    // object is httplib's own, mutable one.
-    if (!request.has_header("Content-Length") && !request.has_header("Transfer-Encoding")) {
-      const_cast<Request&>(request).set_header("Content-Length", "0");
-    }
-    return httplib::Server::HandlerResponse::Unhandled;
+  server_->set_expect_100_continue_handler([this](const Request& request, Response& response) {
+    return admit(request, response) ? 100 : response.status;
   });
-  server_->set_logger(logRequest);
+  server_->set_pre_routing_handler([this](const Request& request, Response& response) {
+    return admit(request, response) ? httplib::Server::HandlerResponse::Unhandled
+                                    : httplib::Server::HandlerResponse::Handled;
+  });
+  server_->setLogger(logRequest);
   server_->set_error_handler([](const Request&, Response& response) {
     if (response.body.empty() && !response.content_provider_) {
       sendDetail(response, response.status, response.status == 404 ? "Not found." : "Request failed.");
@@ -142,13 +159,11 @@ Service::Service(const Options& options)
 Service::~Service() = default;
 
 int Service::bind() {
-  if (!server_->is_valid()) return 0;
-  port_ = options_.port == 0 ? server_->bind_to_any_port("127.0.0.1")
-                             : (server_->bind_to_port("127.0.0.1", options_.port) ? options_.port : 0);
-  return port_ > 0 ? port_ : 0;
+  port_ = server_->bind(options_.port);
+  return port_;
 }
 
-bool Service::run() { return server_->listen_after_bind(); }
+bool Service::run() { return server_->run(); }
 
 void Service::stop() {
   faults_.shutdown();
@@ -159,82 +174,98 @@ void Service::addRoutes() {
   addReportRoutes();
   addStorageRoutes();
   addAdminRoutes();
+  // Last: a request with a body that no route takes is refused unread; httplib would read the whole body
+  // before answering 404.
+  const BodyHandler notFound = [](const Request&, Response& response, const ContentReader&) {
+    sendNotFound(response);
+  };
+  server_->Post(".*", notFound);
+  server_->Put(".*", notFound);
+  server_->Patch(".*", notFound);
+  server_->Delete(".*", notFound);
 }
 
 void Service::addReportRoutes() {
-  const auto api = [this](const std::string& route, Handler handler) {
-    return [this, route, handler = std::move(handler)](const Request& request, Response& response) {
-      serve(faults_, route, request, response, [&] {
-        if (authorised(request, response)) handler(request, response);
-      });
-    };
-  };
   const std::string report = std::string("/v1/reports/") + kSlug + "/";
 
-  server_->Post("/v1/reports/", api("create", [this](const Request& request, Response& response) {
-                  answerReport(request, response, store_.create(parseReport(request.body)), 201);
-                }));
-  server_->Patch(report, api("patch", [this](const Request& request, Response& response) {
-                   ReportRecord changes = parseReport(request.body);
-                   std::vector<std::string> dropped;
-                   const std::optional<ReportRecord> changed =
-                       store_.replace(request.matches[1], std::move(changes), dropped);
-                   if (!changed) return sendNotFound(response);
-                   for (const std::string& fileSlug : dropped) content_.remove(fileSlug);
-                   answerReport(request, response, *changed);
-                 }));
-  server_->Get(report, api("get", [this](const Request& request, Response& response) {
+  server_->Post("/v1/reports/",
+                onRoute(faults_, "create",
+                        [this](const Request& request, Response& response, const ContentReader& reader) {
+                          const ReportRecord created = store_.create(parseReport(readJsonBody(reader)));
+                          answerReport(request, response, created, 201);
+                        }));
+  server_->Patch(report,
+                 onRoute(faults_, "patch",
+                         [this](const Request& request, Response& response, const ContentReader& reader) {
+                           ReportRecord changes = parseReport(readJsonBody(reader));
+                           std::vector<std::string> dropped;
+                           const std::optional<ReportRecord> changed =
+                               store_.replace(request.matches[1], std::move(changes), dropped);
+                           if (!changed) return sendNotFound(response);
+                           for (const std::string& fileSlug : dropped) content_.remove(fileSlug);
+                           answerReport(request, response, *changed);
+                         }));
+  server_->Get(report, onRoute(faults_, "get", [this](const Request& request, Response& response) {
                  const std::optional<ReportRecord> found = store_.find(request.matches[1]);
                  if (!found) return sendNotFound(response);
                  answerReport(request, response, *found);
                }));
-  server_->Get(
-      report + "file-upload/", api("file-upload", [this](const Request& request, Response& response) {
+  server_->Get(report + "file-upload/",
+               onRoute(faults_, "file-upload", [this](const Request& request, Response& response) {
+                 const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+                 if (!found) return sendNotFound(response);
+                 static const std::regex extension("[A-Za-z0-9]{1,16}");
+                 const std::string type = request.get_param_value("type");
+                 const std::string fileSlug = request.get_param_value("file_slug");
+                 if (!std::regex_match(type, extension))
+                   throw BadRequest("'type' must be a file extension such as jpg.");
+                 if (fileSlug.empty()) throw BadRequest("'file_slug' is required.");
+                 const FileRecord* file = fileWithSlug(*found, fileSlug);
+                 if (!file) return sendNotFound(response);
+                 const std::string path = storagePath(found->slug, *file, type);
+                 const std::string base = origin(request) + path + "?";
+                 sendJson(response, 200,
+                          {{"upload_uri", base + signer_.sign("PUT", path, options_.uploadUrlTtl)},
+                           {"file", base + signer_.sign("GET", path, options_.downloadUrlTtl)}});
+               }));
+  // Force-status and pdf take no body; one that is sent anyway is left unread.
+  server_->Post(report + "force-status/",
+                onRoute(faults_, "force-status",
+                        [this](const Request& request, Response& response, const ContentReader&) {
+                          const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+                          if (!found) return sendNotFound(response);
+                          // Hash the stored content again: what counts is what is on disk now, not what was
+                          // received.
+                          std::vector<std::pair<std::string, std::optional<std::string>>> digests;
+                          for (const FileRecord& file : found->files) {
+                            if (!file.storedExt) continue;
+                            std::string digest = sha256OfFile(content_.pathOf(file.slug));
+                            digests.emplace_back(
+                                file.slug, digest.empty() ? std::nullopt : std::optional(std::move(digest)));
+                          }
+                          const std::optional<ReportRecord> updated =
+                              store_.updateStoredDigests(found->slug, digests);
+                          if (!updated) return sendNotFound(response);
+                          answerReport(request, response, *updated);
+                        }));
+  server_->Post(
+      report + "pdf/",
+      onRoute(faults_, "pdf", [this](const Request& request, Response& response, const ContentReader&) {
         const std::optional<ReportRecord> found = store_.find(request.matches[1]);
         if (!found) return sendNotFound(response);
-        static const std::regex extension("[A-Za-z0-9]{1,16}");
-        const std::string type = uploadParameter(request, "type");
-        const std::string fileSlug = uploadParameter(request, "file_slug");
-        if (!std::regex_match(type, extension))
-          throw BadRequest("'type' must be a file extension such as jpg.");
-        if (fileSlug.empty()) throw BadRequest("'file_slug' is required.");
-        const FileRecord* file = fileWithSlug(*found, fileSlug);
-        if (!file) return sendNotFound(response);
-        const std::string path = storagePath(found->slug, *file, type);
-        sendJson(
-            response, 200,
-            {{"upload_uri", origin(request) + path + "?" + signer_.sign("PUT", path, options_.uploadUrlTtl)},
-             {"file", origin(request) + path + "?" + signer_.sign("GET", path, options_.downloadUrlTtl)}});
+        const Language language = negotiateLanguage(request.get_header_value("Accept-Language"));
+        response.set_content(renderCertificate(*found, language), "application/pdf");
+        response.set_header("Content-Disposition", "attachment; filename=\"" + found->slug + ".pdf\"");
       }));
   server_->Post(
-      report + "force-status/", api("force-status", [this](const Request& request, Response& response) {
-        const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-        if (!found) return sendNotFound(response);
-        // Hash the stored content again: what counts is what is on disk now, not what was received.
-        std::vector<std::pair<std::string, std::optional<std::string>>> digests;
-        for (const FileRecord& file : found->files) {
-          if (!file.storedExt) continue;
-          std::string digest = sha256OfFile(content_.pathOf(file.slug));
-          digests.emplace_back(file.slug, digest.empty() ? std::nullopt : std::optional(std::move(digest)));
-        }
-        const std::optional<ReportRecord> updated = store_.updateStoredDigests(found->slug, digests);
-        if (!updated) return sendNotFound(response);
-        answerReport(request, response, *updated);
+      "/v1/newsletter/",
+      onRoute(faults_, "newsletter", [this](const Request&, Response& response, const ContentReader& reader) {
+        const NewsletterRequest subscription = parseNewsletter(readJsonBody(reader));
+        store_.subscribe(subscription.email, subscription.subscriptions);
+        sendJson(response, 200, {{"success", true}});
       }));
-  server_->Post(report + "pdf/", api("pdf", [this](const Request& request, Response& response) {
-                  const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-                  if (!found) return sendNotFound(response);
-                  const Language language = negotiateLanguage(request.get_header_value("Accept-Language"));
-                  response.set_content(renderCertificate(*found, language), "application/pdf");
-                  response.set_header("Content-Disposition",
-                                      "attachment; filename=\"" + found->slug + ".pdf\"");
-                }));
-  server_->Post("/v1/newsletter/", api("newsletter", [this](const Request& request, Response& response) {
-                  const NewsletterRequest subscription = parseNewsletter(request.body);
-                  store_.subscribe(subscription.email, subscription.subscriptions);
-                  sendJson(response, 200, {{"success", true}});
-                }));
-  server_->Get("/v1/newsletter/", api("newsletter", [this](const Request& request, Response& response) {
+  server_->Get("/v1/newsletter/",
+               onRoute(faults_, "newsletter", [this](const Request& request, Response& response) {
                  const std::string email = request.get_param_value("email");
                  if (email.empty()) throw BadRequest("'email' is required.");
                  sendJson(response, 200, renderSubscriptions(email, store_.subscriptions(email)));
@@ -242,67 +273,86 @@ void Service::addReportRoutes() {
 }
 
 void Service::addStorageRoutes() {
-  server_->Put(kStoragePattern, [this](const Request& request, Response& response,
-                                       const httplib::ContentReader& reader) {
-    serve(faults_, "put", request, response, [&] {
-      if (!checkSignature(request, response)) return;
-      const std::optional<ReportRecord> report = store_.find(request.matches[1]);
-      if (!report || !fileWithSlug(*report, request.matches[2])) return sendNotFound(response);
-      ContentStorage::Upload upload = content_.beginUpload(request.matches[2]);
-      const bool received =
-          reader([&](const char* data, std::size_t size) { return upload.write(data, size); });
-      if (!received) return sendDetail(response, 400, "The upload did not complete.");
-      const std::optional<StoredContent> stored = upload.commit();
-      if (!stored) return sendDetail(response, 507, "The content could not be stored.");
-      if (!store_.recordContent(request.matches[1], request.matches[2], request.matches[3], stored->sha256,
-                                stored->size)) {
-        return sendNotFound(response);  // the file was dropped from its report while the upload ran
-      }
-      sendJson(response, 201, {{"hash", stored->sha256}, {"size", stored->size}});
-    });
-  });
+  server_->Put(
+      kStoragePattern,
+      onRoute(faults_, "put",
+              [this](const Request& request, Response& response, const ContentReader& reader) {
+                if (!checkSignature(request, response)) return;
+                const std::optional<ReportRecord> report = store_.find(request.matches[1]);
+                if (!report || !fileWithSlug(*report, request.matches[2])) return sendNotFound(response);
+                ContentStorage::Upload upload = content_.beginUpload(request.matches[2]);
+                const bool received =
+                    reader([&](const char* data, std::size_t size) { return upload.write(data, size); });
+                if (!received) return sendDetail(response, 400, "The upload did not complete.");
+                const std::optional<StoredContent> stored = upload.commit();
+                if (!stored) return sendDetail(response, 507, "The content could not be stored.");
+                if (!store_.recordContent(request.matches[1], request.matches[2], request.matches[3],
+                                          stored->sha256, stored->size)) {
+                  return sendNotFound(response);  // the file was dropped from its report while the upload ran
+                }
+                sendJson(response, 201, {{"hash", stored->sha256}, {"size", stored->size}});
+              }));
 
-  server_->Get(kStoragePattern, [this](const Request& request, Response& response) {
-    serve(faults_, "download", request, response, [&] {
-      if (!checkSignature(request, response)) return;
-      const std::optional<ReportRecord> report = store_.find(request.matches[1]);
-      const FileRecord* file = report ? fileWithSlug(*report, request.matches[2]) : nullptr;
-      if (!file || file->storedExt != request.matches[3].str()) return sendNotFound(response);
-      const int descriptor = ::open(content_.pathOf(file->slug).c_str(), O_RDONLY | O_CLOEXEC);
-      struct stat status {};
-      if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
-        if (descriptor >= 0) ::close(descriptor);
-        return sendNotFound(response);
-      }
-      // Served in blocks from the file, so memory stays flat however large it is; httplib applies Range.
-      response.set_content_provider(
-          static_cast<std::size_t>(status.st_size), contentType(file->storedExt.value_or("")),
-          [descriptor](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-            std::array<char, 1 << 16> block{};
-            const ssize_t got =
-                ::pread(descriptor, block.data(), std::min(length, block.size()), static_cast<off_t>(offset));
-            return got > 0 && sink.write(block.data(), static_cast<std::size_t>(got));
-          },
-          [descriptor](bool) { ::close(descriptor); });
-    });
-  });
+  server_->Get(kStoragePattern,
+               onRoute(faults_, "download", [this](const Request& request, Response& response) {
+                 if (!checkSignature(request, response)) return;
+                 const std::optional<ReportRecord> report = store_.find(request.matches[1]);
+                 const FileRecord* file = report ? fileWithSlug(*report, request.matches[2]) : nullptr;
+                 if (!file || file->storedExt != request.matches[3].str()) return sendNotFound(response);
+                 const int descriptor = ::open(content_.pathOf(file->slug).c_str(), O_RDONLY | O_CLOEXEC);
+                 struct stat status {};
+                 if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
+                   if (descriptor >= 0) ::close(descriptor);
+                   return sendNotFound(response);
+                 }
+                 // Served in blocks from the file, so memory stays flat however large it is; httplib applies
+                 // Range.
+                 response.set_content_provider(
+                     static_cast<std::size_t>(status.st_size), contentType(file->storedExt.value_or("")),
+                     [descriptor](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+                       std::array<char, 1 << 16> block{};
+                       const ssize_t got = ::pread(descriptor, block.data(), std::min(length, block.size()),
+                                                   static_cast<off_t>(offset));
+                       return got > 0 && sink.write(block.data(), static_cast<std::size_t>(got));
+                     },
+                     [descriptor](bool) { ::close(descriptor); });
+               }));
 }
 
 void Service::addAdminRoutes() {
+  const std::string faultPattern = R"(/admin/faults/([a-z*-]+))";
   server_->Get("/admin/faults",
                [this](const Request&, Response& response) { sendJson(response, 200, faults_.toJson()); });
-  server_->Put(R"(/admin/faults/([a-z*-]+))", [this](const Request& request, Response& response) {
+  server_->Put(faultPattern, [this](const Request& request, Response& response, const ContentReader& reader) {
     if (!Faults::isRoute(request.matches[1].str())) return sendNotFound(response);
-    const std::optional<Fault> fault = Fault::fromJson(json::parse(request.body, nullptr, false));
-    if (!fault)
-      return sendDetail(response, 400, "Expected {\"kind\": ..., \"ms\", \"status\", \"text\", \"times\"}.");
-    faults_.set(request.matches[1], *fault);
-    sendJson(response, 200, fault->toJson());
+    answer(request, response, [&] {
+      const std::optional<Fault> fault = Fault::fromJson(parseJson(readJsonBody(reader)));
+      if (!fault) throw BadRequest(R"(Expected {"kind": ..., "ms", "status", "text", "times"}.)");
+      faults_.set(request.matches[1], *fault);
+      sendJson(response, 200, fault->toJson());
+    });
   });
-  server_->Delete(R"(/admin/faults/([a-z*-]+))", [this](const Request& request, Response& response) {
+  server_->Delete(faultPattern, [this](const Request& request, Response& response, const ContentReader&) {
     faults_.clear(request.matches[1]);
     response.status = 204;
   });
+}
+
+// Decided from the request line and headers alone, before a byte of any body is read: the method, the app
+// token under /v1/, and the declared size of any body but a storage upload's.
+bool Service::admit(const Request& request, Response& response) const {
+  static const std::set<std::string, std::less<>> methods{"GET", "HEAD", "POST", "PUT", "PATCH", "DELETE"};
+  if (!methods.contains(request.method)) {
+    sendDetail(response, 405, "Method not allowed.");
+    return false;
+  }
+  if (request.path.starts_with("/v1/") && !authorised(request, response)) return false;
+  const bool upload = request.method == "PUT" && request.path.starts_with("/storage/");
+  if (!upload && declaredBodyLength(request).value_or(0) > kMaxJsonBodyBytes) {
+    sendDetail(response, 413, kBodyTooLarge);
+    return false;
+  }
+  return true;
 }
 
 bool Service::authorised(const Request& request, Response& response) const {

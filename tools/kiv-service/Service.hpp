@@ -10,17 +10,21 @@
 #include "TlsMaterial.hpp"
 
 namespace httplib {
-class SSLServer;
 struct Request;
 struct Response;
 }  // namespace httplib
 
 namespace kiv::service {
 
+class HttpsServer;
+
 /**
  * The HTTPS service on 127.0.0.1: the report API under /v1/ (app token required), signed storage URLs under
  * /storage/, and the fault switches under /admin/faults/. Every request is logged to stderr, one line each,
  * with its path but never its query or headers, so neither tokens nor signatures reach the log.
+ *
+ * What a client sends is bounded: the token is checked from the headers before a body is read, JSON bodies
+ * are limited in size and depth, and only storage uploads stream large bodies (to disk).
  *
  * @par Thread Safety
  * `bind` and `run` are called once, in that order, from one thread; `stop` may be called from any thread.
@@ -43,6 +47,7 @@ class Service {
   void addReportRoutes();
   void addStorageRoutes();
   void addAdminRoutes();
+  bool admit(const httplib::Request& request, httplib::Response& response) const;
   bool authorised(const httplib::Request& request, httplib::Response& response) const;
   std::string origin(const httplib::Request& request) const;
   std::string storagePath(const std::string& reportSlug, const FileRecord& file,
@@ -57,7 +62,7 @@ class Service {
   ContentStorage content_;
   UrlSigner signer_;
   Faults faults_;
-  std::unique_ptr<httplib::SSLServer> server_;
+  std::unique_ptr<HttpsServer> server_;
   int port_ = 0;
 };
 

@@ -9,7 +9,7 @@ namespace {
 using nlohmann::json;
 
 json parseObject(std::string_view body) {
-  json value = json::parse(body, nullptr, false);
+  json value = parseJson(body);
   if (value.is_discarded() || !value.is_object()) throw BadRequest("The request body must be a JSON object.");
   return value;
 }
@@ -109,6 +109,19 @@ Subscription parseSubscription(const json& object, std::size_t index) {
 }
 
 }  // namespace
+
+json parseJson(std::string_view body) {
+  // The parser itself keeps its own stack; it is the callback that stops it before the value grows deep.
+  const json::parser_callback_t withinDepth = [](int depth, json::parse_event_t event, json&) {
+    const bool opens =
+        event == json::parse_event_t::object_start || event == json::parse_event_t::array_start;
+    if (opens && depth >= kMaxJsonDepth) {
+      throw BadRequest("The request body nests deeper than " + std::to_string(kMaxJsonDepth) + " levels.");
+    }
+    return true;
+  };
+  return json::parse(body, withinDepth, false);
+}
 
 ReportRecord parseReport(std::string_view body) {
   const json object = parseObject(body);

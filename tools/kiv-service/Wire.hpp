@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <stdexcept>
@@ -13,10 +14,24 @@
 
 namespace kiv::service {
 
-/// A request body that does not hold what the route needs; `what()` is the text answered under "detail".
+/// A request the route refuses: `status` (400 unless said), with `what()` answered under "detail".
 struct BadRequest : std::runtime_error {
-  using std::runtime_error::runtime_error;
+  explicit BadRequest(const std::string& detail, int status = 400)
+      : std::runtime_error(detail), status(status) {}
+  int status;
 };
+
+/// The largest JSON body any route reads; a larger one is answered 413.
+inline constexpr std::size_t kMaxJsonBodyBytes = 16 << 20;
+/// How deeply a JSON body may nest arrays and objects. Deeper values could not be written back (the JSON
+/// writer recurses), and no client needs them: metadata travels flat.
+inline constexpr int kMaxJsonDepth = 64;
+/// The detail of a 413 answer.
+inline constexpr std::string_view kBodyTooLarge = "The request body must not be larger than 16 MiB.";
+
+/// Parses a JSON body within kMaxJsonDepth; a discarded value when it is not JSON. Throws BadRequest when it
+/// nests too deeply.
+nlohmann::json parseJson(std::string_view body);
 
 /**
  * Reads a report body (POST and PATCH): "name", "original_created_at" and "provable_files" are required;
