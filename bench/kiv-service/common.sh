@@ -2,13 +2,14 @@
 # folder and stops it (by its own process id) when the script exits. Builds nothing.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
-service_program=${KIV_SERVICE:-$root/build/service/tools/kiv-service/kiv-service}
+service_program=${KIV_SERVICE:-$root/build/bench/tools/kiv-service/kiv-service}
 token=bench-token
 work=$(mktemp -d "${TMPDIR:-/tmp}/kiv-service-bench.XXXXXX")
 service_pid=""
+nginx_pid=""
 
 cleanup() {
-  if [ -n "$service_pid" ]; then kill "$service_pid" 2>/dev/null || true; wait "$service_pid" 2>/dev/null || true; fi
+  for pid in $service_pid $nginx_pid; do kill "$pid" 2>/dev/null || true; wait "$pid" 2>/dev/null || true; done
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -45,4 +46,32 @@ json_field() {  # json_field EXPRESSION < JSON, e.g. json_field '["slug"]'
 create_report() {
   api POST /v1/reports/ "{\"name\": \"$1\", \"original_created_at\": \"2024-05-01T12:00:00Z\",
     \"provable_files\": [{\"file_name\": \"$2\", \"original_created_at\": \"2024-05-01T12:00:00Z\", \"hash\": \"$3\"}]}"
+}
+
+# start_nginx LOCATION_BODY: nginx over HTTPS on a free loopback port with the service's certificate, serving
+# "location / { LOCATION_BODY }"; sets nginx_port. Call after start_service.
+start_nginx() {
+  nginx_port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  mkdir -p "$work/dav" "$work/nginx-body"
+  cat >"$work/nginx.conf" <<CONF
+user root;
+worker_processes 2;
+daemon off;
+pid $work/nginx.pid;
+error_log $work/nginx-error.log;
+events { worker_connections 4096; }
+http {
+  access_log off;
+  client_body_temp_path $work/nginx-body;
+  server {
+    listen 127.0.0.1:$nginx_port ssl;
+    ssl_certificate $work/data/tls/server.pem;
+    ssl_certificate_key $work/data/tls/server-key.pem;
+    location / { $1 }
+  }
+}
+CONF
+  nginx -c "$work/nginx.conf" -p "$work" &
+  nginx_pid=$!
+  for _ in $(seq 50); do curl -s -o /dev/null --cacert "$ca_file" "https://127.0.0.1:$nginx_port/" && break; sleep 0.1; done
 }

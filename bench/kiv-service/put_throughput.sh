@@ -16,30 +16,7 @@ report=$(create_report "Throughput" "VID_0001.mp4" "$digest")
 slug=$(json_field '["slug"]' <<<"$report")
 file_slug=$(json_field '["provable_files"][0]["slug"]' <<<"$report")
 
-nginx_port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-mkdir -p "$work/dav" "$work/nginx-body"
-cat >"$work/nginx.conf" <<CONF
-user root;
-worker_processes 2;
-daemon off;
-pid $work/nginx.pid;
-error_log $work/nginx-error.log;
-events {}
-http {
-  access_log off;
-  client_body_temp_path $work/nginx-body;
-  server {
-    listen 127.0.0.1:$nginx_port ssl;
-    ssl_certificate $work/data/tls/server.pem;
-    ssl_certificate_key $work/data/tls/server-key.pem;
-    location / { root $work/dav; dav_methods PUT; client_max_body_size 0; }
-  }
-}
-CONF
-nginx -c "$work/nginx.conf" -p "$work" &
-nginx_pid=$!
-trap 'kill $nginx_pid 2>/dev/null || true; wait $nginx_pid 2>/dev/null || true; cleanup' EXIT
-for _ in $(seq 50); do curl -s -o /dev/null --cacert "$ca_file" "https://127.0.0.1:$nginx_port/" && break; sleep 0.1; done
+start_nginx "root $work/dav; dav_methods PUT; client_max_body_size 0;"
 
 put() {  # put URL: prints MiB/s
   curl -sS --fail -o /dev/null --cacert "$ca_file" -T "$payload" -w '%{speed_upload}\n' "$1" |

@@ -118,9 +118,11 @@ class LoopbackServer {
     server_->Get("/redirect-to-other-host", [this](const httplib::Request&, httplib::Response& response) {
       response.set_redirect(url("/echo", "localhost"));
     });
-    server_->Get("/redirect-same-host", [this](const httplib::Request&, httplib::Response& response) {
+    auto redirectSameHost = [this](const httplib::Request&, httplib::Response& response) {
       response.set_redirect(url("/echo"));
-    });
+    };
+    server_->Get("/redirect-same-host", redirectSameHost);
+    server_->Post("/redirect-same-host", redirectSameHost);
     // Answers after `ms` milliseconds of silence.
     server_->Get("/stall", [](const httplib::Request& request, httplib::Response& response) {
       std::this_thread::sleep_for(std::chrono::milliseconds(sizeParameter(request, "ms", 3000)));

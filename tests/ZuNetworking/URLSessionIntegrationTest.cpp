@@ -211,6 +211,21 @@ TEST(URLSessionIntegration, AuthorizationFollowsRedirectsOnlyToTheSameHost) {
   }
 }
 
+TEST(URLSessionIntegration, APostRedirectedWith302IsRepeatedAsAGetWithoutItsBodyOrContentType) {
+  zu::URLRequest request(url("/redirect-same-host"));
+  request.httpMethod = "POST";
+  request.httpBody = zu::Data{'{', '}'};
+  request.setValue("application/json", "Content-Type");
+  Exchange exchange;
+  run(request, exchange);
+  ASSERT_FALSE(exchange.error);
+  const auto answer = zu::JSONSerialization::jsonObject(*exchange.data);
+  const auto& seen = *answer->dictionaryValue();
+  EXPECT_EQ(*seen.find("method"), AnyCodable("GET"));
+  EXPECT_EQ(*seen.find("body"), AnyCodable(""));
+  EXPECT_EQ(*seen.find("contentType"), AnyCodable(""));
+}
+
 TEST(URLSessionIntegration, LargeBodiesAndManyConcurrentTasksEachCompleteOnce) {
   Exchange big;
   constexpr std::size_t size = 8 << 20;

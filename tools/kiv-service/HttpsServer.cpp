@@ -113,7 +113,7 @@ HttpsServer::HttpsServer(const TlsMaterial& tls, std::size_t workers, Connection
   });
 }
 
-HttpsServer::~HttpsServer() = default;
+HttpsServer::~HttpsServer() { svr_sock_ = INVALID_SOCKET; }
 
 int HttpsServer::bind(int port) {
   Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -132,6 +132,8 @@ int HttpsServer::bind(int port) {
   epoll_event readable{EPOLLIN, {.fd = listener.get()}};
   if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener.get(), &readable) != 0) return 0;
   listener_ = std::move(listener);
+  // httplib stops writing streamed answers once its own listening socket is gone; this is the one it knows.
+  svr_sock_ = listener_.get();
   return ntohs(address.sin_port);
 }
 
@@ -166,6 +168,7 @@ bool HttpsServer::run() {
 
 void HttpsServer::stop() {
   stopping_ = true;
+  svr_sock_ = INVALID_SOCKET;
   const std::uint64_t one = 1;
   static_cast<void>(::write(wake_.get(), &one, sizeof one));
 }
@@ -205,8 +208,8 @@ void HttpsServer::advance(Connection connection) {
     case TlsConnection::Progress::headComplete:
       return dispatch(connection);
     case TlsConnection::Progress::headTooLarge:
-      connection->sendAndGiveUp(kHeadTooLarge);
-      return close(connection);
+      connection->refuse(kHeadTooLarge);
+      return advance(connection);
     case TlsConnection::Progress::closed:
       return close(connection);
   }
@@ -254,7 +257,6 @@ void HttpsServer::adoptReturned() {
     adopted.swap(returned_);
   }
   for (Connection& connection : adopted) {
-    connection->awaitRequest();
     waiting_.emplace(connection->socket(), connection);
     advance(std::move(connection));
   }
@@ -276,16 +278,23 @@ void HttpsServer::giveBack(Connection connection) {
 void HttpsServer::serve(const Connection& connection) {
   TlsStream stream(*connection, timeout(read_timeout_sec_, read_timeout_usec_),
                    timeout(write_timeout_sec_, write_timeout_usec_));
+  Outcome outcome = Outcome::keepAlive;
   do {
-    if (!serveRequest(*connection, stream)) {
+    outcome = serveRequest(*connection, stream);
+  } while (outcome == Outcome::keepAlive && connection->hasRequestHead());
+  switch (outcome) {
+    case Outcome::keepAlive:
+      connection->awaitRequest();
+      return giveBack(connection);
+    case Outcome::finish:
+      connection->finish();
+      return giveBack(connection);
+    case Outcome::drop:
       --open_;
-      return;
-    }
-  } while (connection->hasRequestHead());
-  giveBack(connection);
+  }
 }
 
-bool HttpsServer::serveRequest(TlsConnection& connection, TlsStream& stream) {
+HttpsServer::Outcome HttpsServer::serveRequest(TlsConnection& connection, TlsStream& stream) {
   Exchange exchange{stream};
   current = &exchange;
   bool clientCloses = false;
@@ -294,7 +303,8 @@ bool HttpsServer::serveRequest(TlsConnection& connection, TlsStream& stream) {
     exchange.begin(request);
   });
   current = nullptr;
-  return answered && !clientCloses && exchange.keepAlive && !stopping_;
+  if (!answered) return Outcome::drop;
+  return exchange.keepAlive && !clientCloses && !stopping_ ? Outcome::keepAlive : Outcome::finish;
 }
 
 }  // namespace kiv::service

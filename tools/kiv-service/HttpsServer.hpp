@@ -68,6 +68,8 @@ class HttpsServer : private httplib::Server {
 
  private:
   using Connection = std::shared_ptr<TlsConnection>;
+  /// What becomes of a connection after a request: the next one, a close from this side, or nothing more.
+  enum class Outcome { keepAlive, finish, drop };
 
   void acceptAll();
   void advance(Connection connection);
@@ -78,7 +80,7 @@ class HttpsServer : private httplib::Server {
   void adoptReturned();
   void giveBack(Connection connection);
   void serve(const Connection& connection);
-  bool serveRequest(TlsConnection& connection, TlsStream& stream);
+  Outcome serveRequest(TlsConnection& connection, TlsStream& stream);
 
   Handle<SSL_CTX, SSL_CTX_free> context_;
   ConnectionLimits limits_;

@@ -48,12 +48,13 @@ TlsConnection::TlsConnection(int socket, SSL_CTX* context, const ConnectionLimit
 
 TlsConnection::~TlsConnection() {
   // A close_notify if the socket takes it; the peer learns of the close either way.
-  if (handshaken_) static_cast<void>(SSL_shutdown(ssl_.get()));
+  if (handshaken_ && !finished_) static_cast<void>(SSL_shutdown(ssl_.get()));
   ERR_clear_error();
 }
 
 TlsConnection::Progress TlsConnection::advance() {
   if (!ssl_) return Progress::closed;
+  if (finished_) return drain();
   ERR_clear_error();
   if (!handshaken_) {
     const int result = SSL_accept(ssl_.get());
@@ -85,9 +86,28 @@ bool TlsConnection::hasRequestHead() {
 
 void TlsConnection::awaitRequest() { deadline_ = Clock::now() + limits_.requestHead; }
 
-void TlsConnection::sendAndGiveUp(std::string_view answer) {
+void TlsConnection::finish() {
+  ERR_clear_error();
+  if (handshaken_) static_cast<void>(SSL_shutdown(ssl_.get()));
+  ::shutdown(socket(), SHUT_WR);
+  finished_ = true;
+  deadline_ = Clock::now() + limits_.linger;
+}
+
+void TlsConnection::refuse(std::string_view answer) {
   ERR_clear_error();
   static_cast<void>(SSL_write(ssl_.get(), answer.data(), sslLength(answer.size())));
+  finish();
+}
+
+TlsConnection::Progress TlsConnection::drain() const {
+  std::array<char, 65536> discarded{};
+  for (;;) {
+    const ssize_t got = ::recv(socket(), discarded.data(), discarded.size(), 0);
+    if (got > 0) continue;
+    if (got < 0 && errno == EINTR) continue;
+    return got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? Progress::wantRead : Progress::closed;
+  }
 }
 
 TlsConnection::Progress TlsConnection::pending(int result) const {

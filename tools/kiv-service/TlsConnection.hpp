@@ -17,6 +17,7 @@ namespace kiv::service {
 struct ConnectionLimits {
   std::chrono::seconds handshake{10};    ///< from accept to the end of the TLS handshake
   std::chrono::seconds requestHead{10};  ///< from being ready (handshake or last answer) to a complete head
+  std::chrono::seconds linger{2};        ///< after the last answer, unread input is drained this long
   std::size_t headBytes = 64 * 1024;     ///< request line and headers together
   std::size_t connections = 10000;       ///< open at once; more are closed as soon as they are accepted
 };
@@ -40,7 +41,7 @@ class TlsConnection {
     wantWrite,     ///< waiting for room to send (the handshake only)
     headComplete,  ///< a whole request head is read; a worker can take it
     headTooLarge,  ///< the head outgrew `ConnectionLimits::headBytes`
-    closed,        ///< the client went away or broke the protocol
+    closed,        ///< the client went away, broke the protocol, or a finished connection is drained
   };
 
   /// Takes ownership of `socket`; the deadline for the handshake starts now.
@@ -49,15 +50,21 @@ class TlsConnection {
   TlsConnection(const TlsConnection&) = delete;
   TlsConnection& operator=(const TlsConnection&) = delete;
 
-  /// Continues the handshake, then reads until a request head is complete.
+  /// Continues the handshake, then reads until a request head is complete; once finished, drains input.
   Progress advance();
   /// Whether the bytes already read hold a complete request head (a pipelined request).
   bool hasRequestHead();
   /// The connection is ready for its next request: the head must be complete before a new deadline.
   void awaitRequest();
   bool expired(std::chrono::steady_clock::time_point now) const { return now >= deadline_; }
-  /// Sends a short answer if the socket takes it at once (the connection is closed afterwards).
-  void sendAndGiveUp(std::string_view answer);
+  /**
+   * Ends the connection from this side (close_notify and FIN) and starts draining what the client still
+   * sends, for `ConnectionLimits::linger`. Closing with unread input would reset the connection, and a reset
+   * can destroy the answer before the client has read it: a refused upload is still being sent.
+   */
+  void finish();
+  /// Sends a short answer if the socket takes it at once, then finishes.
+  void refuse(std::string_view answer);
 
   int socket() const { return socket_.get(); }
   SSL* ssl() const { return ssl_.get(); }
@@ -67,12 +74,14 @@ class TlsConnection {
  private:
   friend class TlsStream;
   Progress pending(int result) const;
+  Progress drain() const;
 
   Descriptor socket_;
   Handle<SSL, SSL_free> ssl_;
   const ConnectionLimits& limits_;
   std::chrono::steady_clock::time_point deadline_;
   bool handshaken_ = false;
+  bool finished_ = false;
   std::string ahead_;         // read from TLS but not yet taken by the parser
   std::size_t taken_ = 0;     // how much of ahead_ the parser has taken
   std::size_t searched_ = 0;  // how much of ahead_ holds no head end

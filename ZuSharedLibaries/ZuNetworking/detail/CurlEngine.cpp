@@ -2,6 +2,7 @@
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,6 +35,8 @@ struct Transfer {
   URLSession::DownloadCompletion downloadCompletion;
   CurlEasy easy;
   CurlSlist headerList;
+  // The headers without "Content-Type", for a body request that a redirect turns into a bodiless GET.
+  CurlSlist bodilessHeaderList;
   std::string authorityFile;
   std::optional<std::string> uploadPath;
   FileDescriptor uploadFile;
@@ -69,6 +72,12 @@ std::size_t onHeader(char* buffer, std::size_t size, std::size_t count, void* co
   const std::string_view line = trimmed(std::string_view(buffer, size * count));
   if (line.starts_with("HTTP/")) {
     transfer.responseHeaders = {};  // a new answer (after a redirect or an interim 1xx)
+    // After 301, 302 or 303 curl repeats a body request as a GET without the body; its Content-Type must
+    // not travel with it.
+    const std::string_view status = line.substr(std::min(line.find(' '), line.size())).substr(0, 4);
+    if (transfer.bodilessHeaderList && (status == " 301" || status == " 302" || status == " 303")) {
+      setOption(transfer.easy.get(), CURLOPT_HTTPHEADER, transfer.bodilessHeaderList.get());
+    }
   } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
     transfer.responseHeaders.addValue(trimmed(line.substr(colon + 1)), line.substr(0, colon));
   }
@@ -152,18 +161,27 @@ void setMethodAndBody(Transfer& transfer, const URLRequest& request) {
   }
 }
 
-void setHeaders(Transfer& transfer, const URLRequest& request) {
+CurlSlist headerList(const URLRequest& request, bool withContentType) {
   curl_slist* list = nullptr;
   auto append = [&](const std::string& line) {
     curl_slist* longer = curl_slist_append(list, line.c_str());
     if (!longer) fatalError("Out of memory building request headers");
     list = longer;
   };
-  for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) append(name + ": " + value);
+  for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
+    if (withContentType || ::strcasecmp(name.c_str(), "Content-Type") != 0) append(name + ": " + value);
+  }
   // No "Expect: 100-continue" round trip before a body: it only delays uploads.
   append("Expect:");
-  transfer.headerList.reset(list);
-  setOption(transfer.easy.get(), CURLOPT_HTTPHEADER, list);
+  return CurlSlist(list);
+}
+
+void setHeaders(Transfer& transfer, const URLRequest& request) {
+  transfer.headerList = headerList(request, true);
+  setOption(transfer.easy.get(), CURLOPT_HTTPHEADER, transfer.headerList.get());
+  if (transfer.kind != Engine::Kind::upload && (request.httpBody || request.httpMethod == "POST")) {
+    transfer.bodilessHeaderList = headerList(request, false);
+  }
 }
 
 void configure(Transfer& transfer, const URLRequest& request, const URLSessionConfiguration& configuration) {

@@ -14,7 +14,10 @@ class FaultTest : public ServiceTest {
     report_ = createReport({{"IMG_1.jpg", "one"}, {"IMG_2.jpg", "two"}});
     path_ = "/v1/reports/" + report_["slug"].get<std::string>() + "/";
   }
-  void TearDown() override { fetch("DELETE", service().baseUrl() + "/admin/faults/get"); }
+  void TearDown() override {
+    fetch("DELETE", service().baseUrl() + "/admin/faults/get");
+    ServiceTest::TearDown();
+  }
 
   /// Switches a fault on for one request of `route`.
   void once(const std::string& route, json fault) {

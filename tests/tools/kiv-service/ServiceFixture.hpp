@@ -35,9 +35,11 @@ struct FileSpec {
 std::string sha256Hex(const std::string& bytes);
 nlohmann::json reportBody(const std::string& name, const std::vector<FileSpec>& files);
 
-/// Helpers that speak the protocol to the shared service (or to `service` when given).
+/// Helpers that speak the protocol to the shared service (or to `service` when given). A test after which
+/// the shared service is down or has reported a fault fails.
 class ServiceTest : public ::testing::Test {
  protected:
+  void TearDown() override { service().expectHealthy(); }
   ServiceProcess& service() { return ServiceEnvironment::service(); }
 
   Reply call(ServiceProcess& target, const std::string& method, const std::string& path,

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <string_view>
 
@@ -13,6 +14,8 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <gtest/gtest.h>
 
 extern char** environ;
 
@@ -42,6 +45,16 @@ int readPort(int descriptor) {
     output.append(block, static_cast<std::size_t>(got));
   }
   throw std::runtime_error("kiv-service did not report its port; it printed: " + output);
+}
+
+// The exit status as a shell shows it: the code, or 128 + the signal that ended the process.
+int exitStatus(int waitStatus) {
+  return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+}
+
+// Sanitizers and the runtime write these into the log; the service's own lines never hold them.
+bool holdsFaultReport(const std::string& log) {
+  return log.find("Sanitizer") != std::string::npos || log.find("runtime error:") != std::string::npos;
 }
 
 }  // namespace
@@ -90,10 +103,10 @@ void ServiceProcess::start() {
   }
   try {
     port_ = readPort(pipe[0]);
-  } catch (...) {
+  } catch (const std::runtime_error& error) {
     ::close(pipe[0]);
     stop();
-    throw;
+    throw std::runtime_error(std::string(error.what()) + "\nIts log:\n" + log());
   }
   ::close(pipe[0]);
 }
@@ -112,7 +125,31 @@ int ServiceProcess::stop() {
   int status = 0;
   ::waitpid(pid_, &status, 0);
   pid_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  expectCleanEnd(exitStatus(status));
+  return exitStatus(status);
+}
+
+void ServiceProcess::expectHealthy() {
+  int status = 0;
+  if (pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == pid_) {
+    pid_ = -1;
+    ADD_FAILURE() << "kiv-service stopped by itself with status " << exitStatus(status) << "; its log:\n"
+                  << log();
+  } else if (holdsFaultReport(log())) {
+    ADD_FAILURE() << "kiv-service reported a fault; its log:\n" << log();
+  }
+}
+
+std::string ServiceProcess::log() const {
+  std::ifstream in(logFile());
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void ServiceProcess::expectCleanEnd(int status) {
+  const std::string text = log();
+  if (status != 0 || holdsFaultReport(text)) {
+    ADD_FAILURE() << "kiv-service ended with status " << status << "; its log:\n" << text;
+  }
 }
 
 }  // namespace kiv::service::test

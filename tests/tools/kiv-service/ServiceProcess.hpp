@@ -24,7 +24,8 @@ class TempDir {
 /**
  * The built kiv-service running on 127.0.0.1 with a port of its own choosing. Its stderr (the request log)
  * goes to `logFile()` in the data folder. Start and stop wait with time bounds and fail the test when
- * exceeded.
+ * exceeded. A service that stops by itself, ends with another status than 0, or writes a sanitizer report
+ * fails the current test, which then shows the log (it is deleted with the temporary folder).
  */
 class ServiceProcess {
  public:
@@ -36,13 +37,20 @@ class ServiceProcess {
   void start();
   /// SIGTERM, then waits for a clean exit; answers the exit status.
   int stop();
+  /// Fails the current test when the service has stopped by itself or reported a fault in its log.
+  void expectHealthy();
 
+  int port() const { return port_; }
   std::string baseUrl() const { return "https://127.0.0.1:" + std::to_string(port_); }
   std::filesystem::path caFile() const { return dataDir_ / "ca.pem"; }
   std::filesystem::path logFile() const { return dataDir_ / "service.log"; }
   const std::filesystem::path& dataDir() const { return dataDir_; }
+  std::string log() const;
+  pid_t pid() const { return pid_; }
 
  private:
+  void expectCleanEnd(int status);
+
   std::filesystem::path dataDir_;
   std::vector<std::string> arguments_;
   pid_t pid_ = -1;
