@@ -38,53 +38,68 @@ std::string reportWithMetadata(std::size_t levels) {
 
 std::string statusLine(const std::string& answer) { return answer.substr(0, answer.find("\r\n")); }
 
-/**
- * Connections that each send one more byte every round until destroyed, the way a slow-client attack
- * keeps a server busy: TLS handshakes (a ClientHello, never its last byte) and request heads (after the
- * handshake) that never end.
- */
+/// A connection that a slow client sends one byte at a time: a TLS handshake (its ClientHello, never the
+/// last byte) or, once the handshake is done, a request head that never ends.
+class SlowConnection {
+ public:
+  explicit SlowConnection(int socket) : socket_(socket) {}
+  explicit SlowConnection(std::unique_ptr<RawClient> client) : client_(std::move(client)) {}
+  ~SlowConnection() {
+    if (socket_ >= 0) ::close(socket_);
+  }
+  SlowConnection(const SlowConnection&) = delete;
+  SlowConnection& operator=(const SlowConnection&) = delete;
+
+  void sendNextByte() {
+    static const std::string hello = clientHello();
+    static const std::string head = "GET /v1/reports/ HTTP/1.1\r\nHost: 127.0.0.1\r\n";
+    static const std::string filler = "X-Slow: 1\r\n";
+    if (client_) {
+      const char byte = sent_ < head.size() ? head[sent_] : filler[(sent_ - head.size()) % filler.size()];
+      static_cast<void>(client_->send(std::string_view(&byte, 1)));
+    } else {
+      static_cast<void>(::send(socket_, &hello[std::min(sent_, hello.size() - 2)], 1, MSG_NOSIGNAL));
+    }
+    ++sent_;
+  }
+
+ private:
+  int socket_ = -1;
+  std::unique_ptr<RawClient> client_;
+  std::size_t sent_ = 0;
+};
+
+/// Slow connections that each send their next byte every round, from the moment they are open until the
+/// trickle is destroyed, the way a slow-client attack keeps a server busy.
 class Trickle {
  public:
   Trickle(const ServiceProcess& service, int handshakes, int heads) {
-    for (int i = 0; i < handshakes; ++i) sockets_.push_back(connectLoopback(service.port()));
-    for (int i = 0; i < heads; ++i)
-      clients_.push_back(std::make_unique<RawClient>(service.port(), service.caFile()));
-    thread_ = std::thread([this] { run(); });
-  }
-  ~Trickle() {
-    {
-      std::lock_guard lock(mutex_);
-      stopping_ = true;
+    for (int i = 0; i < heads; ++i) {
+      add(std::make_unique<SlowConnection>(std::make_unique<RawClient>(service.port(), service.caFile())));
     }
-    stopped_.notify_all();
-    thread_.join();
-    for (const int socket : sockets_) ::close(socket);
+    for (int i = 0; i < handshakes; ++i)
+      add(std::make_unique<SlowConnection>(connectLoopback(service.port())));
   }
-  Trickle(const Trickle&) = delete;
-  Trickle& operator=(const Trickle&) = delete;
 
  private:
-  void run() {
+  void add(std::unique_ptr<SlowConnection> connection) {
+    std::lock_guard lock(mutex_);
+    connections_.push_back(std::move(connection));
+  }
+
+  void run(const std::stop_token& stop) {
     // The service's own worker read time-out is five seconds; a byte every half second beats it.
     static constexpr auto kPace = std::chrono::milliseconds(500);
-    const std::string hello = clientHello();
-    const std::string head = "GET /v1/reports/ HTTP/1.1\r\nHost: 127.0.0.1\r\n";
-    const std::string filler = "X-Slow: 1\r\n";
     std::unique_lock lock(mutex_);
-    for (std::size_t round = 0; !stopped_.wait_for(lock, kPace, [&] { return stopping_; }); ++round) {
-      const char helloByte = hello[std::min(round, hello.size() - 2)];
-      for (const int socket : sockets_) static_cast<void>(::send(socket, &helloByte, 1, MSG_NOSIGNAL));
-      const char headByte = round < head.size() ? head[round] : filler[(round - head.size()) % filler.size()];
-      for (const auto& client : clients_) static_cast<void>(client->send(std::string_view(&headByte, 1)));
+    while (!round_.wait_for(lock, stop, kPace, [] { return false; }) && !stop.stop_requested()) {
+      for (const auto& connection : connections_) connection->sendNextByte();
     }
   }
 
-  std::vector<int> sockets_;
-  std::vector<std::unique_ptr<RawClient>> clients_;
   std::mutex mutex_;
-  std::condition_variable stopped_;
-  bool stopping_ = false;
-  std::thread thread_;
+  std::condition_variable_any round_;
+  std::vector<std::unique_ptr<SlowConnection>> connections_;
+  std::jthread thread_{[this](const std::stop_token& stop) { run(stop); }};  // last: stops and joins first
 };
 
 class HostileTest : public ServiceTest {
