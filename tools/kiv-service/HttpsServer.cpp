@@ -24,9 +24,12 @@ constexpr auto kSweepInterval = std::chrono::seconds(1);
 // Descriptors kept for the database, stored files and the log, beyond the connections.
 constexpr rlim_t kReservedDescriptors = 64;
 
-constexpr std::string_view kHeadTooLarge =
-    "HTTP/1.1 431 Request Header Fields Too Large\r\nContent-Type: application/json\r\nContent-Length: "
-    "55\r\nConnection: close\r\n\r\n{\"detail\": \"The request line and headers are too large.\"}";
+std::string headTooLargeAnswer() {
+  const std::string body = R"({"detail": "The request line and headers are too large."})";
+  return "HTTP/1.1 431 Request Header Fields Too Large\r\nContent-Type: "
+         "application/json\r\nContent-Length: " +
+         std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+}
 
 std::size_t descriptorBudget() {
   rlimit limit{};
@@ -208,7 +211,8 @@ void HttpsServer::advance(Connection connection) {
     case TlsConnection::Progress::headComplete:
       return dispatch(connection);
     case TlsConnection::Progress::headTooLarge:
-      connection->refuse(kHeadTooLarge);
+      static const std::string answer = headTooLargeAnswer();
+      connection->refuse(answer);
       return advance(connection);
     case TlsConnection::Progress::closed:
       return close(connection);

@@ -20,7 +20,7 @@ struct Options {
   bool openAccess = false;  ///< any token is accepted
   std::chrono::seconds uploadUrlTtl{3600};
   std::chrono::seconds downloadUrlTtl{24 * 3600};
-  int threads = 64;  ///< each open keep-alive connection holds one
+  int threads = 64;  ///< each request being served holds one; a fault's stall keeps it
   std::vector<std::pair<std::string, Fault>> faults;
 };
 

@@ -7,6 +7,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 
 #include "Options.hpp"
 #include "Service.hpp"
@@ -24,8 +25,19 @@ sigset_t blockStopSignals() {
   return signals;
 }
 
+// Every client connection is a descriptor: the soft limit (often 1,024) is raised as far as the hard one
+// allows.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+    limit.rlim_cur = limit.rlim_max;
+    static_cast<void>(setrlimit(RLIMIT_NOFILE, &limit));
+  }
+}
+
 int serve(const kiv::service::Options& options) {
   const sigset_t signals = blockStopSignals();
+  raiseDescriptorLimit();
   std::filesystem::create_directories(options.dataDir);
   kiv::service::Service service(options);
   const int port = service.bind();

@@ -148,7 +148,15 @@ TEST_F(HostileTest, DeepJsonIsRefusedOnEveryRouteThatReadsJson) {
   EXPECT_EQ(call("GET", "/v1/reports/" + slug + "/").json()["meta_data"], json::parse(nestedObjects(63)));
 }
 
-TEST_F(HostileTest, BodiesOverTheLimitAre413AndNeverRead) {
+TEST_F(HostileTest, HeadsAndBodiesOverTheirLimitsAreRefusedUnread) {
+  const auto longHead = connect();
+  longHead->send(head("GET /v1/reports/", std::string(70 * 1024, 'x') + "\r\n"));
+  const std::optional<std::string> refused = longHead->readToClose();
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(statusLine(*refused), "HTTP/1.1 431 Request Header Fields Too Large");
+  EXPECT_EQ(refused->substr(refused->find("\r\n\r\n") + 4),
+            R"({"detail": "The request line and headers are too large."})");
+
   // Only the head is sent: had the service waited for the body, no answer would come.
   for (const std::string& path : {std::string("/v1/reports/"), std::string("/admin/faults/get")}) {
     const auto client = connect();
