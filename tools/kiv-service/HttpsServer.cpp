@@ -155,7 +155,8 @@ bool HttpsServer::run() {
       } else if (descriptor == wake_.get()) {
         adoptReturned();
       } else if (const auto found = waiting_.find(descriptor); found != waiting_.end()) {
-        advance(found->second);
+        const Connection connection = found->second;  // outlives its entry, which advancing may erase
+        advance(connection);
       }
     }
     if (Clock::now() >= nextSweep) {
@@ -198,11 +199,11 @@ void HttpsServer::acceptAll() {
     ++open_;
     auto connection = std::make_shared<TlsConnection>(socket, context_.get(), limits_);
     waiting_.emplace(socket, connection);
-    advance(std::move(connection));
+    advance(connection);
   }
 }
 
-void HttpsServer::advance(Connection connection) {
+void HttpsServer::advance(const Connection& connection) {
   switch (connection->advance()) {
     case TlsConnection::Progress::wantRead:
       return watch(*connection, EPOLLIN);
@@ -260,9 +261,9 @@ void HttpsServer::adoptReturned() {
     std::lock_guard lock(returnedMutex_);
     adopted.swap(returned_);
   }
-  for (Connection& connection : adopted) {
+  for (const Connection& connection : adopted) {
     waiting_.emplace(connection->socket(), connection);
-    advance(std::move(connection));
+    advance(connection);
   }
 }
 

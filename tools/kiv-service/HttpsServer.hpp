@@ -72,7 +72,7 @@ class HttpsServer : private httplib::Server {
   enum class Outcome { keepAlive, finish, drop };
 
   void acceptAll();
-  void advance(Connection connection);
+  void advance(const Connection& connection);
   void watch(TlsConnection& connection, std::uint32_t events);
   void close(const Connection& connection);
   void closeExpired();

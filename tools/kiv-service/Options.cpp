@@ -38,7 +38,8 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
       ->check(CLI::NonNegativeNumber);
   app.add_option("--download-url-ttl", downloadTtl, "Seconds a file URL stays valid (whole minutes)")
       ->check(CLI::NonNegativeNumber);
-  app.add_option("--threads", options.threads, "Worker threads; each request being served holds one (idle connections hold none)")
+  app.add_option("--threads", options.threads,
+                 "Worker threads; each request being served holds one (idle connections hold none)")
       ->check(CLI::Range(2, 1024));
   app.add_option(
       "--fault", faults,

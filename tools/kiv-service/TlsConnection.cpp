@@ -4,7 +4,6 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstring>
 
 #include <netdb.h>
 #include <openssl/err.h>
@@ -137,7 +136,7 @@ ssize_t TlsStream::read(char* data, size_t size) {
   std::size_t& aheadTaken = connection_.taken_;
   if (aheadTaken < ahead.size()) {
     const std::size_t count = std::min(size, ahead.size() - aheadTaken);
-    std::memcpy(data, ahead.data() + aheadTaken, count);
+    std::copy_n(ahead.data() + aheadTaken, count, data);
     aheadTaken += count;
     taken_ += count;
     return static_cast<ssize_t>(count);

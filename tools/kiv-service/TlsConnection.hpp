@@ -18,7 +18,7 @@ struct ConnectionLimits {
   std::chrono::seconds handshake{10};    ///< from accept to the end of the TLS handshake
   std::chrono::seconds requestHead{10};  ///< from being ready (handshake or last answer) to a complete head
   std::chrono::seconds linger{2};        ///< after the last answer, unread input is drained this long
-  std::size_t headBytes = 64 * 1024;     ///< request line and headers together
+  std::size_t headBytes = 64 << 10;      ///< request line and headers together
   std::size_t connections = 10000;       ///< open at once; more are closed as soon as they are accepted
 };
 

@@ -169,7 +169,8 @@ CurlSlist headerList(const URLRequest& request, bool withContentType) {
     list = longer;
   };
   for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
-    if (withContentType || ::strcasecmp(name.c_str(), "Content-Type") != 0) append(name + ": " + value);
+    if (withContentType || ::strcasecmp(name.c_str(), "Content-Type") != 0)
+      append(std::string(name).append(": ").append(value));
   }
   // No "Expect: 100-continue" round trip before a body: it only delays uploads.
   append("Expect:");

@@ -150,7 +150,7 @@ TEST_F(HostileTest, DeepJsonIsRefusedOnEveryRouteThatReadsJson) {
 
 TEST_F(HostileTest, HeadsAndBodiesOverTheirLimitsAreRefusedUnread) {
   const auto longHead = connect();
-  longHead->send(head("GET /v1/reports/", std::string(70 * 1024, 'x') + "\r\n"));
+  longHead->send(head("GET /v1/reports/", std::string(std::size_t{70} << 10, 'x') + "\r\n"));
   const std::optional<std::string> refused = longHead->readToClose();
   ASSERT_TRUE(refused);
   EXPECT_EQ(statusLine(*refused), "HTTP/1.1 431 Request Header Fields Too Large");
