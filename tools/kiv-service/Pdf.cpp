@@ -6,6 +6,7 @@
 
 #include <cairo-pdf.h>
 #include <cairo.h>
+#include <fontconfig/fontconfig.h>
 
 #include "Handles.hpp"
 
@@ -235,6 +236,15 @@ std::string renderCertificate(const ReportRecord& report, Language language) {
     cairo_surface_finish(surface.get());
   }
   return document;
+}
+
+}  // namespace kiv::service
+
+namespace kiv::service {
+
+void releaseRenderingCaches() {
+  cairo_debug_reset_static_data();  // drops cairo's references into fontconfig first
+  FcFini();
 }
 
 }  // namespace kiv::service

@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 
 #include "Options.hpp"
+#include "Pdf.hpp"
 #include "Service.hpp"
 
 namespace {
@@ -57,6 +58,7 @@ int serve(const kiv::service::Options& options) {
     service.stop();
   });
   const bool ran = service.run();
+  kiv::service::releaseRenderingCaches();
   // A server that ended by itself leaves the stopper waiting for a signal that never comes.
   if (stopRequested) {
     stopper.join();
