@@ -26,9 +26,9 @@ constexpr rlim_t kReservedDescriptors = 64;
 
 std::string headTooLargeAnswer() {
   const std::string body = R"({"detail": "The request line and headers are too large."})";
-  return "HTTP/1.1 431 Request Header Fields Too Large\r\nContent-Type: "
-         "application/json\r\nContent-Length: " +
-         std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+  std::string answer = "HTTP/1.1 431 Request Header Fields Too Large\r\nContent-Type: application/json\r\n";
+  answer += "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n";
+  return answer + body;
 }
 
 std::size_t descriptorBudget() {
