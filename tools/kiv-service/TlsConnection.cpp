@@ -100,13 +100,15 @@ void TlsConnection::refuse(std::string_view answer) {
 }
 
 TlsConnection::Progress TlsConnection::drain() const {
+  // One block a call: a client that keeps sending gets no more of the loop's time than any other, and the
+  // linger deadline ends it.
   std::array<char, 65536> discarded{};
-  for (;;) {
-    const ssize_t got = ::recv(socket(), discarded.data(), discarded.size(), 0);
-    if (got > 0) continue;
-    if (got < 0 && errno == EINTR) continue;
-    return got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? Progress::wantRead : Progress::closed;
-  }
+  ssize_t got = 0;
+  do {
+    got = ::recv(socket(), discarded.data(), discarded.size(), 0);
+  } while (got < 0 && errno == EINTR);
+  if (got > 0 || (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))) return Progress::wantRead;
+  return Progress::closed;
 }
 
 TlsConnection::Progress TlsConnection::pending(int result) const {
