@@ -194,6 +194,7 @@ void HttpsServer::acceptAll() {
       ::close(socket);
       continue;
     }
+    // TLS writes an answer in several records; with Nagle on, a small answer would wait for a delayed ACK.
     const int on = 1;
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     ++open_;
