@@ -34,8 +34,9 @@ class HTTPHeaderFields {
 /**
  * An HTTP request, the counterpart of the platform's `URLRequest`.
  *
- * `timeoutInterval` is an idle time-out: a transfer is given up when it has moved less than one byte a second
- * for that long (and a connection that takes that long to open), never because the whole exchange is long.
+ * `timeoutInterval` is an idle time-out, in seconds and fractions of one: a transfer is given up when no byte
+ * has moved either way for that long, never because the whole exchange is long. Opening the connection has a
+ * time-out of its own, the same but at most 60 seconds.
  */
 struct URLRequest {
   /// There is no response cache in this system; the policy is carried for callers that read it back.

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
@@ -21,11 +23,27 @@ namespace zu::detail {
 
 /// Everything one running request needs; owned by its task until `resume()`, then by the engine.
 struct Transfer {
+  using Clock = std::chrono::steady_clock;
+
   ~Transfer() {
     if (!downloadPath.empty()) ::unlink(downloadPath.c_str());
   }
   bool delegated() const { return !dataCompletion && !downloadCompletion; }
   const std::string& url() const { return task->originalRequest().url.absoluteString(); }
+
+  /// The connection is open (and secured): the idle clock starts.
+  void connected() { lastActivity = Clock::now(); }
+  /// Bytes moved so far each way (answer heads included); any change restarts the idle clock.
+  void progressed(curl_off_t received, curl_off_t sent) {
+    if (received == bytesReceived && sent == bytesSent) return;
+    bytesReceived = received;
+    bytesSent = sent;
+    lastActivity = Clock::now();
+  }
+  /// When the transfer will have been idle for its whole time-out; nothing before it is connected.
+  std::optional<Clock::time_point> idleDeadline() const {
+    return lastActivity ? std::optional(*lastActivity + idleTimeout) : std::nullopt;
+  }
 
   Engine* engine = nullptr;
   Engine::Kind kind = Engine::Kind::data;
@@ -49,6 +67,10 @@ struct Transfer {
   std::string journalPath;
   bool replayed = false;
   char errorBuffer[CURL_ERROR_SIZE] = {};
+  Clock::duration idleTimeout{};
+  std::optional<Clock::time_point> lastActivity;
+  curl_off_t bytesReceived = 0;
+  curl_off_t bytesSent = 0;
 };
 
 namespace {
@@ -123,6 +145,30 @@ std::size_t onUploadRead(char* buffer, std::size_t size, std::size_t count, void
 int onUploadSeek(void* context, curl_off_t offset, int origin) {
   auto& transfer = *static_cast<Transfer*>(context);
   return ::lseek(transfer.uploadFile.get(), offset, origin) < 0 ? CURL_SEEKFUNC_FAIL : CURL_SEEKFUNC_OK;
+}
+
+int onConnected(void* context, char*, char*, int, int) {
+  static_cast<Transfer*>(context)->connected();
+  return CURL_PREREQFUNC_OK;
+}
+
+// The transfer's progress function: curl calls it after every pass over the connection, and about once a
+// second while nothing moves.
+int onProgress(void* context, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
+  auto& transfer = *static_cast<Transfer*>(context);
+  long headerBytes = 0;
+  curl_easy_getinfo(transfer.easy.get(), CURLINFO_HEADER_SIZE, &headerBytes);
+  transfer.progressed(downloaded + headerBytes, uploaded);
+  return 0;
+}
+
+// A request's time-out as a clock duration, bounded so that the sums made with it cannot overflow: a zero or
+// negative time-out gives up at once, an infinite one never does in practice.
+Transfer::Clock::duration idleTimeoutOf(const URLRequest& request) {
+  constexpr double kLongest = 1e9;  // about 30 years
+  const double seconds = std::isnan(request.timeoutInterval) ? 0 : request.timeoutInterval;
+  return std::chrono::duration_cast<Transfer::Clock::duration>(
+      std::chrono::duration<double>(std::clamp(seconds, 0.0, kLongest)));
 }
 
 CURLcode addAuthorities(CURL*, void* sslContext, void* path) {
@@ -207,11 +253,19 @@ void configure(Transfer& transfer, const URLRequest& request, const URLSessionCo
     setOption(easy, CURLOPT_SSL_CTX_FUNCTION, &addAuthorities);
     setOption(easy, CURLOPT_SSL_CTX_DATA, transfer.authorityFile.data());
   }
-  // The time-out is an idle time-out: less than one byte a second for that long gives up.
-  const long idleSeconds = std::max(1L, static_cast<long>(request.timeoutInterval));
-  setOption(easy, CURLOPT_CONNECTTIMEOUT, std::min(idleSeconds, 60L));
-  setOption(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  setOption(easy, CURLOPT_LOW_SPEED_TIME, idleSeconds);
+  // The time-out is an idle time-out, kept by the engine from the progress reports once the connection is
+  // open; opening it has a time-out of its own, the same but never more than a minute.
+  transfer.idleTimeout = idleTimeoutOf(request);
+  const auto connectLimit =
+      std::min<Transfer::Clock::duration>(transfer.idleTimeout, std::chrono::minutes(1));
+  setOption(
+      easy, CURLOPT_CONNECTTIMEOUT_MS,
+      std::max(1L, static_cast<long>(std::chrono::ceil<std::chrono::milliseconds>(connectLimit).count())));
+  setOption(easy, CURLOPT_PREREQFUNCTION, &onConnected);
+  setOption(easy, CURLOPT_PREREQDATA, &transfer);
+  setOption(easy, CURLOPT_NOPROGRESS, 0L);
+  setOption(easy, CURLOPT_XFERINFOFUNCTION, &onProgress);
+  setOption(easy, CURLOPT_XFERINFODATA, &transfer);
   setOption(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   setOption(easy, CURLOPT_ACCEPT_ENCODING, "");
   setOption(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
@@ -448,7 +502,8 @@ void Engine::run() {
     int running = 0;
     curl_multi_perform(multi_.get(), &running);
     collectFinished();
-    curl_multi_poll(multi_.get(), nullptr, 0, 1000, nullptr);
+    const auto wait = expireIdle();
+    curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(wait.count()), nullptr);
   }
   std::vector<std::function<void()>> leftover;
   {
@@ -476,6 +531,33 @@ void Engine::collectFinished() {
     if (!error && result != CURLE_OK) error = urlError(result, transfer->url(), transfer->errorBuffer);
     finish(std::move(transfer), std::move(error));
   }
+}
+
+std::chrono::milliseconds Engine::expireIdle() {
+  const auto now = Transfer::Clock::now();
+  // Commands wake the worker at once; a second is the longest it sleeps otherwise.
+  auto wait = std::chrono::milliseconds(1000);
+  std::vector<CURL*> idle;
+  for (const auto& [easy, transfer] : active_) {
+    const auto deadline = transfer->idleDeadline();
+    if (!deadline) continue;
+    if (*deadline <= now) {
+      idle.push_back(easy);
+    } else {
+      wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(*deadline - now));
+    }
+  }
+  for (CURL* easy : idle) {
+    auto it = active_.find(easy);
+    auto transfer = std::move(it->second);
+    active_.erase(it);
+    curl_multi_remove_handle(multi_.get(), easy);
+    const auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(transfer->idleTimeout);
+    auto error =
+        urlError(timedOut, transfer->url(), "Nothing moved for " + std::to_string(timeout.count()) + " ms");
+    finish(std::move(transfer), std::move(error));
+  }
+  return wait;
 }
 
 void Engine::finish(std::unique_ptr<Transfer> transfer, std::optional<Error> error) {

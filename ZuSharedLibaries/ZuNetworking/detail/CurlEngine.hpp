@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -80,6 +81,9 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void run();
   void begin(std::unique_ptr<Transfer> transfer);
   void collectFinished();
+  /// Gives up the transfers that have been idle for their whole time-out; answers how long the worker may
+  /// wait before the next could be.
+  std::chrono::milliseconds expireIdle();
   void finish(std::unique_ptr<Transfer> transfer, std::optional<Error> error);
   void deliverToDelegate(Transfer& transfer, const std::optional<Error>& error);
   void abandon(std::unique_ptr<Transfer> transfer);
