@@ -15,10 +15,10 @@
 #include <memory>
 #include <string>
 
-#include "Completions.hpp"
-#include "LoopbackServer.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuNetworking/ZuNetworking.hpp"
+#include "support/Completions.hpp"
+#include "support/LoopbackServer.hpp"
 
 namespace {
 
@@ -48,7 +48,8 @@ void report(double seconds, int completions, int expected) {
 }
 
 int serve() {
-  zutest::LoopbackServer server;
+  // Connections are kept alive, as a real service keeps them.
+  zutest::LoopbackServer server(true);
   std::cout << "port=" << server.port() << "\nca=" << server.caFile() << std::endl;
   for (std::string line; std::getline(std::cin, line);) {
   }

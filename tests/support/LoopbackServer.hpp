@@ -3,16 +3,24 @@
 // An HTTPS server on 127.0.0.1 (port chosen by the system) for transport tests and benchmarks. Its
 // certificate is signed by a throw-away certificate authority made with the openssl tool at start-up; the
 // client trusts that authority's file, never an unverified connection.
+//
+// Time is never part of a test's outcome here: a request that carries "gate=<name>" waits until the test
+// opens that gate, and "/stall" answers only when the server stops. Both end at once when the server stops,
+// and so does every connection: unless asked to keep connections alive (the benchmarks do), the server
+// closes each one after its answer, so that stopping never waits for an idle client.
 
 #include <httplib.h>
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <limits>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -24,12 +32,14 @@ namespace zutest {
 class LoopbackServer {
  public:
   /// Makes the certificates in a fresh folder under the temporary directory and starts serving.
-  LoopbackServer() {
+  explicit LoopbackServer(bool keepConnectionsAlive = false) {
     makeCertificates();
     server_ = std::make_unique<httplib::SSLServer>((folder() / "server.pem").c_str(),
                                                    (folder() / "server.key").c_str());
     if (!server_->is_valid()) throw std::runtime_error("test server certificate not loadable");
-    server_->set_keep_alive_max_count(1'000'000);
+    server_->set_keep_alive_max_count(keepConnectionsAlive ? 1'000'000 : 1);
+    // Requests held at a gate each keep a worker; there are enough for every test's held requests.
+    server_->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
     // Without it, small answers written in two pieces wait for the client's delayed acknowledgement (40 ms).
     server_->set_tcp_nodelay(true);
     server_->set_payload_max_length(std::numeric_limits<std::size_t>::max());
@@ -39,6 +49,11 @@ class LoopbackServer {
     thread_ = std::thread([this] { server_->listen_after_bind(); });
   }
   ~LoopbackServer() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    changed_.notify_all();
     server_->stop();
     thread_.join();
   }
@@ -54,8 +69,22 @@ class LoopbackServer {
   const std::filesystem::path& folder() const { return directory_.path(); }
   /// Requests served so far, counted when a handler starts.
   int requestCount() const { return requests_.load(); }
+  /// Lets the requests that carry "gate=<name>" go on, those waiting and those to come.
+  void open(const std::string& gate) {
+    std::lock_guard lock(mutex_);
+    openGates_.insert(gate);
+    changed_.notify_all();
+  }
 
  private:
+  static constexpr std::size_t kWorkers = 32;
+
+  // Waits until `ready()` holds or the server stops, at most `limit`.
+  template <class Ready>
+  void waitUntil(Ready ready, std::chrono::milliseconds limit = std::chrono::hours(1)) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, limit, [&] { return stopping_ || ready(); });
+  }
   void run(const std::string& command) const {
     const std::string line = "cd '" + folder().string() + "' && " + command + " >/dev/null 2>&1";
     if (std::system(line.c_str()) != 0) throw std::runtime_error("failed: " + command);
@@ -88,8 +117,13 @@ class LoopbackServer {
   }
 
   void routes() {
-    server_->set_pre_routing_handler([this](const httplib::Request&, httplib::Response&) {
+    // Runs before a request's body is read, so that a held upload stays unread.
+    server_->set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
       ++requests_;
+      if (request.has_param("gate")) {
+        const std::string gate = request.get_param_value("gate");
+        waitUntil([&] { return openGates_.count(gate) > 0; });
+      }
       return httplib::Server::HandlerResponse::Unhandled;
     });
     // The request as the server saw it, as JSON.
@@ -123,9 +157,9 @@ class LoopbackServer {
     };
     server_->Get("/redirect-same-host", redirectSameHost);
     server_->Post("/redirect-same-host", redirectSameHost);
-    // Answers after `ms` milliseconds of silence.
-    server_->Get("/stall", [](const httplib::Request& request, httplib::Response& response) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(sizeParameter(request, "ms", 3000)));
+    // Answers when the server stops.
+    server_->Get("/stall", [this](const httplib::Request&, httplib::Response& response) {
+      waitUntil([] { return false; });
       response.set_content("{}", "application/json");
     });
     // One byte every `gap` ms, `count` bytes: slow but never idle.
@@ -188,6 +222,10 @@ class LoopbackServer {
   int port_ = 0;
   std::thread thread_;
   std::atomic<int> requests_{0};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool stopping_ = false;
+  std::set<std::string> openGates_;
 };
 
 }  // namespace zutest
