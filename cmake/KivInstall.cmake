@@ -1,5 +1,7 @@
-# Installs the libraries with their public headers, an exported CMake package (find_package(KivSDK)) and a
-# pkg-config file (pkg-config kivsdk).
+# Installs the libraries with their public headers (under include/kivsdk/, so that their component folders
+# cannot clash with other software's), an exported CMake package (find_package(KivSDK)) and a pkg-config
+# file (pkg-config kivsdk). Both find the installation relative to themselves, so the install prefix may be
+# chosen at install time (cmake --install --prefix).
 include(CMakePackageConfigHelpers)
 
 set(KIV_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KivSDK)
@@ -11,7 +13,7 @@ endif()
 install(TARGETS ${KIV_INSTALLED_TARGETS} EXPORT KivSDKTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  FILE_SET HEADERS DESTINATION ${KIV_INCLUDE_DIR})
 install(EXPORT KivSDKTargets NAMESPACE Kiv:: DESTINATION ${KIV_CMAKE_DIR})
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/KivSDKConfig.cmake.in
@@ -21,5 +23,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/KivSDKConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/KivSDKConfig.cmake ${PROJECT_BINARY_DIR}/KivSDKConfigVersion.cmake
   DESTINATION ${KIV_CMAKE_DIR})
 
+# The way back from the pkg-config folder to the prefix ("../.." for lib/pkgconfig).
+file(RELATIVE_PATH KIV_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" KIV_PC_PREFIX "${KIV_PC_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/kivsdk.pc.in ${PROJECT_BINARY_DIR}/kivsdk.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kivsdk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
