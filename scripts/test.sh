@@ -8,5 +8,5 @@ preset=${1:-default}
 "$root/scripts/setup.sh"
 cd "$root"
 cmake --preset "$preset"
-cmake --build --preset "$preset"
+cmake --build --preset "$preset" --parallel "$(nproc)"
 ctest --preset "$preset"

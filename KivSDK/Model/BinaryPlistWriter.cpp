@@ -57,8 +57,15 @@ std::vector<std::uint32_t> codePoints(std::string_view text) {
   std::vector<std::uint32_t> points;
   for (std::size_t i = 0; i < text.size();) {
     const auto lead = static_cast<std::uint8_t>(text[i]);
-    const unsigned length = lead < 0x80 ? 1 : lead >> 5 == 0x6 ? 2 : lead >> 4 == 0xE ? 3 : lead >> 3 == 0x1E ? 4 : 0;
-    std::uint32_t point = length == 1 ? lead : length == 2 ? lead & 0x1Fu : length == 3 ? lead & 0x0Fu : lead & 0x07u;
+    const unsigned length = lead < 0x80         ? 1
+                            : lead >> 5 == 0x6  ? 2
+                            : lead >> 4 == 0xE  ? 3
+                            : lead >> 3 == 0x1E ? 4
+                                                : 0;
+    std::uint32_t point = length == 1   ? lead
+                          : length == 2 ? lead & 0x1Fu
+                          : length == 3 ? lead & 0x0Fu
+                                        : lead & 0x07u;
     bool valid = length != 0 && i + length <= text.size();
     for (unsigned k = 1; valid && k < length; ++k) {
       const auto next = static_cast<std::uint8_t>(text[i + k]);
@@ -127,7 +134,8 @@ BinaryPlistWriter::Ref BinaryPlistWriter::string(std::string_view text) {
   const auto [known, added] = strings_.try_emplace(std::string(text), objects_.size());
   if (!added) return known->second;
   zu::Data bytes;
-  const bool ascii = std::all_of(text.begin(), text.end(), [](char c) { return static_cast<std::uint8_t>(c) < 0x80; });
+  const bool ascii =
+      std::all_of(text.begin(), text.end(), [](char c) { return static_cast<std::uint8_t>(c) < 0x80; });
   if (ascii) {
     appendMarker(bytes, kAsciiString, text.size());
     bytes.insert(bytes.end(), text.begin(), text.end());
@@ -141,7 +149,8 @@ BinaryPlistWriter::Ref BinaryPlistWriter::array(const std::vector<Ref>& elements
   return addContainer(Kind::Array, elements, {});
 }
 
-BinaryPlistWriter::Ref BinaryPlistWriter::dictionary(const std::vector<Ref>& keys, const std::vector<Ref>& values) {
+BinaryPlistWriter::Ref BinaryPlistWriter::dictionary(const std::vector<Ref>& keys,
+                                                     const std::vector<Ref>& values) {
   return addContainer(Kind::Dictionary, keys, values);
 }
 

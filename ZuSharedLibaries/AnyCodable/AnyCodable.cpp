@@ -58,8 +58,8 @@ std::string dateText(zu::Date date) {
   std::tm utc{};
   gmtime_r(&seconds, &utc);
   char buffer[40];
-  std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S +0000", &utc);
-  return buffer;
+  const std::size_t length = std::strftime(buffer, sizeof buffer, "%Y-%m-%d %H:%M:%S +0000", &utc);
+  return std::string(buffer, length);
 }
 
 std::string quoted(const std::string& text) {
@@ -177,7 +177,15 @@ const AnyCodable* AnyCodable::Dictionary::find(std::string_view key) const {
   return entry == entries_.end() ? nullptr : &entry->second;
 }
 
-void AnyCodable::Dictionary::set(std::string key, AnyCodable value) { (*this)[key] = std::move(value); }
+void AnyCodable::Dictionary::set(std::string key, AnyCodable value) {
+  const auto entry =
+      std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.first == key; });
+  if (entry == entries_.end()) {
+    entries_.emplace_back(std::move(key), std::move(value));
+  } else {
+    entry->second = std::move(value);
+  }
+}
 
 bool AnyCodable::Dictionary::insert(std::string key, AnyCodable value) {
   if (contains(key)) return false;

@@ -24,8 +24,10 @@ Error readError(const std::string& debugDescription) {
                {{std::string(Error::debugDescriptionKey), debugDescription}});
 }
 
-// Builds a JSON document from the values `AnyCodable::encode` hands over.
-class JsonWriter final : public SingleValueEncoder {
+// Builds a JSON document from the values `AnyCodable::encode` hands over. (nlohmann's destructor may
+// allocate while it takes a deep document apart; running out of memory there ends the program, as it would
+// anywhere else.)
+class JsonWriter final : public SingleValueEncoder {  // NOLINT(bugprone-exception-escape)
  public:
   Json& document() { return document_; }
   const std::optional<std::string>& failure() const { return failure_; }

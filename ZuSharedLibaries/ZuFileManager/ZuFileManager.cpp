@@ -21,13 +21,14 @@ using detail::FileDescriptor;
 std::mutex gOverrideMutex;
 std::optional<std::string> gApplicationDataOverride;
 
+// The SDK never changes the environment, so reading it races with nothing of ours.
 std::string defaultApplicationDataDirectory() {
-  const char* xdgDataHome = std::getenv("XDG_DATA_HOME");
+  const char* xdgDataHome = std::getenv("XDG_DATA_HOME");  // NOLINT(concurrency-mt-unsafe)
   std::string base;
   if (xdgDataHome && xdgDataHome[0] == '/') {
     base = xdgDataHome;
   } else {
-    const char* home = std::getenv("HOME");
+    const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
     base = std::string(home ? home : "") + "/.local/share";
   }
   return base + "/" + program_invocation_short_name;
@@ -103,7 +104,7 @@ URL ZuFileManager::documentsDirectory() {
 
 URL ZuFileManager::documentsSubdirectory(std::string_view name) {
   if (!isPlainPathComponent(name)) fatalError("Not a folder name: " + std::string(name));
-  const URL folder = documentsDirectory().appendingPathComponent(name, true);
+  URL folder = documentsDirectory().appendingPathComponent(name, true);
   ensureDirectory(folder.path());
   return folder;
 }

@@ -32,6 +32,7 @@ class Date {
   constexpr Date addingTimeInterval(double seconds) const { return Date(seconds_ + seconds); }
 
   friend constexpr bool operator==(Date, Date) = default;
+  // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 misreads the defaulted comparison's literal 0.
   friend constexpr auto operator<=>(Date, Date) = default;
 
  private:

@@ -29,21 +29,15 @@ void DispatchQueue::setMainDispatcher(Dispatcher dispatcher) {
 }
 
 void DispatchQueue::async(Task task) {
-  Dispatcher dispatcher;
-  {
-    std::lock_guard lock(mutex_);
-    if (dispatcher_) {
-      dispatcher = dispatcher_;
-    } else {
-      tasks_.push_back(std::move(task));
-      if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
-    }
+  std::unique_lock lock(mutex_);
+  if (Dispatcher dispatcher = dispatcher_) {
+    lock.unlock();
+    return dispatcher(std::move(task));
   }
-  if (dispatcher) {
-    dispatcher(std::move(task));
-  } else {
-    wakeUp_.notify_one();
-  }
+  tasks_.push_back(std::move(task));
+  if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+  lock.unlock();
+  wakeUp_.notify_one();
 }
 
 void DispatchQueue::sync(const Task& task) {

@@ -29,11 +29,16 @@ class [[nodiscard]] Result {
   /// A successful `Result<void>`.
   Result() requires std::is_void_v<T>
   = default;
+  // The constraints leave copies and moves to the implicit constructors; clang-tidy 14 reads no constraints.
   template <class U = Stored>
-  requires(!std::is_void_v<T> && std::is_constructible_v<Stored, U&&>) Result(U&& value)
+  requires(!std::is_void_v<T> && !std::is_same_v<std::remove_cvref_t<U>, Result> &&
+           std::is_constructible_v<Stored, U&&>)
+      // NOLINTNEXTLINE(bugprone-forwarding-reference-overload)
+      Result(U&& value)
       : storage_(std::in_place_index<0>, std::forward<U>(value)) {}
   // A template only so that Error may still be incomplete where this header is read first.
   template <class E>
+  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload)
   requires std::is_same_v<std::remove_cvref_t<E>, Error> Result(E&& error)
       : storage_(std::in_place_index<1>, std::forward<E>(error)) {}
 

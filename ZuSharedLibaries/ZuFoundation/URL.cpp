@@ -203,7 +203,7 @@ std::vector<URL::QueryItem> URL::queryItems() const {
 }
 
 std::string URL::lastPathComponent() const {
-  const std::string path = this->path();
+  std::string path = this->path();
   if (path == "/") return path;
   return path.substr(path.rfind('/') + 1);
 }

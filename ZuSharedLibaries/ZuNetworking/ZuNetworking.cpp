@@ -188,9 +188,10 @@ std::shared_ptr<URLSessionTask> ZuNetworking::sendRequestWithDictionaryResponse(
       });
 }
 
+// Takes its completion by value like every other sender, though it never calls it.
 std::shared_ptr<URLSessionTask> ZuNetworking::sendRequestWithResultsArrayInDictionaryResponse(
     const URL&, const std::string&, const Headers&, const std::optional<AnyCodable>&, const std::string&,
-    ResultsArrayCompletion) {
+    ResultsArrayCompletion) {  // NOLINT(performance-unnecessary-value-param)
   fatalError("sendRequestWithResultsArrayInDictionaryResponse is not available");
 }
 

@@ -42,7 +42,7 @@ StoredValue readValue(std::string_view key) {
 FileDescriptor lockStore(const std::string& path) {
   auto lock = FileDescriptor::open(path + ".lock", O_RDWR | O_CREAT, 0600);
   if (!lock) return lock;
-  int locked;
+  int locked = -1;
   do {
     locked = ::flock(lock.get(), LOCK_EX);
   } while (locked != 0 && errno == EINTR);

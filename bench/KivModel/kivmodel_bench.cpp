@@ -55,7 +55,8 @@ std::vector<kiv::KivReport> largeList() {
     report.email = "someone@example.org";
     report.setMetadata(metadata(r));
     for (int f = 0; f < kFilesPerReport; ++f) {
-      kiv::KivFile file("IMG_" + std::to_string(r * kFilesPerReport + f), "jpg", report.created.addingTimeInterval(f));
+      kiv::KivFile file("IMG_" + std::to_string(r * kFilesPerReport + f), "jpg",
+                        report.created.addingTimeInterval(f));
       file.slug = "f-" + std::to_string(f);
       file.hash = std::string(64, 'a');
       file.remoteUrl = zu::URL::fromString("https://storage.example.org/files/" + file.name);
@@ -99,14 +100,15 @@ int load() {
   const double parseSeconds = bestSecondsOf([&] {
     plist_t root = nullptr;
     const auto start = std::chrono::steady_clock::now();
-    plist_from_bin(reinterpret_cast<const char*>(bytes->data()), static_cast<std::uint32_t>(bytes->size()), &root);
+    plist_from_bin(reinterpret_cast<const char*>(bytes->data()), static_cast<std::uint32_t>(bytes->size()),
+                   &root);
     const auto elapsed = std::chrono::steady_clock::now() - start;
     plist_free(root);
     return elapsed;
   });
   std::cout << "load_seconds=" << loadSeconds << "\nload_peak_kib=" << loadPeakKiB
-            << "\nbare_parse_seconds=" << parseSeconds << "\nload_to_parse_ratio=" << loadSeconds / parseSeconds
-            << "\n";
+            << "\nbare_parse_seconds=" << parseSeconds
+            << "\nload_to_parse_ratio=" << loadSeconds / parseSeconds << "\n";
   return 0;
 }
 

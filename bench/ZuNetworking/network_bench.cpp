@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -120,9 +121,7 @@ int background(const std::string& base, const std::string& file, int count) {
   return done.count() == count ? 0 : 1;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   if (mode == "serve") return serve();
   if (argc < 5) {
@@ -138,4 +137,16 @@ int main(int argc, char** argv) {
     return background(argv[2], argv[4], std::stoi(argv[5]));
   }
   return 2;
+}
+
+}  // namespace
+
+// A bad number on the command line or a server that cannot start ends the run with its reason.
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << "network_bench: " << error.what() << "\n";
+    return 1;
+  }
 }

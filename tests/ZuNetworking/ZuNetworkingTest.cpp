@@ -50,17 +50,18 @@ class ZuNetworkingTest : public ::testing::Test {
     use([this](const zu::URLRequest&) { return next; });
   }
 
-  void use(std::function<Answer(const zu::URLRequest&)> answer) {
+  void use(const std::function<Answer(const zu::URLRequest&)>& answer) {
     networking->set_URLSessionType(
         {[this, answer] { return shared = std::make_shared<FakeURLSession>(answer); },
-         [this, answer](zu::URLSessionConfiguration configuration,
-                        std::weak_ptr<zu::URLSessionDelegate> delegate) {
+         [this, answer](const zu::URLSessionConfiguration& configuration,
+                        const std::weak_ptr<zu::URLSessionDelegate>& delegate) {
            backgroundConfiguration = configuration;
            return background = std::make_shared<FakeURLSession>(answer, delegate);
          }});
   }
 
-  Outcome send(bool acceptEmpty, std::optional<AnyCodable> body = std::nullopt, std::string method = "POST") {
+  Outcome send(bool acceptEmpty, const std::optional<AnyCodable>& body = std::nullopt,
+               const std::string& method = "POST") {
     Outcome outcome;
     networking->sendRequest(kURL, method, {}, body, acceptEmpty, outcome.completion());
     return outcome;
@@ -104,7 +105,7 @@ TEST_F(ZuNetworkingTest, RequestCarriesTokenContentTypeAddedHeadersAndIdleTimeou
   EXPECT_EQ(request->cachePolicy, zu::URLRequest::CachePolicy::useProtocolCachePolicy);
   EXPECT_EQ(request->httpBody, bytes(R"([1,"b"])"));
 
-  for (std::optional<std::string> token : {std::optional<std::string>(""), std::optional<std::string>()}) {
+  for (const auto& token : {std::optional<std::string>(""), std::optional<std::string>()}) {
     zu::ZuNetworking anonymous(token, "id");
     EXPECT_FALSE(
         anonymous._request(kURL, "GET", std::nullopt, "application/json", {})->value("Authorization"));
@@ -223,7 +224,7 @@ TEST_F(ZuNetworkingTest, LogsTheRequestAndAnswerBlocksWithoutTheToken) {
   zu::ZuLogger::setSink({});
 
   const std::string prefix = "[Zu] (D) ZuNetworking: ";
-  const std::string url = kURL.absoluteString();
+  const std::string& url = kURL.absoluteString();
   const std::vector<std::string> expected{
       prefix + std::string(55, '>'),
       prefix + "Initiating POST request to URL: " + url,

@@ -99,7 +99,8 @@ TEST_F(ZuUserDefaultsTest, ConcurrentWritersInThreadsAndProcessesLoseNoKey) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   }
   for (const char* prefix : {"p1-", "p2-", "t-", "main-"}) {
-    for (int i = 1; i < kWrites; ++i) EXPECT_EQ(defaults_.integer(prefix + std::to_string(i)), i) << prefix << i;
+    for (int i = 1; i < kWrites; ++i)
+      EXPECT_EQ(defaults_.integer(prefix + std::to_string(i)), i) << prefix << i;
   }
 }
 

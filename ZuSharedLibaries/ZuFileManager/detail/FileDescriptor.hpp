@@ -26,7 +26,7 @@ class FileDescriptor {
   /// Opens `path` (with O_CLOEXEC added), retrying when interrupted; an invalid descriptor on failure, with
   /// errno set.
   static FileDescriptor open(const std::string& path, int flags, mode_t mode = 0) {
-    int fd;
+    int fd = -1;
     do {
       fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
     } while (fd < 0 && errno == EINTR);

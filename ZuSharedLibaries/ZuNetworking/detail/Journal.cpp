@@ -102,7 +102,7 @@ std::string Journal::record(const URLRequest& request, const std::optional<std::
   std::filesystem::create_directories(directory_, ignored);
   auto bytes = JSONSerialization::data(encode(request, uploadFile));
   if (!bytes) return {};
-  const std::string path = directory_ + "/" + UUID().uuidString() + std::string(kSuffix);
+  std::string path = directory_ + "/" + UUID().uuidString() + std::string(kSuffix);
   // A crash leaves either no entry or a whole one.
   if (replaceFileDurably(path, path + ".partial", *bytes)) return {};
   return path;

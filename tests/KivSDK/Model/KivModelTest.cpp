@@ -31,15 +31,15 @@ using zu::Date;
 const auto kId = *zu::UUID::fromString("E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
 
 auto storedFields(const KivFile& f) {
-  return std::tie(f.name, f.description, f.ext, f.fileType, f.dateTaken, f.slug, f._metadata, f.hash, f.remoteUrl,
-                  f._lastFileUploadAttemptDate);
+  return std::tie(f.name, f.description, f.ext, f.fileType, f.dateTaken, f.slug, f._metadata, f.hash,
+                  f.remoteUrl, f._lastFileUploadAttemptDate);
 }
 
 // Every stored field, where the records' own == compares identities only.
 bool sameStoredFields(const KivReport& a, const KivReport& b) {
   const auto head = [](const KivReport& r) {
-    return std::tie(r.id, r.name, r.created, r.note, r.slug, r.certificationRequestedDate, r._metadata, r.hash,
-                    r.email, r._proofStatusInt);
+    return std::tie(r.id, r.name, r.created, r.note, r.slug, r.certificationRequestedDate, r._metadata,
+                    r.hash, r.email, r._proofStatusInt);
   };
   if (head(a) != head(b) || a.files.size() != b.files.size()) return false;
   for (std::size_t i = 0; i < a.files.size(); ++i) {
@@ -91,9 +91,12 @@ class KivModelTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(KivModel::loadFromStore().empty()); }  // writes version 5
 
-  static std::optional<zu::Data> storedBytes() { return zu::ZuUserDefaults::standard().data(KivModel::Const::UD::reports); }
+  static std::optional<zu::Data> storedBytes() {
+    return zu::ZuUserDefaults::standard().data(KivModel::Const::UD::reports);
+  }
   static void storeBytes(std::string_view bytes) {
-    ASSERT_TRUE(zu::ZuUserDefaults::standard().set(zu::Data(bytes.begin(), bytes.end()), KivModel::Const::UD::reports));
+    ASSERT_TRUE(zu::ZuUserDefaults::standard().set(zu::Data(bytes.begin(), bytes.end()),
+                                                   KivModel::Const::UD::reports));
   }
 
   ScopedApplicationData appData_;
@@ -188,17 +191,22 @@ INSTANTIATE_TEST_SUITE_P(
         DecodeCase{"NoteAsInteger", kFiles + kStatus + "<key>note</key><integer>1</integer>", false},
         DecodeCase{"BadUUID", kFiles + kStatus + "<key>id</key><string>not-a-uuid</string>", false},
         DecodeCase{"UnknownFileType",
-                   kStatus + "<key>files</key><array><dict>" + kFile + "<key>fileType</key><integer>7</integer></dict></array>",
+                   kStatus + "<key>files</key><array><dict>" + kFile +
+                       "<key>fileType</key><integer>7</integer></dict></array>",
                    false},
         DecodeCase{"UrlAsText",
                    kStatus + "<key>files</key><array><dict>" + kFile +
-                       "<key>fileType</key><integer>1</integer><key>remoteUrl</key><string>https://a.b/c</string></dict></array>",
+                       "<key>fileType</key><integer>1</integer><key>remoteUrl</key><string>https://a.b/c</"
+                       "string></dict></array>",
                    false},
-        DecodeCase{"OddMetadata", kFiles + kStatus + "<key>_metadata</key><array><array><string>k</string></array></array>",
+        DecodeCase{"OddMetadata",
+                   kFiles + kStatus + "<key>_metadata</key><array><array><string>k</string></array></array>",
                    false},
-        DecodeCase{"MetadataDataValue",
-                   kFiles + kStatus + "<key>_metadata</key><array><array><string>k</string></array><data>AA==</data></array>",
-                   false}),
+        DecodeCase{
+            "MetadataDataValue",
+            kFiles + kStatus +
+                "<key>_metadata</key><array><array><string>k</string></array><data>AA==</data></array>",
+            false}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(KivModelTest, BytesThatAreNoPropertyListLoadEmptyAndStay) {
@@ -254,15 +262,16 @@ sys.stdout.buffer.write(f"{shape} {len(reports)} {reports[-1]['name']}\n".encode
   EXPECT_EQ(text.substr(0, 8), "bplist00");
   writeFile(appData_.path() / "one.plist", text);
   const std::string dump = python(script, (appData_.path() / "one.plist").string());
-  EXPECT_EQ(dump,
-            R"([{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","name":"Evidence","created":{"date":700000000.25},)"
-            R"("note":"Café ☕ 𝄞","files":[{"name":"IMG_0001","description":"front door","ext":"jpg","fileType":{"int":1},)"
-            R"("dateTaken":{"date":700000001.5},"slug":"f-1","_metadata":[["a.b"],"x",["camera","iso"],"200"],)"
-            R"("hash":"abc","remoteUrl":{"relative":"https://storage.example/f-1"},)"
-            R"("_lastFileUploadAttemptDate":{"date":700000002.0}}],"slug":"r-1",)"
-            R"("certificationRequestedDate":{"date":700000003.0},"hash":"def","email":"a@b.c",)"
-            R"("_proofStatusInt":{"int":1}}] 1 Evidence)"
-            "\n");
+  EXPECT_EQ(
+      dump,
+      R"([{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","name":"Evidence","created":{"date":700000000.25},)"
+      R"("note":"Café ☕ 𝄞","files":[{"name":"IMG_0001","description":"front door","ext":"jpg","fileType":{"int":1},)"
+      R"("dateTaken":{"date":700000001.5},"slug":"f-1","_metadata":[["a.b"],"x",["camera","iso"],"200"],)"
+      R"("hash":"abc","remoteUrl":{"relative":"https://storage.example/f-1"},)"
+      R"("_lastFileUploadAttemptDate":{"date":700000002.0}}],"slug":"r-1",)"
+      R"("certificationRequestedDate":{"date":700000003.0},"hash":"def","email":"a@b.c",)"
+      R"("_proofStatusInt":{"int":1}}] 1 Evidence)"
+      "\n");
 
   // Hundreds of reports: wider object references and long counts.
   std::vector<KivReport> many(300, fullReport());
@@ -289,7 +298,9 @@ reports = [
 ]
 with open(sys.argv[1], "wb") as f:
     plistlib.dump(reports, f, fmt=getattr(plistlib, sys.argv[2]), sort_keys=False)
-)", path.string() + " " + format), "");
+)",
+                     path.string() + " " + format),
+              "");
     storeBytes(readFile(path));
     const auto loaded = KivModel::loadFromStore();
     ASSERT_EQ(loaded.size(), 2u);
@@ -309,7 +320,8 @@ with open(sys.argv[1], "wb") as f:
 
 // Loads must always see one of the complete lists a writer persisted.
 void expectOneOf(const std::vector<KivReport>& loaded, const std::vector<std::vector<KivReport>>& lists) {
-  EXPECT_TRUE(std::any_of(lists.begin(), lists.end(), [&](const auto& list) { return sameLists(loaded, list); }))
+  EXPECT_TRUE(
+      std::any_of(lists.begin(), lists.end(), [&](const auto& list) { return sameLists(loaded, list); }))
       << loaded.size() << " reports loaded";
 }
 
