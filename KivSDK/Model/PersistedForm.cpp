@@ -12,15 +12,15 @@
 
 #include "KivSDK/Model/detail/BinaryPlistReader.hpp"
 #include "KivSDK/Model/detail/BinaryPlistWriter.hpp"
-#include "ZuUserDefaults/detail/Plist.hpp"
+#include "ZuFoundation/detail/Plist.hpp"
 
 namespace kiv::detail {
 namespace {
 
 using Ref = BinaryPlistWriter::Ref;
 
-constexpr long kReadCorruptCode = 4864;
-constexpr long kInvalidValueCode = 4866;
+constexpr long kReadCorruptCode = zu::CocoaError::coderReadCorrupt;
+constexpr long kInvalidValueCode = zu::CocoaError::coderInvalidValue;
 // The platform's property-list coders write nil as this text.
 constexpr std::string_view kNullText = "$null";
 constexpr std::int64_t kMicrosPerSecond = 1'000'000;

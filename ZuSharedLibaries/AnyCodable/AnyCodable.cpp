@@ -1,7 +1,5 @@
 #include "AnyCodable/AnyCodable.hpp"
 
-#include <cxxabi.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -9,11 +7,11 @@
 #include <ctime>
 #include <type_traits>
 
+#include "ZuFoundation/Result.hpp"
+#include "ZuFoundation/detail/TypeName.hpp"
+
 namespace zu {
 namespace {
-
-constexpr long kInvalidValueCode = 4866;   // the platform's encoding error: invalid value
-constexpr long kDataCorruptedCode = 4864;  // the platform's decoding error: data corrupted
 
 bool isSignedInteger(AnyCodable::Kind kind) {
   return kind >= AnyCodable::Kind::Int && kind <= AnyCodable::Kind::Int64;
@@ -88,13 +86,6 @@ std::string quoted(const std::string& text) {
   return result + "\"";
 }
 
-std::string typeName(const std::any& value) {
-  int status = 0;
-  std::unique_ptr<char, decltype(&std::free)> name(
-      abi::__cxa_demangle(value.type().name(), nullptr, nullptr, &status), &std::free);
-  return status == 0 ? name.get() : value.type().name();
-}
-
 Result<void> encodeValue(const AnyCodable& value, SingleValueEncoder& encoder,
                          std::vector<std::string>& path);
 
@@ -150,7 +141,7 @@ Result<void> encodeValue(const AnyCodable& value, SingleValueEncoder& encoder,
   } else if (kind == Kind::Dictionary) {
     return encodeDictionary(*value.dictionaryValue(), encoder, path);
   } else {
-    return codingError(kInvalidValueCode, "AnyCodable value cannot be encoded", path);
+    return codingError(CocoaError::coderInvalidValue, "AnyCodable value cannot be encoded", path);
   }
   return {};
 }
@@ -265,7 +256,8 @@ Result<AnyCodable> AnyCodable::decode(const SingleValueDecoder& decoder) {
     }
     return AnyCodable(std::move(dictionary));
   }
-  return codingError(kDataCorruptedCode, "AnyCodable value cannot be decoded", decoder.codingPath());
+  return codingError(CocoaError::coderReadCorrupt, "AnyCodable value cannot be decoded",
+                     decoder.codingPath());
 }
 
 std::string AnyCodable::description() const {
@@ -302,7 +294,7 @@ std::string AnyCodable::valueDebugDescription() const {
              "]";
     }
     case Kind::Opaque:
-      return typeName(*opaqueValue());
+      return detail::typeName(opaqueValue()->type());
     default:
       return isSignedInteger(kind_) ? std::to_string(*intValue()) : std::to_string(*uintValue());
   }

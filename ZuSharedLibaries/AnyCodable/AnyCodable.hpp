@@ -18,7 +18,9 @@
 
 namespace zu {
 
-// Result<T> carries an Error, whose user info is made of AnyCodable values: declared here, defined last.
+// An Error's user info is made of AnyCodable values, so Result (which carries an Error) comes after this
+// header: the coding functions below are declared with it, and their callers include
+// "ZuFoundation/Result.hpp".
 template <class T>
 class Result;
 class SingleValueEncoder;
@@ -276,5 +278,3 @@ class SingleValueDecoder {
 };
 
 }  // namespace zu
-
-#include "ZuFoundation/Result.hpp"  // IWYU pragma: export

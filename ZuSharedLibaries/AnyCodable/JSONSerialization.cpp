@@ -16,11 +16,8 @@ namespace {
 using Json = nlohmann::ordered_json;
 using ParsedJson = nlohmann::json;
 
-constexpr long kReadCorruptCode = 3840;
-constexpr long kInvalidValueCode = 4866;
-
 Error readError(const std::string& debugDescription) {
-  return Error(std::string(Error::cocoaDomain), kReadCorruptCode,
+  return Error(std::string(Error::cocoaDomain), CocoaError::propertyListReadCorrupt,
                {{std::string(Error::debugDescriptionKey), debugDescription}});
 }
 
@@ -168,7 +165,7 @@ Result<Data> JSONSerialization::data(const AnyCodable& object) {
   JsonWriter writer;
   if (auto encoded = object.encode(writer); !encoded) return encoded.error();
   if (writer.failure()) {
-    return Error(std::string(Error::cocoaDomain), kInvalidValueCode,
+    return Error(std::string(Error::cocoaDomain), CocoaError::coderInvalidValue,
                  {{std::string(Error::debugDescriptionKey), *writer.failure()}});
   }
   const std::string text = writer.document().dump(-1, ' ', false, Json::error_handler_t::replace);

@@ -2,6 +2,7 @@
 
 #include "AnyCodable/AnyCodable.hpp"
 #include "ZuFoundation/Data.hpp"
+#include "ZuFoundation/Result.hpp"
 
 namespace zu {
 

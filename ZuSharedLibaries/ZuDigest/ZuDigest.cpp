@@ -4,19 +4,16 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
 #include <vector>
 
-#include "ZuFileManager/detail/FileDescriptor.hpp"
 #include "ZuFoundation/FatalError.hpp"
+#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/detail/UniqueHandle.hpp"
 
 namespace zu {
 namespace {
 
-struct DigestContextDeleter {
-  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextDeleter>;
+using DigestContext = detail::UniqueHandle<EVP_MD_CTX, EVP_MD_CTX_free>;
 
 DigestContext newContext(const EVP_MD* type) {
   DigestContext context(EVP_MD_CTX_new());
@@ -61,8 +58,7 @@ Result<Data> sha256OfFile(const std::string& path) {
   auto context = newContext(EVP_sha256());
   std::vector<std::uint8_t> block(fileDigestBlockSize);
   while (true) {
-    const ssize_t count = ::read(file.get(), block.data(), block.size());
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count = detail::readSome(file.get(), block.data(), block.size());
     if (count < 0) return Error::posix(errno);
     if (count == 0) break;
     update(context.get(), block.data(), static_cast<std::size_t>(count));

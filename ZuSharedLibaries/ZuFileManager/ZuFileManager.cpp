@@ -9,9 +9,8 @@
 #include <mutex>
 #include <vector>
 
-#include "ZuFileManager/detail/DurableFile.hpp"
-#include "ZuFileManager/detail/FileDescriptor.hpp"
 #include "ZuFoundation/FatalError.hpp"
+#include "ZuFoundation/detail/Posix.hpp"
 
 namespace zu {
 namespace {
@@ -45,8 +44,7 @@ void ensureDirectory(const std::string& path) {
 std::optional<Error> copyAll(int from, int to) {
   std::vector<char> buffer(1 << 20);
   while (true) {
-    const ssize_t count = ::read(from, buffer.data(), buffer.size());
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count = detail::readSome(from, buffer.data(), buffer.size());
     if (count < 0) return Error::posix(errno);
     if (count == 0) return std::nullopt;
     if (auto error = detail::writeAll(to, buffer.data(), static_cast<std::size_t>(count))) return error;
@@ -76,7 +74,8 @@ std::optional<Error> move(const std::string& from, const std::string& to) {
   const std::string folder = std::filesystem::path(to).parent_path().string();
   const auto lock = FileDescriptor::open(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
   if (!lock) return Error::posix(errno);
-  ::flock(lock.get(), LOCK_EX);  // released when `lock` closes
+  // Released when `lock` closes. A folder that cannot be locked is moved into all the same.
+  (void)detail::retryingInterrupted([&] { return ::flock(lock.get(), LOCK_EX); });
   std::optional<Error> error;
   if (::rename(from.c_str(), to.c_str()) != 0) {
     error = errno == EXDEV ? copyIntoPlace(from, to, folder) : Error::posix(errno);
@@ -120,18 +119,8 @@ bool ZuFileManager::fileExists(const URL& url) {
 }
 
 std::optional<Data> ZuFileManager::contents(const std::string& atPath) {
-  const auto file = FileDescriptor::open(atPath, O_RDONLY);
-  struct stat status {};
-  if (!file || ::fstat(file.get(), &status) != 0) return std::nullopt;
-  Data bytes(static_cast<std::size_t>(status.st_size));
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t count = ::read(file.get(), bytes.data() + done, bytes.size() - done);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return std::nullopt;
-    done += static_cast<std::size_t>(count);
-  }
-  return bytes;
+  auto bytes = detail::readWholeFile(atPath);
+  return bytes ? std::optional(std::move(*bytes)) : std::nullopt;
 }
 
 std::optional<Error> ZuFileManager::write(const Data& bytes, const URL& to) {

@@ -1,9 +1,8 @@
 #include "ZuFoundation/Error.hpp"
 
-#include <cstring>
 #include <utility>
 
-#include "ZuFoundation/detail/SystemErrorText.hpp"
+#include "ZuFoundation/detail/Posix.hpp"
 
 namespace zu {
 namespace {
@@ -12,10 +11,10 @@ constexpr std::string_view kCouldNotComplete = "The operation couldn’t be comp
 
 std::optional<std::string_view> cocoaText(long code) {
   switch (code) {
-    case 3840:  // property list / JSON read
-    case 4864:  // decoding: data corrupted
+    case CocoaError::propertyListReadCorrupt:
+    case CocoaError::coderReadCorrupt:
       return "The data couldn’t be read because it isn’t in the correct format.";
-    case 4866:  // encoding: invalid value
+    case CocoaError::coderInvalidValue:
       return "The data couldn’t be written because it isn’t in the correct format.";
     default:
       return std::nullopt;
@@ -23,12 +22,6 @@ std::optional<std::string_view> cocoaText(long code) {
 }
 
 }  // namespace
-
-std::string detail::systemErrorText(int errorNumber) {
-  char buffer[256] = {};
-  // The GNU strerror_r answers either its own static text or the buffer.
-  return ::strerror_r(errorNumber, buffer, sizeof buffer);
-}
 
 Error::Error(std::string domain, long code, UserInfo userInfo)
     : domain_(std::move(domain)), code_(code), userInfo_(std::move(userInfo)) {}

@@ -10,6 +10,19 @@ namespace zu {
 
 class ZuError;
 
+/// The codes of domain "NSCocoaErrorDomain" that the SDK reports, named as on the platform. Compare them with
+/// `Error::code()`.
+struct CocoaError {
+  enum Code : long {
+    /// Text that is not JSON (or a property list) at all.
+    propertyListReadCorrupt = 3840,
+    /// Decoding: a value is missing, of the wrong kind or invalid.
+    coderReadCorrupt = 4864,
+    /// Encoding: a value has no encoded form.
+    coderInvalidValue = 4866,
+  };
+};
+
 /**
  * An error value in the platform's shape: a domain, a code and a user-info map.
  *

@@ -4,11 +4,10 @@
 #include <utility>
 #include <variant>
 
+#include "ZuFoundation/Error.hpp"
 #include "ZuFoundation/FatalError.hpp"
 
 namespace zu {
-
-class Error;
 
 /**
  * The outcome of an operation that can fail synchronously: a value, or the `zu::Error` that says why not.
@@ -29,18 +28,14 @@ class [[nodiscard]] Result {
   /// A successful `Result<void>`.
   Result() requires std::is_void_v<T>
   = default;
-  // The constraints leave copies and moves to the implicit constructors; clang-tidy 14 reads no constraints.
+  // The constraint leaves copies and moves to the implicit constructors; clang-tidy 14 reads no constraints.
   template <class U = Stored>
   requires(!std::is_void_v<T> && !std::is_same_v<std::remove_cvref_t<U>, Result> &&
            std::is_constructible_v<Stored, U&&>)
       // NOLINTNEXTLINE(bugprone-forwarding-reference-overload)
       Result(U&& value)
       : storage_(std::in_place_index<0>, std::forward<U>(value)) {}
-  // A template only so that Error may still be incomplete where this header is read first.
-  template <class E>
-  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload)
-  requires std::is_same_v<std::remove_cvref_t<E>, Error> Result(E&& error)
-      : storage_(std::in_place_index<1>, std::forward<E>(error)) {}
+  Result(Error error) : storage_(std::in_place_index<1>, std::move(error)) {}
 
   bool has_value() const noexcept { return storage_.index() == 0; }
   explicit operator bool() const noexcept { return has_value(); }
@@ -81,5 +76,3 @@ class [[nodiscard]] Result {
 };
 
 }  // namespace zu
-
-#include "ZuFoundation/Error.hpp"  // IWYU pragma: export

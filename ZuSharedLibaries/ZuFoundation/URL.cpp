@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cctype>
-#include <memory>
+#include <cstdlib>
+
+#include "ZuFoundation/detail/UniqueHandle.hpp"
 
 namespace zu {
 
@@ -92,22 +94,17 @@ std::optional<std::size_t> schemeLength(std::string_view text) {
   return colon;
 }
 
-struct CurlURLDeleter {
-  void operator()(CURLU* handle) const { curl_url_cleanup(handle); }
-};
-
 // One part of the URL as libcurl reads it; empty when curl cannot parse the URL or it has no such part.
 std::string curlPart(const std::string& text, CURLUPart part) {
-  std::unique_ptr<CURLU, CurlURLDeleter> handle(curl_url());
+  const detail::UniqueHandle<CURLU, curl_url_cleanup> handle(curl_url());
   if (!handle ||
       curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
     return {};
   }
   char* value = nullptr;
   if (curl_url_get(handle.get(), part, &value, 0) != CURLUE_OK) return {};
-  std::string result(value);
-  curl_free(value);
-  return result;
+  const detail::UniqueHandle<char, curl_free> owned(value);
+  return value;
 }
 
 std::string trimmedTrailingSlash(std::string path) {
@@ -125,7 +122,7 @@ std::optional<URL> URL::fromString(std::string_view text) {
 URL URL::fileURLWithPath(std::string_view path, bool isDirectory) {
   std::string absolute(path);
   if (absolute.empty() || absolute.front() != '/') {
-    std::unique_ptr<char, decltype(&std::free)> cwd(getcwd(nullptr, 0), &std::free);
+    const detail::UniqueHandle<char, std::free> cwd(getcwd(nullptr, 0));
     absolute = std::string(cwd ? cwd.get() : "/") + "/" + absolute;
   }
   if (isDirectory && absolute.back() != '/') absolute += '/';

@@ -1,13 +1,12 @@
 #include "ZuLogger/ZuLogger.hpp"
 
-#include <cxxabi.h>
-
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <utility>
+
+#include "ZuFoundation/detail/TypeName.hpp"
 
 namespace zu {
 namespace {
@@ -104,12 +103,7 @@ std::string_view ZuLogger::tag(LogLevel level) {
   return {};
 }
 
-std::string ZuLogger::className(const std::type_info& type) {
-  int status = 0;
-  std::unique_ptr<char, decltype(&std::free)> demangled(
-      abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
-  return shortName(status == 0 && demangled ? demangled.get() : type.name());
-}
+std::string ZuLogger::className(const std::type_info& type) { return shortName(detail::typeName(type)); }
 
 void ZuLogger::log(std::string_view message, const std::type_info* fromClass, LogLevel level) {
   _printToConsole(message, fromClass, level);

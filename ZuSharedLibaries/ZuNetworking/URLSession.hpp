@@ -10,6 +10,7 @@
 #include "ZuFoundation/Data.hpp"
 #include "ZuFoundation/Error.hpp"
 #include "ZuFoundation/URL.hpp"
+#include "ZuNetworking/URLError.hpp"
 #include "ZuNetworking/URLRequest.hpp"
 
 namespace zu {
@@ -92,9 +93,10 @@ class URLSessionDelegate {
  * `shared()` and `make()` drives libcurl on one worker thread per session; connections are kept alive and
  * reused, and HTTP/2 is used where the server offers it. TLS certificates are always verified.
  *
- * Transport failures complete with domain "NSURLErrorDomain": -1001 timed out (nothing moved for the
- * request's `timeoutInterval`), -1003 host not found, -1004 cannot connect, -1005 connection lost, -1202
- * untrusted certificate, -999 cancelled, -1100 upload file missing. An HTTP status is never an error here.
+ * Transport failures complete with domain "NSURLErrorDomain" and a `URLError` code: `timedOut` (-1001,
+ * nothing moved for the request's `timeoutInterval`), `cannotFindHost` (-1003), `cannotConnectToHost`
+ * (-1004), `networkConnectionLost` (-1005), `serverCertificateUntrusted` (-1202), `cancelled` (-999),
+ * `fileDoesNotExist` (-1100, the upload's file). An HTTP status is never an error here.
  *
  * A background session (configuration with an identifier) keeps a journal of its unfinished upload and
  * download tasks under the application data folder. When a later process makes a session with the same

@@ -1,12 +1,12 @@
 #include "ZuNetworking/ZuNetworking.hpp"
 
-#include <fstream>
 #include <typeinfo>
 #include <utility>
 
 #include "AnyCodable/JSONSerialization.hpp"
 #include "ZuFoundation/DispatchQueue.hpp"
 #include "ZuFoundation/FatalError.hpp"
+#include "ZuFoundation/detail/Posix.hpp"
 #include "ZuLogger/ZuLogger.hpp"
 
 namespace zu {
@@ -79,14 +79,10 @@ std::optional<std::vector<URL::QueryItem>> queryItems(const std::optional<AnyCod
 
 // A failed download's answer is in its file; a small one is read so that the error can quote the service.
 std::optional<Data> errorBody(const std::optional<URL>& location) {
-  constexpr std::streamsize limit = 64L * 1024;
+  constexpr std::size_t kLimit = std::size_t{64} << 10;
   if (!location) return std::nullopt;
-  std::ifstream in(location->path(), std::ios::binary);
-  Data body(limit + 1);
-  in.read(reinterpret_cast<char*>(body.data()), limit + 1);
-  if (in.gcount() > limit) return std::nullopt;
-  body.resize(static_cast<std::size_t>(in.gcount()));
-  return body;
+  auto body = detail::readWholeFile(location->path(), kLimit);
+  return body ? std::optional(std::move(*body)) : std::nullopt;
 }
 
 }  // namespace
@@ -421,18 +417,18 @@ void ZuNetworking::didFinishDownloadingTo(URLSession&, URLSessionTask& downloadT
   auto pending = takePending(downloadTask);
   if (!pending) return;
   _process(downloadTask.response(), location, std::nullopt,
-           std::any_cast<const DownloadCompletion&>(pending->completion));
+           std::get<DownloadCompletion>(pending->completion));
 }
 
 void ZuNetworking::didCompleteWithError(URLSession&, URLSessionTask& task,
                                         const std::optional<Error>& error) {
   auto pending = takePending(task);
   if (!pending) return;
-  if (const auto* download = std::any_cast<DownloadCompletion>(&pending->completion)) {
+  if (const auto* download = std::get_if<DownloadCompletion>(&pending->completion)) {
     return _process(task.response(), std::nullopt, error, *download);
   }
   _process(task.response(), pending->data, error, pending->acceptEmptyResponse,
-           std::any_cast<const JSONCompletion&>(pending->completion));
+           std::get<JSONCompletion>(pending->completion));
 }
 
 void ZuNetworking::urlSessionDidFinishEvents(URLSession&) {

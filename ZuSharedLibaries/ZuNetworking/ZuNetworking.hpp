@@ -1,6 +1,5 @@
 #pragma once
 
-#include <any>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -8,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "AnyCodable/AnyCodable.hpp"
@@ -58,8 +58,8 @@ class ZuNetworking : public URLSessionDelegate, public std::enable_shared_from_t
 
   /// What the table keeps for a background transfer until its completion runs.
   struct _PendingTask {
-    /// A `JSONCompletion` for uploads, a `DownloadCompletion` for downloads.
-    std::any completion;
+    /// The caller's completion, whose shape depends on the kind of transfer.
+    std::variant<JSONCompletion, DownloadCompletion> completion;
     std::optional<Data> data;
     bool acceptEmptyResponse = false;
   };

@@ -7,9 +7,8 @@
 #include <filesystem>
 
 #include "ZuFileManager/ZuFileManager.hpp"
-#include "ZuFileManager/detail/DurableFile.hpp"
-#include "ZuFileManager/detail/FileDescriptor.hpp"
-#include "ZuUserDefaults/detail/Plist.hpp"
+#include "ZuFoundation/detail/Plist.hpp"
+#include "ZuFoundation/detail/Posix.hpp"
 
 namespace zu {
 namespace {
@@ -42,10 +41,7 @@ StoredValue readValue(std::string_view key) {
 FileDescriptor lockStore(const std::string& path) {
   auto lock = FileDescriptor::open(path + ".lock", O_RDWR | O_CREAT, 0600);
   if (!lock) return lock;
-  int locked = -1;
-  do {
-    locked = ::flock(lock.get(), LOCK_EX);
-  } while (locked != 0 && errno == EINTR);
+  const int locked = detail::retryingInterrupted([&] { return ::flock(lock.get(), LOCK_EX); });
   return locked == 0 ? std::move(lock) : FileDescriptor();
 }
 

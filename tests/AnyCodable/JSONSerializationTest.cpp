@@ -41,7 +41,7 @@ TEST(JSONSerialization, UnencodableValuesFailWithTheirCodingPath) {
   auto data = JSONSerialization::data(value);
   ASSERT_FALSE(data);
   EXPECT_EQ(data.error().domain(), "NSCocoaErrorDomain");
-  EXPECT_EQ(data.error().code(), 4866);
+  EXPECT_EQ(data.error().code(), zu::CocoaError::coderInvalidValue);
   EXPECT_EQ(*data.error().userInfo().find("NSDebugDescription"),
             AnyCodable("AnyCodable value cannot be encoded"));
   EXPECT_EQ(*data.error().userInfo().find("NSCodingPath"), AnyCodable(AnyCodable::Array{"list", "Index 1"}));
@@ -80,7 +80,7 @@ TEST(JSONSerialization, RejectsWhatIsNotJSON) {
     auto value = parse(text);
     ASSERT_FALSE(value) << text;
     EXPECT_EQ(value.error().domain(), "NSCocoaErrorDomain");
-    EXPECT_EQ(value.error().code(), 3840);
+    EXPECT_EQ(value.error().code(), zu::CocoaError::propertyListReadCorrupt);
     EXPECT_EQ(value.error().localizedDescription(),
               "The data couldn’t be read because it isn’t in the correct format.");
   }

@@ -8,6 +8,10 @@
 
 namespace {
 
+// The codes callers match are the platform's numbers, which errors kept or logged elsewhere carry.
+static_assert(zu::CocoaError::propertyListReadCorrupt == 3840 && zu::CocoaError::coderReadCorrupt == 4864 &&
+              zu::CocoaError::coderInvalidValue == 4866);
+
 TEST(Error, LocalizedDescriptionComesFromUserInfoThenTheDomain) {
   EXPECT_EQ(zu::Error("com.example", 7, {{"NSLocalizedDescription", "Broken."}}).localizedDescription(),
             "Broken.");

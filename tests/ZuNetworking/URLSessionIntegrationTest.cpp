@@ -155,12 +155,13 @@ TEST(URLSessionIntegration, TransportFailuresCompleteOnceWithPlatformCodes) {
   const std::vector<Case> cases{
       {"refused",
        zu::URLRequest(*zu::URL::fromString("https://127.0.0.1:" + std::to_string(refusing.port()) + "/")),
-       -1004},
-      {"stalled", withTimeout(url("/stall"), 1), -1001},
-      {"stalled, with a time-out under a second", withTimeout(url("/stall"), 0.25), -1001},
+       zu::URLError::cannotConnectToHost},
+      {"stalled", withTimeout(url("/stall"), 1), zu::URLError::timedOut},
+      {"stalled, with a time-out under a second", withTimeout(url("/stall"), 0.25), zu::URLError::timedOut},
       {"stalled after sending its body", posting(withTimeout(url("/upload?gate=closed"), 0.5), 64 << 10),
-       -1001},
-      {"truncated", zu::URLRequest(url("/truncated?size=100000&sent=10")), -1005},
+       zu::URLError::timedOut},
+      {"truncated", zu::URLRequest(url("/truncated?size=100000&sent=10")),
+       zu::URLError::networkConnectionLost},
   };
   for (const auto& c : cases) {
     Exchange exchange;
@@ -178,7 +179,7 @@ TEST(URLSessionIntegration, UntrustedCertificateIsRejected) {
   Exchange exchange;
   session->dataTask(zu::URLRequest(url("/json")), exchange.completion())->resume();
   ASSERT_TRUE(exchange.calls.waitFor(1));
-  EXPECT_EQ(exchange.errorCode(), -1202);
+  EXPECT_EQ(exchange.errorCode(), zu::URLError::serverCertificateUntrusted);
   EXPECT_EQ(exchange.error->localizedDescription(), "The certificate for this server is invalid.");
 }
 
@@ -198,14 +199,14 @@ TEST(URLSessionIntegration, CancelCompletesOnceWithMinus999) {
   task->cancel();
   task->cancel();
   expectExactlyOnce(running);
-  EXPECT_EQ(running.errorCode(), -999);
+  EXPECT_EQ(running.errorCode(), zu::URLError::cancelled);
 
   Exchange suspended;
   auto never = zu::URLSession::shared()->dataTask(zu::URLRequest(url("/json")), suspended.completion());
   never->cancel();
   never->resume();
   expectExactlyOnce(suspended);
-  EXPECT_EQ(suspended.errorCode(), -999);
+  EXPECT_EQ(suspended.errorCode(), zu::URLError::cancelled);
 
   // A session that goes away first still owes its tasks their completions.
   Exchange orphan;
@@ -214,7 +215,7 @@ TEST(URLSessionIntegration, CancelCompletesOnceWithMinus999) {
   session.reset();
   left->resume();
   ASSERT_TRUE(orphan.calls.waitFor(1));
-  EXPECT_EQ(orphan.errorCode(), -999);
+  EXPECT_EQ(orphan.errorCode(), zu::URLError::cancelled);
 }
 
 TEST(URLSessionIntegration, AuthorizationFollowsRedirectsOnlyToTheSameHost) {
@@ -306,7 +307,7 @@ TEST(ZuNetworkingIntegration, SendsJSONQueriesAndJudgesStatusesOverTLS) {
   JSONOutcome garbage;
   networking->sendRequest(url("/garbage"), "GET", {}, std::nullopt, false, garbage.completion());
   ASSERT_TRUE(garbage.calls.waitFor(1));
-  EXPECT_EQ(garbage.error->code(), 3840);
+  EXPECT_EQ(garbage.error->code(), zu::CocoaError::propertyListReadCorrupt);
 }
 
 TEST(ZuNetworkingIntegration, ForegroundUploadStreamsTheFileAndMissingFilesFail) {
@@ -323,7 +324,7 @@ TEST(ZuNetworkingIntegration, ForegroundUploadStreamsTheFileAndMissingFilesFail)
   networking->uploadRequest(url("/upload"), false, "PUT", "video/mp4", {},
                             zu::URL::fileURLWithPath("/nonexistent/file.mp4"), missing.completion());
   ASSERT_TRUE(missing.calls.waitFor(1));
-  EXPECT_EQ(missing.error->code(), -1100);
+  EXPECT_EQ(missing.error->code(), zu::URLError::fileDoesNotExist);
 }
 
 TEST(ZuNetworkingIntegration, UploadPast2GiBStreamsToTheEnd) {

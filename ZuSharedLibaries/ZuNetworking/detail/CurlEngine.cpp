@@ -15,8 +15,8 @@
 #include <string_view>
 #include <utility>
 
-#include "ZuFileManager/detail/FileDescriptor.hpp"
 #include "ZuFoundation/FatalError.hpp"
+#include "ZuFoundation/detail/Posix.hpp"
 #include "ZuNetworking/detail/TransportError.hpp"
 
 namespace zu::detail {
@@ -110,15 +110,10 @@ std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* cont
   auto& transfer = *static_cast<Transfer*>(context);
   const std::size_t length = size * count;
   if (transfer.kind == Engine::Kind::download) {
-    std::size_t written = 0;
-    while (written < length) {
-      const ssize_t n = ::write(transfer.downloadFile.get(), buffer + written, length - written);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) {
-        transfer.failure = urlError(cannotWriteToFile, transfer.url(), systemErrorText(errno));
-        return 0;
-      }
-      written += static_cast<std::size_t>(n);
+    if (const auto error = writeAll(transfer.downloadFile.get(), buffer, length)) {
+      const auto reason = systemErrorText(static_cast<int>(error->code()));
+      transfer.failure = urlError(URLError::cannotWriteToFile, transfer.url(), reason);
+      return 0;
     }
   } else if (transfer.delegated()) {
     transfer.engine->deliverData(transfer, buffer, length);
@@ -130,12 +125,9 @@ std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* cont
 
 std::size_t onUploadRead(char* buffer, std::size_t size, std::size_t count, void* context) {
   auto& transfer = *static_cast<Transfer*>(context);
-  ssize_t n = 0;
-  do {
-    n = ::read(transfer.uploadFile.get(), buffer, size * count);
-  } while (n < 0 && errno == EINTR);
+  const ssize_t n = readSome(transfer.uploadFile.get(), buffer, size * count);
   if (n < 0) {
-    transfer.failure = urlError(fileDoesNotExist, transfer.url(), systemErrorText(errno));
+    transfer.failure = urlError(URLError::fileDoesNotExist, transfer.url(), systemErrorText(errno));
     return CURL_READFUNC_ABORT;
   }
   return static_cast<std::size_t>(n);
@@ -303,9 +295,9 @@ namespace {
 // session.
 void completeWithoutSession(Transfer& transfer, const std::string& url) {
   if (transfer.dataCompletion) {
-    transfer.dataCompletion(std::nullopt, std::nullopt, urlError(cancelled, url));
+    transfer.dataCompletion(std::nullopt, std::nullopt, urlError(URLError::cancelled, url));
   } else if (transfer.downloadCompletion) {
-    transfer.downloadCompletion(std::nullopt, std::nullopt, urlError(cancelled, url));
+    transfer.downloadCompletion(std::nullopt, std::nullopt, urlError(URLError::cancelled, url));
   }
 }
 
@@ -333,7 +325,7 @@ void CurlTask::cancel() {
   }
   if (!engine) return completeWithoutSession(*transfer, originalRequest().url.absoluteString());
   // Never started: it completes as cancelled without touching the network.
-  transfer->failure = urlError(cancelled, originalRequest().url.absoluteString());
+  transfer->failure = urlError(URLError::cancelled, originalRequest().url.absoluteString());
   transfer->task = shared_from_this();
   engine->submit(std::move(transfer));
 }
@@ -420,7 +412,8 @@ std::unique_ptr<Transfer> Engine::prepare(const std::shared_ptr<CurlTask>& task,
   if (uploadFile) {
     transfer->uploadPath = uploadFile->path();
     transfer->uploadFile = FileDescriptor::open(*transfer->uploadPath, O_RDONLY);
-    if (!transfer->uploadFile) transfer->failure = urlError(fileDoesNotExist, url, systemErrorText(errno));
+    if (!transfer->uploadFile)
+      transfer->failure = urlError(URLError::fileDoesNotExist, url, systemErrorText(errno));
   }
   if (kind == Kind::download) {
     std::string pattern = (std::filesystem::temp_directory_path() / "ZuDownload-XXXXXX").string();
@@ -429,7 +422,7 @@ std::unique_ptr<Transfer> Engine::prepare(const std::shared_ptr<CurlTask>& task,
     if (transfer->downloadFile) {
       transfer->downloadPath = pattern;
     } else {
-      transfer->failure = urlError(cannotWriteToFile, url, systemErrorText(errno));
+      transfer->failure = urlError(URLError::cannotWriteToFile, url, systemErrorText(errno));
     }
   }
   transfer->easy.reset(curl_easy_init());
@@ -472,7 +465,7 @@ void Engine::cancel(std::uint64_t taskIdentifier) {
     auto transfer = std::move(it->second);
     active_.erase(it);
     curl_multi_remove_handle(multi_.get(), transfer->easy.get());
-    auto error = urlError(cancelled, transfer->url());
+    auto error = urlError(URLError::cancelled, transfer->url());
     finish(std::move(transfer), std::move(error));
   });
 }
@@ -484,7 +477,7 @@ void Engine::begin(std::unique_ptr<Transfer> transfer) {
   }
   CURL* easy = transfer->easy.get();
   if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) {
-    auto error = urlError(unknown, transfer->url(), "curl_multi_add_handle failed");
+    auto error = urlError(URLError::unknown, transfer->url(), "curl_multi_add_handle failed");
     return finish(std::move(transfer), std::move(error));
   }
   active_.emplace(easy, std::move(transfer));
@@ -553,8 +546,8 @@ std::chrono::milliseconds Engine::expireIdle() {
     active_.erase(it);
     curl_multi_remove_handle(multi_.get(), easy);
     const auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(transfer->idleTimeout);
-    auto error =
-        urlError(timedOut, transfer->url(), "Nothing moved for " + std::to_string(timeout.count()) + " ms");
+    auto error = urlError(URLError::timedOut, transfer->url(),
+                          "Nothing moved for " + std::to_string(timeout.count()) + " ms");
     finish(std::move(transfer), std::move(error));
   }
   return wait;
@@ -564,7 +557,7 @@ void Engine::finish(std::unique_ptr<Transfer> transfer, std::optional<Error> err
   if (stopping()) return abandon(std::move(transfer));
   Transfer& t = *transfer;
   auto response = responseOf(t);
-  if (!error && !response) error = urlError(networkConnectionLost, t.url(), "no HTTP answer");
+  if (!error && !response) error = urlError(URLError::networkConnectionLost, t.url(), "no HTTP answer");
   if (response) t.task->setResponse(*response);
   if (t.dataCompletion) {
     if (error) return t.dataCompletion(std::nullopt, std::move(response), std::move(error));

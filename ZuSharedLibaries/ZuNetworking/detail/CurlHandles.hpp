@@ -2,24 +2,15 @@
 
 #include <curl/curl.h>
 
-#include <memory>
 #include <thread>
+
+#include "ZuFoundation/detail/UniqueHandle.hpp"
 
 namespace zu::detail {
 
-struct CurlEasyDeleter {
-  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct CurlMultiDeleter {
-  void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
-};
-struct CurlSlistDeleter {
-  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-
-using CurlEasy = std::unique_ptr<CURL, CurlEasyDeleter>;
-using CurlMulti = std::unique_ptr<CURLM, CurlMultiDeleter>;
-using CurlSlist = std::unique_ptr<curl_slist, CurlSlistDeleter>;
+using CurlEasy = UniqueHandle<CURL, curl_easy_cleanup>;
+using CurlMulti = UniqueHandle<CURLM, curl_multi_cleanup>;
+using CurlSlist = UniqueHandle<curl_slist, curl_slist_free_all>;
 
 /// Initialises libcurl once per process, before the first handle is made.
 void ensureCurlGlobalInit();

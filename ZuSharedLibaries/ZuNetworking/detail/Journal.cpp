@@ -1,18 +1,15 @@
 #include "ZuNetworking/detail/Journal.hpp"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <system_error>
 
 #include "AnyCodable/JSONSerialization.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
-#include "ZuFileManager/detail/DurableFile.hpp"
 #include "ZuFoundation/UUID.hpp"
+#include "ZuFoundation/detail/Posix.hpp"
 
 namespace zu::detail {
 namespace {
@@ -77,9 +74,9 @@ std::optional<URLRequest> decodeRequest(const AnyCodable::Dictionary& entry) {
 }
 
 std::optional<Journal::Entry> read(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  Data bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  auto object = JSONSerialization::jsonObject(bytes);
+  const auto bytes = readWholeFile(path);
+  if (!bytes) return std::nullopt;
+  auto object = JSONSerialization::jsonObject(*bytes);
   const auto* entry = object ? object->dictionaryValue() : nullptr;
   if (!entry) return std::nullopt;
   auto request = decodeRequest(*entry);

@@ -5,53 +5,53 @@
 namespace zu::detail {
 namespace {
 
-const char* text(URLErrorCode code) {
+const char* text(URLError::Code code) {
   switch (code) {
-    case cancelled:
+    case URLError::cancelled:
       return "cancelled";
-    case badURL:
+    case URLError::badURL:
       return "bad URL";
-    case timedOut:
+    case URLError::timedOut:
       return "The request timed out.";
-    case unsupportedURL:
+    case URLError::unsupportedURL:
       return "unsupported URL";
-    case cannotFindHost:
+    case URLError::cannotFindHost:
       return "A server with the specified hostname could not be found.";
-    case cannotConnectToHost:
+    case URLError::cannotConnectToHost:
       return "Could not connect to the server.";
-    case networkConnectionLost:
+    case URLError::networkConnectionLost:
       return "The network connection was lost.";
-    case httpTooManyRedirects:
+    case URLError::httpTooManyRedirects:
       return "too many HTTP redirects";
-    case fileDoesNotExist:
+    case URLError::fileDoesNotExist:
       return "The file doesn’t exist.";
-    case secureConnectionFailed:
+    case URLError::secureConnectionFailed:
       return "An SSL error has occurred and a secure connection to the server cannot be made.";
-    case serverCertificateUntrusted:
+    case URLError::serverCertificateUntrusted:
       return "The certificate for this server is invalid.";
-    case cannotWriteToFile:
+    case URLError::cannotWriteToFile:
       return "The file couldn’t be saved.";
-    case unknown:
+    case URLError::unknown:
       break;
   }
   return "unknown error";
 }
 
-URLErrorCode codeFor(CURLcode result) {
+URLError::Code codeFor(CURLcode result) {
   switch (result) {
     case CURLE_ABORTED_BY_CALLBACK:
-      return cancelled;
+      return URLError::cancelled;
     case CURLE_URL_MALFORMAT:
-      return badURL;
+      return URLError::badURL;
     case CURLE_UNSUPPORTED_PROTOCOL:
-      return unsupportedURL;
+      return URLError::unsupportedURL;
     case CURLE_OPERATION_TIMEDOUT:
-      return timedOut;
+      return URLError::timedOut;
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY:
-      return cannotFindHost;
+      return URLError::cannotFindHost;
     case CURLE_COULDNT_CONNECT:
-      return cannotConnectToHost;
+      return URLError::cannotConnectToHost;
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
     case CURLE_PARTIAL_FILE:
@@ -60,29 +60,29 @@ URLErrorCode codeFor(CURLcode result) {
     case CURLE_HTTP2_STREAM:
     case CURLE_WEIRD_SERVER_REPLY:
     case CURLE_BAD_CONTENT_ENCODING:
-      return networkConnectionLost;
+      return URLError::networkConnectionLost;
     case CURLE_TOO_MANY_REDIRECTS:
-      return httpTooManyRedirects;
+      return URLError::httpTooManyRedirects;
     case CURLE_READ_ERROR:
-      return fileDoesNotExist;
+      return URLError::fileDoesNotExist;
     case CURLE_WRITE_ERROR:
-      return cannotWriteToFile;
+      return URLError::cannotWriteToFile;
     case CURLE_PEER_FAILED_VERIFICATION:
     case CURLE_SSL_CACERT_BADFILE:
     case CURLE_SSL_ISSUER_ERROR:
-      return serverCertificateUntrusted;
+      return URLError::serverCertificateUntrusted;
     case CURLE_SSL_CONNECT_ERROR:
     case CURLE_SSL_CERTPROBLEM:
     case CURLE_SSL_CIPHER:
-      return secureConnectionFailed;
+      return URLError::secureConnectionFailed;
     default:
-      return unknown;
+      return URLError::unknown;
   }
 }
 
 }  // namespace
 
-Error urlError(URLErrorCode code, const std::string& failingURL, const std::string& detail) {
+Error urlError(URLError::Code code, const std::string& failingURL, const std::string& detail) {
   Error::UserInfo info;
   info.set(std::string(Error::localizedDescriptionKey), text(code));
   info.set("NSErrorFailingURLStringKey", failingURL);

@@ -4,20 +4,16 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <type_traits>
 
 #include "ZuFoundation/Data.hpp"
+#include "ZuFoundation/detail/UniqueHandle.hpp"
 
 // libplist stays behind this header: public headers never see `plist_t`.
 namespace zu::detail {
 
-struct PlistFree {
-  void operator()(plist_t node) const { plist_free(node); }
-};
-
 /// Owns a libplist node tree (a root node, or one not yet handed to a container).
-using Plist = std::unique_ptr<std::remove_pointer_t<plist_t>, PlistFree>;
+using Plist = UniqueHandle<std::remove_pointer_t<plist_t>, plist_free>;
 
 /// Parses a binary or XML property list; an empty handle when the bytes are neither.
 inline Plist parsePlist(const std::uint8_t* bytes, std::size_t size) {
@@ -32,7 +28,7 @@ inline Data binaryPlist(plist_t root) {
   char* bytes = nullptr;
   std::uint32_t length = 0;
   plist_to_bin(root, &bytes, &length);
-  const std::unique_ptr<char, void (*)(char*)> owned(bytes, &plist_to_bin_free);
+  const UniqueHandle<char, plist_to_bin_free> owned(bytes);
   return Data(bytes, bytes + length);
 }
 
