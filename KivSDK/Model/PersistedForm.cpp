@@ -8,7 +8,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "KivSDK/Model/detail/BinaryPlistReader.hpp"
 #include "KivSDK/Model/detail/BinaryPlistWriter.hpp"
@@ -256,13 +259,83 @@ class ValueReader final : public zu::SingleValueDecoder {
   int depth_;
 };
 
+// ---- The records' stored fields. One table per record names each field's key and member, in declaration
+// order; the writer and the reader both walk it.
+
+template <class Record, class Value>
+struct Field {
+  std::string_view key;
+  Value Record::*member;
+};
+
+template <class Record, class Value>
+constexpr Field<Record, Value> field(std::string_view key, Value Record::*member) {
+  return {key, member};
+}
+
+template <class Record>
+struct Stored;
+
+template <>
+struct Stored<KivFile> {
+  static constexpr auto fields = std::tuple{
+      field("name", &KivFile::name),
+      field("description", &KivFile::description),
+      field("ext", &KivFile::ext),
+      field("fileType", &KivFile::fileType),
+      field("dateTaken", &KivFile::dateTaken),
+      field("slug", &KivFile::slug),
+      field("_metadata", &KivFile::_metadata),
+      field("hash", &KivFile::hash),
+      field("remoteUrl", &KivFile::remoteUrl),
+      field("_lastFileUploadAttemptDate", &KivFile::_lastFileUploadAttemptDate),
+  };
+  static constexpr std::string_view shape = "a file dictionary";
+  /// A record whose every field the reader then sets.
+  static KivFile blank() { return KivFile({}, {}, zu::Date()); }
+};
+
+template <>
+struct Stored<KivReport> {
+  static constexpr auto fields = std::tuple{
+      field("id", &KivReport::id),
+      field("name", &KivReport::name),
+      field("created", &KivReport::created),
+      field("note", &KivReport::note),
+      field("files", &KivReport::files),
+      field("slug", &KivReport::slug),
+      field("certificationRequestedDate", &KivReport::certificationRequestedDate),
+      field("_metadata", &KivReport::_metadata),
+      field("hash", &KivReport::hash),
+      field("email", &KivReport::email),
+      field("_proofStatusInt", &KivReport::_proofStatusInt),
+  };
+  static constexpr std::string_view shape = "a report dictionary";
+  /// A record whose every field the reader then sets.
+  static KivReport blank() { return KivReport({}); }
+};
+
+/// Calls `visit(field, position)` for each field of `Record`'s table, in order.
+template <class Record, class Visit>
+void forEachField(Visit visit) {
+  constexpr auto& fields = Stored<Record>::fields;
+  [&]<std::size_t... I>(std::index_sequence<I...>) { (visit(std::get<I>(fields), I), ...); }
+  (std::make_index_sequence<std::tuple_size_v<std::remove_cvref_t<decltype(fields)>>>{});
+}
+
+template <class T>
+constexpr bool kIsOptional = false;
+template <class T>
+constexpr bool kIsOptional<std::optional<T>> = true;
+
 // ---- Encoding the records.
 
 Ref write(BinaryPlistWriter& out, const std::string& text) { return out.string(text); }
 Ref write(BinaryPlistWriter& out, zu::Date date) { return writeDate(out, date); }
 Ref write(BinaryPlistWriter& out, const zu::URL& url) { return writeURL(out, url); }
 Ref write(BinaryPlistWriter& out, const zu::UUID& id) { return out.string(id.uuidString()); }
-Ref write(BinaryPlistWriter& out, std::int64_t integer) { return out.integer(integer); }
+Ref write(BinaryPlistWriter& out, int integer) { return out.integer(integer); }
+Ref write(BinaryPlistWriter& out, KivFile::FileType type) { return out.integer(zu::rawValue(type)); }
 
 Ref write(BinaryPlistWriter& out, const zu::FlatMetadata& metadata) {
   std::vector<Ref> pairs;
@@ -281,76 +354,40 @@ Ref write(BinaryPlistWriter& out, const zu::FlatMetadata& metadata) {
 
 Ref write(BinaryPlistWriter& out, const std::vector<KivFile>& files);  // a report's files, below
 
-// One record's dictionary, key by key in the order given.
-class DictionaryWriter {
- public:
-  explicit DictionaryWriter(BinaryPlistWriter& out) : out_(out) {}
-
-  template <class T>
-  DictionaryWriter& set(const char* key, const T& value) {
-    keys_.push_back(out_.string(key));
-    values_.push_back(write(out_, value));
-    return *this;
-  }
-  template <class T>
-  DictionaryWriter& setIfPresent(const char* key, const std::optional<T>& value) {
-    return value ? set(key, *value) : *this;
-  }
-  Ref finish() { return out_.dictionary(keys_, values_); }
-
- private:
-  BinaryPlistWriter& out_;
-  std::vector<Ref> keys_;
-  std::vector<Ref> values_;
-};
-
-Ref write(BinaryPlistWriter& out, const KivFile& file) {
-  return DictionaryWriter(out)
-      .set("name", file.name)
-      .setIfPresent("description", file.description)
-      .set("ext", file.ext)
-      .set("fileType", std::int64_t{zu::rawValue(file.fileType)})
-      .set("dateTaken", file.dateTaken)
-      .setIfPresent("slug", file.slug)
-      .setIfPresent("_metadata", file._metadata)
-      .setIfPresent("hash", file.hash)
-      .setIfPresent("remoteUrl", file.remoteUrl)
-      .setIfPresent("_lastFileUploadAttemptDate", file._lastFileUploadAttemptDate)
-      .finish();
+// A record's dictionary: its fields in the table's order, absent optionals left out.
+template <class Record>
+Ref writeRecord(BinaryPlistWriter& out, const Record& record) {
+  std::vector<Ref> keys;
+  std::vector<Ref> values;
+  forEachField<Record>([&](const auto& field, std::size_t) {
+    const auto& value = record.*field.member;
+    if constexpr (kIsOptional<std::remove_cvref_t<decltype(value)>>) {
+      if (!value) return;
+      keys.push_back(out.string(field.key));
+      values.push_back(write(out, *value));
+    } else {
+      keys.push_back(out.string(field.key));
+      values.push_back(write(out, value));
+    }
+  });
+  return out.dictionary(keys, values);
 }
 
 Ref write(BinaryPlistWriter& out, const std::vector<KivFile>& files) {
   std::vector<Ref> elements;
   elements.reserve(files.size());
-  for (const auto& file : files) elements.push_back(write(out, file));
+  for (const auto& file : files) elements.push_back(writeRecord(out, file));
   return out.array(elements);
-}
-
-Ref write(BinaryPlistWriter& out, const KivReport& report) {
-  return DictionaryWriter(out)
-      .setIfPresent("id", report.id)
-      .set("name", report.name)
-      .set("created", report.created)
-      .setIfPresent("note", report.note)
-      .set("files", report.files)
-      .setIfPresent("slug", report.slug)
-      .setIfPresent("certificationRequestedDate", report.certificationRequestedDate)
-      .setIfPresent("_metadata", report._metadata)
-      .setIfPresent("hash", report.hash)
-      .setIfPresent("email", report.email)
-      .set("_proofStatusInt", std::int64_t{report._proofStatusInt})
-      .finish();
 }
 
 // ---- Decoding the records. Each reader takes the value under `key` and fails on a value of another type.
 
-// The values of a record's fields, found in one pass over its dictionary; other keys are ignored.
+// The values of a dictionary's fields, found in one pass over it by their keys; other keys are ignored.
 template <std::size_t N>
 class Fields {
  public:
   Fields(const Document& document, const BinaryPlistReader::Dictionary& members,
-         const std::array<std::string_view, N>& names)
-      : names_(names) {
+         const std::array<std::string_view, N>& names) {
     std::string buffer;
     for (std::uint64_t i = 0; i < members.keys.size(); ++i) {
       const auto key = document.plist().text(members.keys[i], buffer);
@@ -360,23 +397,20 @@ class Fields {
     }
   }
 
-  std::optional<Ref> operator[](std::string_view name) const {
-    const auto named = std::find(names_.begin(), names_.end(), name);
-    return named == names_.end() ? std::nullopt : values_[static_cast<std::size_t>(named - names_.begin())];
-  }
+  /// The value of the field named at `position`.
+  std::optional<Ref> operator[](std::size_t position) const { return values_[position]; }
 
  private:
-  const std::array<std::string_view, N>& names_;
   std::array<std::optional<Ref>, N> values_;
 };
 
-constexpr std::array<std::string_view, 11> kReportFields{
-    "id",        "name", "created", "note",           "files", "slug", "certificationRequestedDate",
-    "_metadata", "hash", "email",   "_proofStatusInt"};
-constexpr std::array<std::string_view, 10> kFileFields{
-    "name", "description", "ext",  "fileType",  "dateTaken",
-    "slug", "_metadata",   "hash", "remoteUrl", "_lastFileUploadAttemptDate"};
-constexpr std::array<std::string_view, 2> kURLFields{"relative", "base"};
+template <std::size_t N>
+Fields<N> readFields(Document& document, Ref ref, const std::array<std::string_view, N>& names,
+                     std::string_view key, std::string_view expected) {
+  const auto members = document.dictionary(ref);
+  if (!members) mismatch(key, expected);
+  return Fields<N>(document, *members, names);
+}
 
 std::string readString(Document& document, Ref ref, std::string_view key) {
   auto text = document.string(ref);
@@ -396,41 +430,36 @@ std::int64_t readInteger(Document& document, Ref ref, std::string_view key) {
   return *integer;
 }
 
+int readInt(Document& document, Ref ref, std::string_view key) {
+  const auto integer = readInteger(document, ref, key);
+  if (integer < INT_MIN || integer > INT_MAX) mismatch(key, "an Int");
+  return static_cast<int>(integer);
+}
+
+KivFile::FileType readFileType(Document& document, Ref ref, std::string_view key) {
+  const auto integer = readInteger(document, ref, key);
+  const auto type = integer < INT_MIN || integer > INT_MAX
+                        ? std::nullopt
+                        : zu::fromRawValue<KivFile::FileType>(static_cast<int>(integer));
+  if (!type)
+    fail(kReadCorruptCode, "Cannot initialize FileType from invalid Int value " + std::to_string(integer));
+  return *type;
+}
+
 zu::UUID readUUID(Document& document, Ref ref, std::string_view key) {
   const auto id = zu::UUID::fromString(readString(document, ref, key));
   if (!id) mismatch(key, "a UUID text");
   return *id;
 }
 
-template <std::size_t N>
-Fields<N> readFields(Document& document, Ref ref, const std::array<std::string_view, N>& names,
-                     std::string_view key, std::string_view expected) {
-  const auto members = document.dictionary(ref);
-  if (!members) mismatch(key, expected);
-  return Fields<N>(document, *members, names);
-}
-
-template <std::size_t N, class Read>
-auto required(Document& document, const Fields<N>& fields, const char* key, Read read) {
-  const auto ref = fields[key];
-  if (!ref) fail(kReadCorruptCode, "No value for the key \"" + std::string(key) + "\"");
-  return read(document, *ref, key);
-}
-
-template <std::size_t N, class Read>
-auto optional(Document& document, const Fields<N>& fields, const char* key, Read read)
-    -> std::optional<decltype(read(document, Ref{}, key))> {
-  const auto ref = fields[key];
-  if (!ref || document.isNull(*ref)) return std::nullopt;
-  return read(document, *ref, key);
-}
-
+// The platform's URL encoding: the text under "relative", resolved against "base" when there is one.
 zu::URL readURL(Document& document, Ref ref, std::string_view key) {
-  const auto fields = readFields(document, ref, kURLFields, key, "a URL dictionary");
-  const auto relative = fields["relative"];
+  static constexpr std::array<std::string_view, 2> kNames{"relative", "base"};
+  const auto fields = readFields(document, ref, kNames, key, "a URL dictionary");
+  const auto relative = fields[0];
   auto url = relative ? zu::URL::fromString(readString(document, *relative, key)) : std::nullopt;
   // A relative reference would need resolving against "base", which URLs of this SDK never carry.
-  if (!url || (fields["base"] && url->scheme().empty())) mismatch(key, "an absolute URL");
+  if (!url || (fields[1] && url->scheme().empty())) mismatch(key, "an absolute URL");
   return std::move(*url);
 }
 
@@ -452,23 +481,45 @@ zu::FlatMetadata readMetadata(Document& document, Ref ref, std::string_view key)
   return metadata;
 }
 
-KivFile readFile(Document& document, Ref ref, std::string_view key) {
-  const auto fields = readFields(document, ref, kFileFields, key, "a file dictionary");
-  KivFile file(required(document, fields, "name", readString), required(document, fields, "ext", readString),
-               required(document, fields, "dateTaken", readDate));
-  const auto fileType = required(document, fields, "fileType", readInteger);
-  if (fileType < INT_MIN || fileType > INT_MAX ||
-      !zu::fromRawValue<KivFile::FileType>(static_cast<int>(fileType))) {
-    fail(kReadCorruptCode, "Cannot initialize FileType from invalid Int value " + std::to_string(fileType));
-  }
-  file.fileType = static_cast<KivFile::FileType>(fileType);
-  file.description = optional(document, fields, "description", readString);
-  file.slug = optional(document, fields, "slug", readString);
-  file._metadata = optional(document, fields, "_metadata", readMetadata);
-  file.hash = optional(document, fields, "hash", readString);
-  file.remoteUrl = optional(document, fields, "remoteUrl", readURL);
-  file._lastFileUploadAttemptDate = optional(document, fields, "_lastFileUploadAttemptDate", readDate);
-  return file;
+std::vector<KivFile> readFiles(Document& document, Ref ref, std::string_view key);  // below
+
+// The reader of each type a record's field holds.
+template <class T>
+T read(Document& document, Ref ref, std::string_view key) {
+  if constexpr (std::is_same_v<T, std::string>) return readString(document, ref, key);
+  if constexpr (std::is_same_v<T, zu::Date>) return readDate(document, ref, key);
+  if constexpr (std::is_same_v<T, int>) return readInt(document, ref, key);
+  if constexpr (std::is_same_v<T, KivFile::FileType>) return readFileType(document, ref, key);
+  if constexpr (std::is_same_v<T, zu::UUID>) return readUUID(document, ref, key);
+  if constexpr (std::is_same_v<T, zu::URL>) return readURL(document, ref, key);
+  if constexpr (std::is_same_v<T, zu::FlatMetadata>) return readMetadata(document, ref, key);
+  if constexpr (std::is_same_v<T, std::vector<KivFile>>) return readFiles(document, ref, key);
+}
+
+// A record from its dictionary: a required field must be there; an optional one may be missing or "$null".
+template <class Record>
+Record readRecord(Document& document, Ref ref, std::string_view key) {
+  static constexpr auto kNames = std::apply(
+      [](const auto&... field) { return std::array<std::string_view, sizeof...(field)>{field.key...}; },
+      Stored<Record>::fields);
+  const auto fields = readFields(document, ref, kNames, key, Stored<Record>::shape);
+  Record record = Stored<Record>::blank();
+  forEachField<Record>([&](const auto& field, std::size_t position) {
+    auto& value = record.*field.member;
+    using Value = std::remove_cvref_t<decltype(value)>;
+    const auto found = fields[position];
+    if constexpr (kIsOptional<Value>) {
+      if (!found || document.isNull(*found)) {
+        value = std::nullopt;
+      } else {
+        value = read<typename Value::value_type>(document, *found, field.key);
+      }
+    } else {
+      if (!found) fail(kReadCorruptCode, "No value for the key \"" + std::string(field.key) + "\"");
+      value = read<Value>(document, *found, field.key);
+    }
+  });
+  return record;
 }
 
 std::vector<KivFile> readFiles(Document& document, Ref ref, std::string_view key) {
@@ -477,26 +528,8 @@ std::vector<KivFile> readFiles(Document& document, Ref ref, std::string_view key
   std::vector<KivFile> files;
   files.reserve(elements->size());
   for (std::uint64_t i = 0; i < elements->size(); ++i)
-    files.push_back(readFile(document, (*elements)[i], key));
+    files.push_back(readRecord<KivFile>(document, (*elements)[i], key));
   return files;
-}
-
-KivReport readReport(Document& document, Ref ref) {
-  const auto fields = readFields(document, ref, kReportFields, "report", "a report dictionary");
-  KivReport report(required(document, fields, "name", readString));
-  report.id = optional(document, fields, "id", readUUID);
-  report.created = required(document, fields, "created", readDate);
-  report.note = optional(document, fields, "note", readString);
-  report.files = required(document, fields, "files", readFiles);
-  report.slug = optional(document, fields, "slug", readString);
-  report.certificationRequestedDate = optional(document, fields, "certificationRequestedDate", readDate);
-  report._metadata = optional(document, fields, "_metadata", readMetadata);
-  report.hash = optional(document, fields, "hash", readString);
-  report.email = optional(document, fields, "email", readString);
-  const auto status = required(document, fields, "_proofStatusInt", readInteger);
-  if (status < INT_MIN || status > INT_MAX) mismatch("_proofStatusInt", "an Int");
-  report._proofStatusInt = static_cast<int>(status);
-  return report;
 }
 
 // A list in another form libplist reads (XML) comes from elsewhere and is small: it is turned binary, so that
@@ -514,7 +547,7 @@ zu::Result<zu::Data> encodeReports(const std::vector<KivReport>& reports) {
     BinaryPlistWriter out;
     std::vector<Ref> elements;
     elements.reserve(reports.size());
-    for (const auto& report : reports) elements.push_back(write(out, report));
+    for (const auto& report : reports) elements.push_back(writeRecord(out, report));
     return out.finish(out.array(elements));
   } catch (const CodingFailure& failure) {
     return codingError(failure);
@@ -533,7 +566,7 @@ zu::Result<std::vector<KivReport>> decodeReports(const zu::Data& bytes) {
   reports.reserve(elements->size());
   for (std::uint64_t i = 0; i < elements->size(); ++i) {
     try {
-      reports.push_back(readReport(document, (*elements)[i]));
+      reports.push_back(readRecord<KivReport>(document, (*elements)[i], "report"));
     } catch (const CodingFailure& failure) {
       return codingError({failure.code, "Report " + std::to_string(i) + ": " + failure.message});
     }
