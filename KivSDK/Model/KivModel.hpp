@@ -16,6 +16,16 @@ namespace kiv {
  * format version is discarded, never migrated. No failure leaves here: a list that cannot be saved leaves no
  * list stored, one that cannot be read loads as empty.
  *
+ * Load once at start-up, then persist. The first load on a device finds no format version, so it sets the
+ * store up: it writes the version and discards whatever list is stored, including one persisted earlier in
+ * the same run. A host that persisted before its first load would lose that list.
+ *
+ * @code
+ * std::vector<kiv::KivReport> reports = kiv::KivModel::loadFromStore();  // at start-up
+ * reports.push_back(kiv::KivReport("Water damage, kitchen"));
+ * kiv::KivModel::persist(reports);
+ * @endcode
+ *
  * @par Thread Safety
  * Both operations may be called from any thread and from several processes at once; each persist replaces
  * the whole list atomically, so concurrent callers leave the last writer's complete list.
@@ -39,8 +49,8 @@ class KivModel {
 
   /**
    * The stored list, or an empty one. When the stored version is not 5 (a first launch included) the list is
-   * removed, version 5 is written and the result is empty. Bytes that do not decode load as an empty list
-   * and stay stored until the next persist.
+   * removed, version 5 is written and the result is empty: call it at start-up, before the first persist.
+   * Bytes that do not decode load as an empty list and stay stored until the next persist.
    */
   static std::vector<KivReport> loadFromStore();
 };
