@@ -23,12 +23,14 @@ check_format() {
 check_tidy() {
   cmake --preset default >/dev/null
   cmake --preset bench >/dev/null
-  # Each source is read with the flags of the build that compiles it. The package consumer is compiled only
-  # against an installed SDK (by the package tests), so it is read with the include path that install gives.
+  # Each source is read with the flags of the build that compiles it. The package consumers are compiled only
+  # against an installed SDK (by the package tests), so they are read with the include paths install gives.
+  local consumer_flags
+  consumer_flags=$(echo -std=c++20 -fPIC -IZuSharedLibaries -I. $(pkg-config --cflags Qt6Widgets))
   {
     sources ':!bench' ':!tests/package' | grep -E '\.cpp$' | sed 's|^|-p build/default |'
     sources bench | grep -E '\.cpp$' | sed 's|^|-p build/bench |'
-    sources tests/package | grep -E '\.cpp$' | sed 's|$| -- -std=c++20 -IZuSharedLibaries -I.|'
+    sources tests/package | grep -E '\.cpp$' | sed "s|\$| -- $consumer_flags|"
   } | xargs -P "$jobs" -L 1 clang-tidy --quiet --warnings-as-errors='*' 2>/dev/null
 }
 
