@@ -5,7 +5,9 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <string_view>
 #include <type_traits>
+#include <unordered_map>
 
 #include "ZuFoundation/Result.hpp"
 #include "ZuFoundation/detail/TypeName.hpp"
@@ -162,6 +164,23 @@ AnyCodable::Dictionary::Dictionary(std::initializer_list<Entry> entries) {
   for (const auto& [key, value] : entries) insert(key, value);
 }
 
+AnyCodable::Dictionary AnyCodable::Dictionary::fromEntries(std::vector<Entry> entries) {
+  Dictionary dictionary;
+  // Reserved up front: the positions' keys view the texts where they stay.
+  dictionary.entries_.reserve(entries.size());
+  std::unordered_map<std::string_view, std::size_t> positions;
+  positions.reserve(entries.size());
+  for (auto& [key, value] : entries) {
+    if (const auto position = positions.find(key); position != positions.end()) {
+      dictionary.entries_[position->second].second = std::move(value);
+      continue;
+    }
+    const auto& added = dictionary.entries_.emplace_back(std::move(key), std::move(value));
+    positions.emplace(added.first, dictionary.entries_.size() - 1);
+  }
+  return dictionary;
+}
+
 const AnyCodable* AnyCodable::Dictionary::find(std::string_view key) const {
   const auto entry =
       std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.first == key; });
@@ -248,13 +267,14 @@ Result<AnyCodable> AnyCodable::decode(const SingleValueDecoder& decoder) {
     return AnyCodable(std::move(array));
   }
   if (auto members = decoder.decodeDictionary()) {
-    Dictionary dictionary;
-    for (const auto& [key, member] : *members) {
+    std::vector<Dictionary::Entry> entries;
+    entries.reserve(members->size());
+    for (auto& [key, member] : *members) {
       auto decoded = decode(*member);
       if (!decoded) return decoded.error();
-      dictionary.set(key, std::move(*decoded));
+      entries.emplace_back(std::move(key), std::move(*decoded));
     }
-    return AnyCodable(std::move(dictionary));
+    return AnyCodable(Dictionary::fromEntries(std::move(entries)));
   }
   return codingError(CocoaError::coderReadCorrupt, "AnyCodable value cannot be decoded",
                      decoder.codingPath());

@@ -2,10 +2,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace zu {
@@ -71,12 +73,20 @@ class JsonWriter final : public SingleValueEncoder {  // NOLINT(bugprone-excepti
   std::optional<std::string> failure_;
 };
 
-// Answers `AnyCodable::decode`'s questions about one node of a parsed document.
+// Answers `AnyCodable::decode`'s questions about one node of a parsed document. A reader knows only its
+// parent and its own key (an array position, or the parsed key it points into), so a child costs the same
+// at any depth; the coding path is spelled out only when a failure asks for it.
 class JsonReader final : public SingleValueDecoder {
  public:
-  JsonReader(const ParsedJson& node, std::vector<std::string> path) : node_(node), path_(std::move(path)) {}
+  explicit JsonReader(const ParsedJson& node) : node_(node) {}
 
-  std::vector<std::string> codingPath() const override { return path_; }
+  std::vector<std::string> codingPath() const override {
+    std::vector<std::string> path;
+    for (const JsonReader* reader = this; reader->parent_; reader = reader->parent_)
+      path.push_back(reader->key());
+    std::reverse(path.begin(), path.end());
+    return path;
+  }
   bool decodeNil() const override { return node_.is_null(); }
   std::optional<bool> decodeBool() const override {
     if (!node_.is_boolean()) return std::nullopt;
@@ -109,7 +119,7 @@ class JsonReader final : public SingleValueDecoder {
     Elements elements;
     elements.reserve(node_.size());
     for (std::size_t i = 0; i < node_.size(); ++i) {
-      elements.push_back(child(node_[i], "Index " + std::to_string(i)));
+      elements.push_back(std::make_unique<JsonReader>(node_[i], *this, i));
     }
     return elements;
   }
@@ -117,23 +127,31 @@ class JsonReader final : public SingleValueDecoder {
     if (!node_.is_object()) return std::nullopt;
     Members members;
     members.reserve(node_.size());
-    for (const auto& [key, value] : node_.items()) members.emplace_back(key, child(value, key));
+    for (auto it = node_.begin(); it != node_.end(); ++it) {
+      const std::string& key = it.key();
+      members.emplace_back(key, std::make_unique<JsonReader>(*it, *this, &key));
+    }
     return members;
   }
 
+  // A child of `parent` under an array position or a key of the parsed document.
+  JsonReader(const ParsedJson& node, const JsonReader& parent,
+             std::variant<std::size_t, const std::string*> key)
+      : node_(node), parent_(&parent), key_(key) {}
+
  private:
+  std::string key() const {
+    if (const auto* index = std::get_if<std::size_t>(&key_)) return "Index " + std::to_string(*index);
+    return *std::get<const std::string*>(key_);
+  }
   bool isWhole(double lowest, double beyondHighest) const {
     const double value = node_.get<double>();
     return std::trunc(value) == value && value >= lowest && value < beyondHighest;
   }
-  std::unique_ptr<SingleValueDecoder> child(const ParsedJson& node, std::string key) const {
-    auto path = path_;
-    path.push_back(std::move(key));
-    return std::make_unique<JsonReader>(node, std::move(path));
-  }
 
   const ParsedJson& node_;
-  std::vector<std::string> path_;
+  const JsonReader* parent_ = nullptr;
+  std::variant<std::size_t, const std::string*> key_;
 };
 
 bool isNestedTooDeeply(const Data& data) {
@@ -182,7 +200,7 @@ Result<AnyCodable> JSONSerialization::jsonObject(const Data& data) {
   } catch (const ParsedJson::exception& error) {
     return readError(error.what());
   }
-  return AnyCodable::decode(JsonReader(document, {}));
+  return AnyCodable::decode(JsonReader(document));
 }
 
 }  // namespace zu

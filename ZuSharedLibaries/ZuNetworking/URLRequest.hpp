@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -52,6 +53,10 @@ struct URLRequest {
   std::string httpMethod = "GET";
   HTTPHeaderFields allHTTPHeaderFields;
   std::optional<Data> httpBody;
+  /// The most answer bytes a data or upload task keeps; nothing for no bound. One byte past it the transfer
+  /// stops and completes with what it kept, so the caller sees that the answer was too long without ever
+  /// holding the rest. Downloads, which go to a file, ignore it.
+  std::optional<std::size_t> maximumResponseLength;
 
   std::optional<std::string> value(std::string_view forHTTPHeaderField) const {
     return allHTTPHeaderFields.value(forHTTPHeaderField);

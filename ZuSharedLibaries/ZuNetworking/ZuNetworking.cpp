@@ -123,6 +123,7 @@ Result<URLRequest> ZuNetworking::_request(const URL& forURL, const std::string& 
   }
   URLRequest request(std::move(url), URLRequest::CachePolicy::useProtocolCachePolicy, 60.0);
   request.httpMethod = method;
+  request.maximumResponseLength = maximumJSONResponseLength;
   if (_serverAuthToken && !_serverAuthToken->empty()) request.setValue(*_serverAuthToken, "Authorization");
   request.addValue(contentType, "Content-Type");
   for (const auto& [name, value] : extraHeaders) request.addValue(value, name);
@@ -228,6 +229,11 @@ void ZuNetworking::_process(const std::optional<HTTPURLResponse>& downloadRespon
 
 Result<AnyCodable> ZuNetworking::_payload(const std::optional<Data>& data) {
   if (!data || data->empty()) return Error(ZuError::emptyResponseData());
+  if (data->size() > maximumJSONResponseLength) {
+    return Error(ZuError::invalidResponseData("Response larger than " +
+                                              std::to_string(maximumJSONResponseLength) +
+                                              " bytes, the most that is read as JSON"));
+  }
   auto object = JSONSerialization::jsonObject(*data);
   if (!object) return object;
   if (object->dictionaryValue() || object->arrayValue()) return object;

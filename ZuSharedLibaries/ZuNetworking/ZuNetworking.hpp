@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -39,6 +40,14 @@ namespace zu {
 class ZuNetworking : public URLSessionDelegate, public std::enable_shared_from_this<ZuNetworking> {
  public:
   using Headers = std::map<std::string, std::string>;
+
+  /**
+   * The longest answer, in bytes, that is read as JSON: 4 MiB. A report with its files and metadata is a few
+   * KiB, so this leaves the service ample room while bounding what a broken or hostile server can make the
+   * SDK hold: a parsed answer takes several times its text in memory. A longer answer fails with
+   * `invalidResponseData`, and its transfer stops one byte past the bound instead of buffering the rest.
+   */
+  static constexpr std::size_t maximumJSONResponseLength = std::size_t{4} << 20;
   using JSONCompletion = std::function<void(std::optional<AnyCodable> payload, std::optional<Error> error)>;
   using DictionaryCompletion =
       std::function<void(std::optional<AnyCodable::Dictionary> payload, std::optional<Error> error)>;

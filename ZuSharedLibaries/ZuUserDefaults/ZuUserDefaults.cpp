@@ -1,14 +1,18 @@
 #include "ZuUserDefaults/ZuUserDefaults.hpp"
 
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
 #include <filesystem>
+#include <typeinfo>
 
+#include "ZuDate/ZuDate.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuFoundation/detail/Plist.hpp"
 #include "ZuFoundation/detail/Posix.hpp"
+#include "ZuLogger/ZuLogger.hpp"
 
 namespace zu {
 namespace {
@@ -18,12 +22,44 @@ using detail::Plist;
 
 constexpr std::string_view kFileName = "UserDefaults.plist";
 
+// The top-level dictionary of the file's bytes; nothing when they hold no dictionary.
+Plist rootOf(const Data& bytes) {
+  Plist root = detail::parsePlist(bytes.data(), bytes.size());
+  return PLIST_IS_DICT(root.get()) ? std::move(root) : nullptr;
+}
+
 // The file's top-level dictionary; nothing when the file is missing or holds no dictionary.
 Plist readRoot(const std::string& path) {
   const auto bytes = ZuFileManager::contents(path);
-  if (!bytes) return nullptr;
-  Plist root = detail::parsePlist(bytes->data(), bytes->size());
-  return PLIST_IS_DICT(root.get()) ? std::move(root) : nullptr;
+  return bytes ? rootOf(*bytes) : nullptr;
+}
+
+// Writes `bytes` to a new file at `path`, never over an existing one (EEXIST then).
+std::optional<Error> writeNewFileDurably(const std::string& path, const Data& bytes) {
+  const auto file = FileDescriptor::open(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
+  if (!file) return Error::posix(errno);
+  if (auto error = detail::writeAll(file.get(), bytes.data(), bytes.size())) return error;
+  if (::fsync(file.get()) != 0) return Error::posix(errno);
+  return std::nullopt;
+}
+
+// A store that cannot be read is about to be replaced: its bytes are first copied beside it, to
+// "<store>.corrupt-<UTC time>" (with "-2", "-3", ... when that name is taken, so no earlier copy is ever
+// overwritten), and a warning says where. The replacement's folder flush makes the copy durable too.
+std::optional<Error> keepAside(const std::string& path, const Data& bytes) {
+  constexpr int kAttempts = 1000;
+  const std::string stem = path + ".corrupt-" + stringWithLocalDateTimeForFileNames(Date::now());
+  for (int attempt = 1; attempt <= kAttempts; ++attempt) {
+    const std::string aside = attempt == 1 ? stem : stem + "-" + std::to_string(attempt);
+    const auto error = writeNewFileDurably(aside, bytes);
+    if (!error) {
+      ZuLogger::log("Could not read " + path + "; its bytes are kept in " + aside, &typeid(ZuUserDefaults),
+                    ZuLogger::LogLevel::warning);
+      return std::nullopt;
+    }
+    if (error->code() != EEXIST) return error;
+  }
+  return Error::posix(EEXIST);
 }
 
 // The value under `key`, with the parsed file that owns it.
@@ -56,7 +92,11 @@ Result<void> update(std::mutex& mutex, std::string_view key, Plist value) {
   const FileDescriptor lock = lockStore(path);  // released when closed
   if (!lock) return Error::posix(errno);
 
-  Plist root = readRoot(path);
+  const auto bytes = ZuFileManager::contents(path);
+  Plist root = bytes ? rootOf(*bytes) : nullptr;
+  if (!root && bytes && !bytes->empty()) {
+    if (auto error = keepAside(path, *bytes)) return *error;
+  }
   if (!root) root.reset(plist_new_dict());
   const std::string keyText(key);
   if (value) {

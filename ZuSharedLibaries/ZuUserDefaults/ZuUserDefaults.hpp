@@ -21,9 +21,12 @@ namespace zu {
  *
  * Every write replaces the file atomically and durably (a temporary file in the same folder, flushed,
  * renamed over the old one, then the folder flushed), so a crash or power cut at any moment leaves the old
- * or the new content, never a torn or empty file. A write reads, changes and replaces the whole file while
- * holding an exclusive `flock` on "UserDefaults.plist.lock" beside it: concurrent writers, in this process
- * or others, never lose each other's keys, and for one key the last writer wins.
+ * or the new content, never a torn or empty file. A file that cannot be read (cut short by a disk fault,
+ * mangled by a sync tool) reads as empty, and before the next write replaces it its bytes are copied beside
+ * it as "UserDefaults.plist.corrupt-<yyyyMMdd_HHmmss UTC>" and a warning is logged: nothing is lost silently.
+ * A write reads, changes and replaces the whole file while holding an exclusive `flock` on
+ * "UserDefaults.plist.lock" beside it: concurrent writers, in this process or others, never lose each other's
+ * keys, and for one key the last writer wins.
  *
  * @par Thread Safety
  * All operations may be called from any thread and from several processes at once.

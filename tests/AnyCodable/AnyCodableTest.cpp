@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -52,11 +54,19 @@ TEST(AnyCodable, EqualityNeedsTheSameKind) {
   EXPECT_NE(opaque, opaque);
 }
 
-TEST(AnyCodable, DictionaryLiteralKeepsTheFirstValueOfARepeatedKey) {
+TEST(AnyCodable, RepeatedKeysInLiteralsAndDecodedMembers) {
   const AnyCodable::Dictionary dict{{"a", 1}, {"b", 2}, {"a", 3}};
   ASSERT_EQ(dict.size(), 2U);
   EXPECT_EQ(*dict.find("a"), AnyCodable(1));
   EXPECT_EQ(dict.begin()->first, "a");
+
+  // Decoded members: a repeated key keeps its first place and takes its last value.
+  const auto decoded = AnyCodable::Dictionary::fromEntries({{"a", 1}, {"b", 2}, {"a", 3}, {"c", 4}});
+  ASSERT_EQ(decoded.size(), 3U);
+  EXPECT_EQ(*decoded.find("a"), AnyCodable(3));
+  std::vector<std::string> keys;
+  for (const auto& [key, value] : decoded) keys.push_back(key);
+  EXPECT_EQ(keys, (std::vector<std::string>{"a", "b", "c"}));
 }
 
 TEST(AnyCodable, DescriptionsRenderEachKind) {

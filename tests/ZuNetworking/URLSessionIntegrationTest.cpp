@@ -264,6 +264,22 @@ TEST(URLSessionIntegration, LargeBodiesAndManyConcurrentTasksEachCompleteOnce) {
   for (auto& exchange : exchanges) EXPECT_EQ(exchange->calls.count(), 1);
 }
 
+TEST(URLSessionIntegration, AnAnswerOverItsBoundIsCutOneBytePastItAndCompletes) {
+  zu::URLRequest request(url("/bytes?size=" + std::to_string(8 << 20)));
+  request.maximumResponseLength = 1000;
+  Exchange cut;
+  run(request, cut);
+  EXPECT_FALSE(cut.error);
+  EXPECT_EQ(cut.response->statusCode, 200);
+  ASSERT_EQ(cut.data->size(), 1001u);
+  EXPECT_EQ((*cut.data)[1000], static_cast<std::uint8_t>(1000 % 251));
+
+  request.maximumResponseLength = 8 << 20;  // exactly the answer's length
+  Exchange whole;
+  run(request, whole);
+  EXPECT_EQ(whole.data->size(), std::size_t{8} << 20);
+}
+
 /// What a ZuNetworking completion received.
 struct JSONOutcome {
   CallCounter calls;
@@ -303,6 +319,13 @@ TEST(ZuNetworkingIntegration, SendsJSONQueriesAndJudgesStatusesOverTLS) {
                           std::nullopt, false, notFound.completion());
   ASSERT_TRUE(notFound.calls.waitFor(1));
   EXPECT_EQ(notFound.error->zuError(), zu::ZuError::unsuccesfullHTTPResponseCode(404, "\nNot found."));
+
+  JSONOutcome huge;  // read no further than the bound, then refused
+  networking->sendRequest(url("/bytes?size=" + std::to_string(64 << 20)), "GET", {}, std::nullopt, false,
+                          huge.completion());
+  ASSERT_TRUE(huge.calls.waitFor(1));
+  EXPECT_EQ(huge.error->zuError(), zu::ZuError::invalidResponseData(
+                                       "Response larger than 4194304 bytes, the most that is read as JSON"));
 
   JSONOutcome garbage;
   networking->sendRequest(url("/garbage"), "GET", {}, std::nullopt, false, garbage.completion());

@@ -184,6 +184,23 @@ TEST_F(ZuNetworkingTest, ScalarAndNonJSONBodiesAreRejectedDifferently) {
   EXPECT_EQ(garbage.error->code(), zu::CocoaError::propertyListReadCorrupt);
 }
 
+TEST_F(ZuNetworkingTest, AnswersOverTheBoundAreRefusedUnreadAndTheBoundTravelsWithTheRequest) {
+  constexpr std::size_t bound = zu::ZuNetworking::maximumJSONResponseLength;
+  EXPECT_EQ(networking->_request(kURL, "GET", std::nullopt, "application/json", {})->maximumResponseLength,
+            bound);
+  std::string atBound = "[\"" + std::string(bound - 4, 'x') + "\"]";
+  ASSERT_EQ(atBound.size(), bound);
+  next = status(200, atBound);
+  EXPECT_TRUE(send(false).payload);
+
+  atBound.insert(1, " ");  // one byte past the bound, still JSON
+  next = status(200, atBound);
+  const auto over = send(false);
+  EXPECT_EQ(over.calls, 1);
+  EXPECT_EQ(over.zuError(), ZuError::invalidResponseData(
+                                "Response larger than 4194304 bytes, the most that is read as JSON"));
+}
+
 TEST_F(ZuNetworkingTest, TransportErrorsPassUnchanged) {
   const zu::Error lost(std::string(zu::Error::urlDomain), zu::URLError::networkConnectionLost);
   next = {std::nullopt, std::nullopt, lost, {}};

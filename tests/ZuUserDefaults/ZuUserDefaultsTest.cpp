@@ -5,10 +5,13 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <map>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "ZuLogger/ZuLogger.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace {
@@ -56,6 +59,52 @@ TEST_F(ZuUserDefaultsTest, UnreadableFileIsReplacedOnTheNextWrite) {
   EXPECT_EQ(defaults_.integer("version"), 0);
   ASSERT_TRUE(defaults_.set(5, "version"));
   EXPECT_EQ(defaults_.integer("version"), 5);
+}
+
+// Every file kept aside beside the store, by name, with its bytes.
+std::map<std::string, std::string> keptAside(const std::filesystem::path& folder) {
+  std::map<std::string, std::string> kept;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with("UserDefaults.plist.corrupt-")) kept[name] = readFile(entry.path());
+  }
+  return kept;
+}
+
+TEST_F(ZuUserDefaultsTest, UnreadableFileIsKeptAsideWithAWarningBeforeItIsReplaced) {
+  std::vector<std::string> lines;
+  zu::ZuLogger::setLogLevel(zu::ZuLogger::LogLevel::warning);
+  zu::ZuLogger::setSink([&](std::string_view line) { lines.emplace_back(line); });
+  const auto file = appData_.path() / "UserDefaults.plist";
+  const std::string first("bplist00\0\xFF cut short", 20);
+  writeFile(file, first);
+  ASSERT_TRUE(defaults_.set(5, "version"));
+  auto kept = keptAside(appData_.path());
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(kept.begin()->second, first);
+  EXPECT_TRUE(
+      std::regex_match(kept.begin()->first, std::regex(R"(UserDefaults\.plist\.corrupt-\d{8}_\d{6})")));
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_TRUE(lines[0].starts_with("[Zu] (W) ZuUserDefaults: Could not read ")) << lines[0];
+  EXPECT_TRUE(lines[0].ends_with(kept.begin()->first)) << lines[0];
+
+  // The new file holds the new value alone; a second fault, even within the same second, keeps the first
+  // copy as it was.
+  EXPECT_EQ(defaults_.integer("version"), 5);
+  writeFile(file, "second fault");
+  ASSERT_TRUE(defaults_.removeObject("version"));
+  kept = keptAside(appData_.path());
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_EQ(kept.begin()->second, first);
+  EXPECT_EQ(std::next(kept.begin())->second, "second fault");
+  EXPECT_EQ(readFile(file).substr(0, 8), "bplist00");
+
+  // A store that reads (or an empty one, which holds nothing) is replaced without a copy.
+  writeFile(file, "");
+  ASSERT_TRUE(defaults_.set(1, "version"));
+  EXPECT_EQ(keptAside(appData_.path()).size(), 2u);
+  zu::ZuLogger::setSink({});
+  zu::ZuLogger::setLogLevel(zu::ZuLogger::LogLevel::none);
 }
 
 TEST_F(ZuUserDefaultsTest, XmlFilesAreRead) {

@@ -61,6 +61,9 @@ struct Transfer {
   FileDescriptor downloadFile;
   std::string downloadPath;
   Data received;
+  // Answer bytes kept (buffered or handed to the delegate), and whether the answer went past its bound.
+  std::size_t keptLength = 0;
+  bool cutShort = false;
   HTTPHeaderFields responseHeaders;
   // A failure found outside curl (a missing upload file, a cancel, a full disk); it wins over curl's result.
   std::optional<Error> failure;
@@ -106,6 +109,15 @@ std::size_t onHeader(char* buffer, std::size_t size, std::size_t count, void* co
   return size * count;
 }
 
+// How much of `length` more answer bytes to keep: all of them within the request's bound, else up to one byte
+// past it, which marks the answer as cut short.
+std::size_t lengthToKeep(Transfer& transfer, std::size_t length) {
+  const auto& bound = transfer.task->originalRequest().maximumResponseLength;
+  if (!bound || transfer.keptLength + length <= *bound) return length;
+  transfer.cutShort = true;
+  return *bound + 1 - transfer.keptLength;
+}
+
 std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* context) {
   auto& transfer = *static_cast<Transfer*>(context);
   const std::size_t length = size * count;
@@ -115,12 +127,16 @@ std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* cont
       transfer.failure = urlError(URLError::cannotWriteToFile, transfer.url(), reason);
       return 0;
     }
-  } else if (transfer.delegated()) {
-    transfer.engine->deliverData(transfer, buffer, length);
-  } else {
-    transfer.received.insert(transfer.received.end(), buffer, buffer + length);
+    return length;
   }
-  return length;
+  const std::size_t kept = lengthToKeep(transfer, length);
+  transfer.keptLength += kept;
+  if (transfer.delegated()) {
+    transfer.engine->deliverData(transfer, buffer, kept);
+  } else {
+    transfer.received.insert(transfer.received.end(), buffer, buffer + kept);
+  }
+  return transfer.cutShort ? 0 : length;  // a short count stops the transfer
 }
 
 std::size_t onUploadRead(char* buffer, std::size_t size, std::size_t count, void* context) {
@@ -521,7 +537,10 @@ void Engine::collectFinished() {
     active_.erase(it);
     curl_multi_remove_handle(multi_.get(), transfer->easy.get());
     std::optional<Error> error = std::move(transfer->failure);
-    if (!error && result != CURLE_OK) error = urlError(result, transfer->url(), transfer->errorBuffer);
+    // An answer cut short at its bound completes with the bytes kept; its reader judges them.
+    const bool cutShort = transfer->cutShort && result == CURLE_WRITE_ERROR;
+    if (!error && result != CURLE_OK && !cutShort)
+      error = urlError(result, transfer->url(), transfer->errorBuffer);
     finish(std::move(transfer), std::move(error));
   }
 }
