@@ -1,0 +1,49 @@
+// Measures the SDK's JSON reader on one document.
+//
+//   json_bench <file>    parses <file> with JSONSerialization::jsonObject
+//
+// Run it in its own process per document (run.sh does), so that the peak memory printed belongs to that
+// document. Prints "key=value" lines: the best of three parses in seconds, and the peak resident size in KiB.
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "AnyCodable/JSONSerialization.hpp"
+
+namespace {
+
+constexpr int kRuns = 3;
+
+long peakResidentKiB() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::cerr << "usage: json_bench <file>\n";
+    return 2;
+  }
+  std::ifstream in(argv[1], std::ios::binary);
+  const zu::Data bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  double best = 1e300;
+  for (int run = 0; run < kRuns; ++run) {
+    const auto start = std::chrono::steady_clock::now();
+    const auto value = zu::JSONSerialization::jsonObject(bytes);
+    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    if (!value) {
+      std::cerr << value.error().localizedDescription() << "\n";
+      return 1;
+    }
+  }
+  std::cout << "bytes=" << bytes.size() << "\nparse_seconds=" << best << "\npeak_kib=" << peakResidentKiB()
+            << "\n";
+  return 0;
+}
