@@ -151,23 +151,6 @@ INSTANTIATE_TEST_SUITE_P(OffsetAndReferenceSizes, BinaryPlistReaderWidths,
                          ::testing::Combine(::testing::Values(1u, 2u, 3u, 8u),
                                             ::testing::Values(1u, 2u, 4u, 8u)));
 
-// Follows every reference from the root, as deep as `depth`, reading every value on the way.
-void walk(const BinaryPlistReader& plist, BinaryPlistReader::Ref ref, int depth) {
-  std::string buffer;
-  (void)plist.boolean(ref), (void)plist.integer(ref), (void)plist.real(ref), (void)plist.date(ref);
-  (void)plist.text(ref, buffer);
-  if (depth == 0) return;
-  if (const auto refs = plist.array(ref)) {
-    for (std::uint64_t i = 0; i < refs->size(); ++i) walk(plist, (*refs)[i], depth - 1);
-  }
-  if (const auto members = plist.dictionary(ref)) {
-    for (std::uint64_t i = 0; i < members->keys.size(); ++i) {
-      walk(plist, members->keys[i], depth - 1);
-      walk(plist, members->values[i], depth - 1);
-    }
-  }
-}
-
 TEST(BinaryPlistReaderHostile, MalformedTrailersAreRefused) {
   const Bytes good = document({array({1}), ascii("x")});
   ASSERT_TRUE(BinaryPlistReader::open(good));
@@ -215,19 +198,6 @@ TEST(BinaryPlistReaderHostile, BadOffsetsReferencesAndCountsReadAsInvalid) {
         BinaryPlistReader::open(document({bytes({static_cast<std::uint8_t>(marker), 0, 0, 0, 0})}))->kind(0),
         Kind::Invalid)
         << int(marker);
-  }
-}
-
-// Every byte of a document changed to values that stretch sizes, counts and references: reading never
-// leaves the bytes (the sanitizer build checks) and never hangs.
-TEST(BinaryPlistReaderHostile, EveryByteCorruptedStillReadsWithinBounds) {
-  const Bytes good = document(everyKind(), 2, 2);
-  for (std::size_t at = 0; at < good.size(); ++at) {
-    for (const int value : {0x00, 0x0F, 0x1F, 0x7F, 0xAF, 0xDF, 0xFF}) {
-      Bytes bad = good;
-      bad[at] = static_cast<std::uint8_t>(value);
-      if (const auto plist = BinaryPlistReader::open(bad)) walk(*plist, plist->root(), 3);
-    }
   }
 }
 
