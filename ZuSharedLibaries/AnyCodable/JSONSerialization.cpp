@@ -79,6 +79,10 @@ class JsonWriter final : public SingleValueEncoder {  // NOLINT(bugprone-excepti
 class JsonReader final : public SingleValueDecoder {
  public:
   explicit JsonReader(const ParsedJson& node) : node_(node) {}
+  // A child of `parent` under an array position or a key of the parsed document.
+  JsonReader(const ParsedJson& node, const JsonReader& parent,
+             std::variant<std::size_t, const std::string*> key)
+      : node_(node), parent_(&parent), key_(key) {}
 
   std::vector<std::string> codingPath() const override {
     std::vector<std::string> path;
@@ -133,11 +137,6 @@ class JsonReader final : public SingleValueDecoder {
     }
     return members;
   }
-
-  // A child of `parent` under an array position or a key of the parsed document.
-  JsonReader(const ParsedJson& node, const JsonReader& parent,
-             std::variant<std::size_t, const std::string*> key)
-      : node_(node), parent_(&parent), key_(key) {}
 
  private:
   std::string key() const {
