@@ -64,16 +64,21 @@ double storedSeconds(std::int64_t micros) {
   return static_cast<double>(parts.seconds) + static_cast<double>(parts.micros) / 1e6;
 }
 
+// Whether a date of `seconds` fits the stored form: whole seconds within 32 bits, once rounded to the
+// microsecond.
+bool isStorable(double seconds) { return std::fabs(std::round(seconds * 1e6)) < 0x1p31 * 1e6; }
+
 Ref writeDate(BinaryPlistWriter& out, zu::Date date) {
+  if (!isStorable(date.timeIntervalSinceReferenceDate()))
+    fail(kInvalidValueCode, "Date out of the storable range");
   const double micros = std::round(date.timeIntervalSinceReferenceDate() * 1e6);
-  if (!(std::fabs(micros) < 0x1p31 * 1e6)) fail(kInvalidValueCode, "Date out of the storable range");
   return out.date(storedSeconds(static_cast<std::int64_t>(micros)));
 }
 
 // A date written here reads back exactly; a finer one written elsewhere is truncated toward zero to the
-// microsecond, and one beyond the storable range is taken as it is.
+// microsecond; one beyond the storable range (a metadata value) is taken as it is.
 zu::Date decodeDate(double seconds) {
-  if (!(std::fabs(seconds) < 0x1p31)) return zu::Date(seconds);
+  if (!isStorable(seconds)) return zu::Date(seconds);
   const double nearest = std::round(seconds * 1e6);
   const bool writtenHere = storedSeconds(static_cast<std::int64_t>(nearest)) == seconds;
   return zu::Date((writtenHere ? nearest : std::trunc(seconds * 1e6)) / 1e6);
@@ -420,7 +425,9 @@ std::string readString(Document& document, Ref ref, std::string_view key) {
 
 zu::Date readDate(Document& document, Ref ref, std::string_view key) {
   const auto seconds = document.plist().date(ref);
-  if (!seconds) mismatch(key, "a date");
+  // A record's date beyond the storable range would load but never persist again, and a failed persist
+  // leaves no list at all: such a list is refused here instead, and its bytes stay stored.
+  if (!seconds || !isStorable(*seconds)) mismatch(key, "a date");
   return decodeDate(*seconds);
 }
 
