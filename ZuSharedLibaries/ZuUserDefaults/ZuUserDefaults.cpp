@@ -81,6 +81,17 @@ FileDescriptor lockStore(const std::string& path) {
   return locked == 0 ? std::move(lock) : FileDescriptor();
 }
 
+// The bytes of `root` with `key` set to a copy of `value`, or removed when `value` is null.
+Data changed(plist_t root, std::string_view key, plist_t value) {
+  const std::string keyText(key);
+  if (value) {
+    plist_dict_set_item(root, keyText.c_str(), plist_copy(value));
+  } else {
+    plist_dict_remove_item(root, keyText.c_str());
+  }
+  return detail::binaryPlist(root);
+}
+
 // Read-modify-write of the whole file: sets `key` to `value`, or removes it when `value` is empty.
 Result<void> update(std::mutex& mutex, std::string_view key, Plist value) {
   std::lock_guard guard(mutex);
@@ -92,22 +103,21 @@ Result<void> update(std::mutex& mutex, std::string_view key, Plist value) {
   const FileDescriptor lock = lockStore(path);  // released when closed
   if (!lock) return Error::posix(errno);
 
-  const auto bytes = ZuFileManager::contents(path);
-  Plist root = bytes ? rootOf(*bytes) : nullptr;
-  if (!root && bytes && !bytes->empty()) {
-    if (auto error = keepAside(path, *bytes)) return *error;
-  }
-  if (!root) root.reset(plist_new_dict());
-  const std::string keyText(key);
-  if (value) {
-    plist_dict_set_item(root.get(), keyText.c_str(), value.release());
-  } else {
-    plist_dict_remove_item(root.get(), keyText.c_str());
+  const auto stored = ZuFileManager::contents(path);
+  Plist root = stored ? rootOf(*stored) : nullptr;
+  Data bytes = root ? changed(root.get(), key, value.get()) : Data{};
+  // A store that does not read, or that would not read back once rewritten (libplist drops the bytes of a
+  // key that is not UTF-8), is kept aside and started afresh.
+  if (!root || !rootOf(bytes)) {
+    if (stored && !stored->empty()) {
+      if (auto error = keepAside(path, *stored)) return *error;
+    }
+    root.reset(plist_new_dict());
+    bytes = changed(root.get(), key, value.get());
   }
   // The temporary file's name is fixed: writers hold the lock, so a crashed writer leaves at most one stale
   // temporary file, which the next write replaces.
-  if (auto error = detail::replaceFileDurably(path, path + ".tmp", detail::binaryPlist(root.get())))
-    return *error;
+  if (auto error = detail::replaceFileDurably(path, path + ".tmp", bytes)) return *error;
   return {};
 }
 
