@@ -164,7 +164,7 @@ AnyCodable::Dictionary::Dictionary(std::initializer_list<Entry> entries) {
   for (const auto& [key, value] : entries) insert(key, value);
 }
 
-AnyCodable::Dictionary AnyCodable::Dictionary::fromEntries(std::vector<Entry> entries) {
+AnyCodable::Dictionary AnyCodable::Dictionary::fromEntries(std::vector<Entry>&& entries) {
   Dictionary dictionary;
   // Reserved up front: the positions' keys view the texts where they stay.
   dictionary.entries_.reserve(entries.size());

@@ -80,7 +80,7 @@ class AnyCodable {
     Dictionary(std::initializer_list<Entry> entries);
     /// The entries in their order, built in time linear in their number (a decoded document's members); a
     /// repeated key keeps its first position and takes its last value, as repeated `set` calls would.
-    static Dictionary fromEntries(std::vector<Entry> entries);
+    static Dictionary fromEntries(std::vector<Entry>&& entries);
 
     std::size_t size() const { return entries_.size(); }
     bool empty() const { return entries_.empty(); }

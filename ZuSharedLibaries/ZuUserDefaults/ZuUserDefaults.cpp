@@ -51,10 +51,11 @@ std::optional<Error> keepAside(const std::string& path, const Data& bytes) {
   const std::string stem = path + ".corrupt-" + stringWithLocalDateTimeForFileNames(Date::now());
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     const std::string aside = attempt == 1 ? stem : stem + "-" + std::to_string(attempt);
-    const auto error = writeNewFileDurably(aside, bytes);
+    auto error = writeNewFileDurably(aside, bytes);
     if (!error) {
-      ZuLogger::log("Could not read " + path + "; its bytes are kept in " + aside, &typeid(ZuUserDefaults),
-                    ZuLogger::LogLevel::warning);
+      std::string message = "Could not read ";
+      message.append(path).append("; its bytes are kept in ").append(aside);
+      ZuLogger::log(message, &typeid(ZuUserDefaults), ZuLogger::LogLevel::warning);
       return std::nullopt;
     }
     if (error->code() != EEXIST) return error;
