@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "HttpsServer.hpp"
+#include "ScratchFolder.hpp"
 #include "Storage.hpp"
 #include "TlsConnection.hpp"
 #include "Wire.hpp"
@@ -55,10 +56,8 @@ void frameHead(std::string_view text) {
 }
 
 const UrlSigner& signer() {
-  static const UrlSigner instance = [] {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kiv-fuzz-signer-XXXXXX").string();
-    return UrlSigner(std::filesystem::path(::mkdtemp(pattern.data())) / "key");
-  }();
+  static const ScratchFolder scratch("kiv-fuzz-signer");
+  static const UrlSigner instance(scratch.path() / "key");
   return instance;
 }
 

@@ -4,22 +4,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "ScratchFolder.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuNetworking/detail/Journal.hpp"
 
 namespace {
 
-namespace fs = std::filesystem;
-
 const zu::detail::Journal& journal() {
+  static const ScratchFolder scratch("kiv-fuzz-journal");
   static const zu::detail::Journal instance = [] {
-    const fs::path base = fs::exists("/dev/shm") ? fs::path("/dev/shm") : fs::temp_directory_path();
-    std::string pattern = (base / "kiv-fuzz-journal-XXXXXX").string();
-    zu::ZuFileManager::setApplicationDataDirectory(::mkdtemp(pattern.data()));
+    zu::ZuFileManager::setApplicationDataDirectory(scratch.path().string());
     return zu::detail::Journal("fuzz");
   }();
   return instance;

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 
+#include "ScratchFolder.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuUserDefaults/ZuUserDefaults.hpp"
 
@@ -16,16 +17,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A private folder as the application data folder, in memory where the system has one: every input writes.
+// The application data folder of every input.
+struct DataFolder : ScratchFolder {
+  DataFolder() : ScratchFolder("kiv-fuzz-defaults") {
+    zu::ZuFileManager::setApplicationDataDirectory(path().string());
+  }
+};
+
 const fs::path& folder() {
-  static const fs::path path = [] {
-    const fs::path base = fs::exists("/dev/shm") ? fs::path("/dev/shm") : fs::temp_directory_path();
-    std::string pattern = (base / "kiv-fuzz-defaults-XXXXXX").string();
-    fs::path made = ::mkdtemp(pattern.data());
-    zu::ZuFileManager::setApplicationDataDirectory(made.string());
-    return made;
-  }();
-  return path;
+  static const DataFolder scratch;
+  return scratch.path();
 }
 
 std::string contents(const fs::path& path) {
