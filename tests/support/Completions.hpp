@@ -15,8 +15,8 @@ class CallCounter {
     ++count_;
     changed_.notify_all();
   }
-  /// Whether `expected` calls arrived within `limit`.
-  bool waitFor(int expected, std::chrono::seconds limit = std::chrono::seconds(30)) {
+  /// Whether `expected` calls arrived within `limit`: a bound that only a hang reaches, even when loaded.
+  bool waitFor(int expected, std::chrono::seconds limit = std::chrono::seconds(120)) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, limit, [&] { return count_ >= expected; });
   }

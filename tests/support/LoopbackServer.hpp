@@ -42,6 +42,9 @@ class LoopbackServer {
     server_->new_task_queue = [] { return new httplib::ThreadPool(kWorkers); };
     // Without it, small answers written in two pieces wait for the client's delayed acknowledgement (40 ms).
     server_->set_tcp_nodelay(true);
+    // The library gives a client 5 s per read or write; a client slowed by a loaded machine must not be cut.
+    server_->set_read_timeout(std::chrono::seconds(60));
+    server_->set_write_timeout(std::chrono::seconds(60));
     server_->set_payload_max_length(std::numeric_limits<std::size_t>::max());
     routes();
     port_ = server_->bind_to_any_port("127.0.0.1");
