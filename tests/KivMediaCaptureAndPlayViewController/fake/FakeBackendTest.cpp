@@ -1,44 +1,18 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-
 #include "KivMediaCaptureAndPlayViewController/fake/FakeCaptureDevice.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/FakeMediaPlayer.hpp"
+#include "support/Completions.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace {
 
-/// Counts events from another thread; the test waits for a number of them with a generous bound.
-class Counter {
- public:
-  void add() {
-    {
-      std::lock_guard lock(mutex_);
-      ++count_;
-    }
-    changed_.notify_all();
-  }
-  bool waitFor(int count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(30), [&] { return count_ >= count; });
-  }
-  int count() {
-    std::lock_guard lock(mutex_);
-    return count_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int count_ = 0;
-};
+using zutest::CallCounter;
 
 TEST(FakeBackend, TheCameraMakesMovingFramesAndRecordsTimeOnItsOwnThread) {
   testing_support::TemporaryDirectory folder;
   zu::FakeCaptureDevice device({.framesPerSecond = 200, .frameWidth = 64, .frameHeight = 36});
-  Counter frames;
+  CallCounter frames;
   std::vector<std::uint8_t> first;
   bool moved = false;
   device.setPreviewFrameHandler([&](const zu::Image& frame) {
@@ -47,15 +21,15 @@ TEST(FakeBackend, TheCameraMakesMovingFramesAndRecordsTimeOnItsOwnThread) {
     } else if (!std::equal(first.begin(), first.end(), frame.rgba().begin())) {
       moved = true;
     }
-    frames.add();
+    frames.called();
   });
   EXPECT_EQ(device.setupSession().state, zu::CaptureSessionState::running);
   const zu::URL clip = zu::URL::fileURLWithPath((folder.path() / "clip.mp4").string());
-  Counter finished;
+  CallCounter finished;
   device.startRecording(clip, [&](const zu::URL& url, const std::optional<zu::Error>& error) {
     EXPECT_EQ(url, clip);
     EXPECT_FALSE(error);
-    finished.add();
+    finished.called();
   });
   ASSERT_TRUE(frames.waitFor(10));
   device.setPreviewFrameHandler(nullptr);
@@ -73,10 +47,10 @@ TEST(FakeBackend, ThePlayerPlaysToTheEndOnItsOwnThread) {
   const zu::URL clip = zu::URL::fileURLWithPath((folder.path() / "clip.mp4").string());
   testing_support::writeFile(clip.path(), "placeholder");
   zu::FakeMediaPlayer player({.duration = 0.2, .ticksPerSecond = 200});
-  Counter ends;
-  Counter failures;
-  player.setEndOfItemHandler([&] { ends.add(); });
-  player.setItemFailureHandler([&](const zu::Error&) { failures.add(); });
+  CallCounter ends;
+  CallCounter failures;
+  player.setEndOfItemHandler([&] { ends.called(); });
+  player.setItemFailureHandler([&](const zu::Error&) { failures.called(); });
   player.replaceCurrentItem(clip);
   player.play();
   ASSERT_TRUE(ends.waitFor(1));
