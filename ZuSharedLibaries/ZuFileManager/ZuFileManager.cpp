@@ -20,19 +20,6 @@ using detail::FileDescriptor;
 std::mutex gOverrideMutex;
 std::optional<std::string> gApplicationDataOverride;
 
-// The SDK never changes the environment, so reading it races with nothing of ours.
-std::string defaultApplicationDataDirectory() {
-  const char* xdgDataHome = std::getenv("XDG_DATA_HOME");  // NOLINT(concurrency-mt-unsafe)
-  std::string base;
-  if (xdgDataHome && xdgDataHome[0] == '/') {
-    base = xdgDataHome;
-  } else {
-    const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
-    base = std::string(home ? home : "") + "/.local/share";
-  }
-  return base + "/" + program_invocation_short_name;
-}
-
 // Creates `path` with its parents unless something is there already; stops the program when it cannot.
 void ensureDirectory(const std::string& path) {
   std::error_code error;
@@ -85,6 +72,14 @@ std::optional<Error> move(const std::string& from, const std::string& to) {
 
 }  // namespace
 
+std::string ZuFileManager::userDataDirectory() {
+  // The SDK never changes the environment, so reading it races with nothing of ours.
+  const char* xdgDataHome = std::getenv("XDG_DATA_HOME");  // NOLINT(concurrency-mt-unsafe)
+  if (xdgDataHome && xdgDataHome[0] == '/') return xdgDataHome;
+  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
+  return std::string(home ? home : "") + "/.local/share";
+}
+
 void ZuFileManager::setApplicationDataDirectory(std::optional<std::string> path) {
   std::lock_guard lock(gOverrideMutex);
   gApplicationDataOverride = std::move(path);
@@ -92,7 +87,7 @@ void ZuFileManager::setApplicationDataDirectory(std::optional<std::string> path)
 
 std::string ZuFileManager::applicationDataDirectory() {
   std::lock_guard lock(gOverrideMutex);
-  return gApplicationDataOverride.value_or(defaultApplicationDataDirectory());
+  return gApplicationDataOverride.value_or(userDataDirectory() + "/" + program_invocation_short_name);
 }
 
 URL ZuFileManager::documentsDirectory() {

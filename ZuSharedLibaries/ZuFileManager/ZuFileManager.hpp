@@ -27,6 +27,9 @@ class ZuFileManager {
   /// Receives whether the move succeeded and, when it did not, why.
   using MoveCompletion = std::function<void(bool success, std::optional<Error> error)>;
 
+  /// The user's folder for application data: $XDG_DATA_HOME when it is an absolute path, else
+  /// ~/.local/share. Read from the environment on every call.
+  static std::string userDataDirectory();
   /// Makes `path` the application data folder (an empty optional restores the default).
   static void setApplicationDataDirectory(std::optional<std::string> path);
   /// The application data folder's path; it is not created here.

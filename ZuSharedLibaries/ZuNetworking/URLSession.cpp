@@ -65,6 +65,16 @@ void URLSessionTask::setResponse(HTTPURLResponse response) {
   response_ = std::move(response);
 }
 
+void URLSessionTask::setProgressHandler(ProgressHandler handler) {
+  std::lock_guard lock(mutex_);
+  progressHandler_ = std::move(handler);
+}
+
+URLSessionTask::ProgressHandler URLSessionTask::progressHandler() const {
+  std::lock_guard lock(mutex_);
+  return progressHandler_;
+}
+
 void URLSessionDelegate::didReceive(URLSession&, URLSessionTask&, const Data&) {}
 void URLSessionDelegate::didFinishDownloadingTo(URLSession&, URLSessionTask&, const URL&) {}
 void URLSessionDelegate::didCompleteWithError(URLSession&, URLSessionTask&, const std::optional<Error>&) {}

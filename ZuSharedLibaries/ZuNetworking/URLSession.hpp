@@ -44,6 +44,10 @@ struct URLSessionConfiguration {
  */
 class URLSessionTask {
  public:
+  /// Bytes moved so far and bytes expected (`transferSizeUnknown` when the answer does not say).
+  using ProgressHandler = std::function<void(std::int64_t done, std::int64_t expected)>;
+  static constexpr std::int64_t transferSizeUnknown = -1;
+
   virtual ~URLSessionTask() = default;
   URLSessionTask(const URLSessionTask&) = delete;
   URLSessionTask& operator=(const URLSessionTask&) = delete;
@@ -59,6 +63,14 @@ class URLSessionTask {
   /// Stops the task; it completes with NSURLErrorDomain -999 ("cancelled") unless it already completed.
   virtual void cancel() = 0;
 
+  /**
+   * Reports how the body moves (the request's for uploads, the answer's otherwise) on the session's worker
+   * thread: a few times a second at most, and once more with the final count before the task completes. Set
+   * it before `resume()`.
+   */
+  void setProgressHandler(ProgressHandler handler);
+  ProgressHandler progressHandler() const;
+
  protected:
   URLSessionTask(std::uint64_t taskIdentifier, URLRequest originalRequest)
       : taskIdentifier_(taskIdentifier), originalRequest_(std::move(originalRequest)) {}
@@ -69,6 +81,7 @@ class URLSessionTask {
   const URLRequest originalRequest_;
   mutable std::mutex mutex_;
   std::optional<HTTPURLResponse> response_;
+  ProgressHandler progressHandler_;
 };
 
 /**

@@ -1,5 +1,6 @@
 #include "ZuNetworking/ZuNetworking.hpp"
 
+#include <mutex>
 #include <typeinfo>
 #include <utility>
 
@@ -90,6 +91,27 @@ std::optional<Data> errorBody(const std::optional<URL>& location) {
 ZuNetworking::URLSessionType ZuNetworking::URLSessionType::standard() {
   return {[] { return URLSession::shared(); },
           [](URLSessionConfiguration configuration, std::weak_ptr<URLSessionDelegate> delegate) {
+            return URLSession::make(std::move(configuration), std::move(delegate));
+          }};
+}
+
+ZuNetworking::URLSessionType ZuNetworking::URLSessionType::trusting(std::string certificateAuthorityFile) {
+  struct SharedSession {
+    std::once_flag made;
+    std::shared_ptr<URLSession> session;
+  };
+  auto shared = std::make_shared<SharedSession>();
+  return {[shared, certificateAuthorityFile] {
+            std::call_once(shared->made, [&] {
+              auto configuration = URLSessionConfiguration::defaultConfiguration();
+              configuration.additionalCertificateAuthorityFile = certificateAuthorityFile;
+              shared->session = URLSession::make(std::move(configuration));
+            });
+            return shared->session;
+          },
+          [certificateAuthorityFile](URLSessionConfiguration configuration,
+                                     std::weak_ptr<URLSessionDelegate> delegate) {
+            configuration.additionalCertificateAuthorityFile = certificateAuthorityFile;
             return URLSession::make(std::move(configuration), std::move(delegate));
           }};
 }
@@ -269,7 +291,8 @@ std::shared_ptr<URLSessionTask> ZuNetworking::uploadRequest(const URL& forURL, b
                                                             const std::string& method,
                                                             const std::string& contentType,
                                                             const Headers& extraHeaders, const URL& fileURL,
-                                                            JSONCompletion completion) {
+                                                            JSONCompletion completion,
+                                                            URLSessionTask::ProgressHandler progress) {
   Headers headers = extraHeaders;
   headers["Content-Disposition"] = "attachment; filename=" + fileURL.lastPathComponent();
   auto request = _request(forURL, method, std::nullopt, contentType, headers);
@@ -282,14 +305,15 @@ std::shared_ptr<URLSessionTask> ZuNetworking::uploadRequest(const URL& forURL, b
   logRequestBlock(cls, "Initiating upload " + method + " request " + where, std::nullopt);
   auto judged = loggingAnswer(cls, "Response for upload " + method + " request " + where, std::nullopt,
                               std::move(completion));
-  return inBackground ? _uploadInBackground(*request, fileURL, true, std::move(judged))
-                      : _upload(*request, fileURL, std::move(judged));
+  return inBackground ? _uploadInBackground(*request, fileURL, true, std::move(judged), std::move(progress))
+                      : _upload(*request, fileURL, std::move(judged), std::move(progress));
 }
 
 std::shared_ptr<URLSessionTask> ZuNetworking::downloadRequest(const URL& forURL, bool inBackground,
                                                               const std::string& method,
                                                               const Headers& extraHeaders,
-                                                              DownloadCompletion completion) {
+                                                              DownloadCompletion completion,
+                                                              URLSessionTask::ProgressHandler progress) {
   auto request = _request(forURL, method, std::nullopt, "application/json", extraHeaders);
   if (!request) {
     completion(std::nullopt, request.error());
@@ -303,27 +327,31 @@ std::shared_ptr<URLSessionTask> ZuNetworking::downloadRequest(const URL& forURL,
   auto judged = loggingDownload(
       cls, "Response for download " + method + " " + placement(inBackground) + " request from URL: " + url,
       std::move(completion));
-  return inBackground ? _downloadInBackground(*request, std::move(judged))
-                      : _download(*request, std::move(judged));
+  return inBackground ? _downloadInBackground(*request, std::move(judged), std::move(progress))
+                      : _download(*request, std::move(judged), std::move(progress));
 }
 
 std::shared_ptr<URLSessionTask> ZuNetworking::_upload(const URLRequest& request, const URL& fileUrl,
-                                                      JSONCompletion completion) {
+                                                      JSONCompletion completion,
+                                                      URLSessionTask::ProgressHandler progress) {
   auto task = sharedSession()->uploadTask(
       request, fileUrl,
       [completion = std::move(completion)](
           const std::optional<Data>& data, const std::optional<HTTPURLResponse>& response,
           const std::optional<Error>& error) { _process(response, data, error, true, completion); });
+  task->setProgressHandler(std::move(progress));
   task->resume();
   return task;
 }
 
 std::shared_ptr<URLSessionTask> ZuNetworking::_download(const URLRequest& request,
-                                                        DownloadCompletion completion) {
+                                                        DownloadCompletion completion,
+                                                        URLSessionTask::ProgressHandler progress) {
   auto task = sharedSession()->downloadTask(
       request, [completion = std::move(completion)](
                    const std::optional<URL>& location, const std::optional<HTTPURLResponse>& response,
                    const std::optional<Error>& error) { _process(response, location, error, completion); });
+  task->setProgressHandler(std::move(progress));
   task->resume();
   return task;
 }
@@ -333,8 +361,10 @@ std::shared_ptr<URLSessionTask> ZuNetworking::_download(const URLRequest& reques
 std::shared_ptr<URLSessionTask> ZuNetworking::_uploadInBackground(const URLRequest& request,
                                                                   const URL& fileUrl,
                                                                   bool acceptEmptyResponse,
-                                                                  JSONCompletion completion) {
+                                                                  JSONCompletion completion,
+                                                                  URLSessionTask::ProgressHandler progress) {
   auto task = backgroundSession()->uploadTask(request, fileUrl, {});
+  task->setProgressHandler(std::move(progress));
   {
     std::lock_guard lock(mutex_);
     _pendingTaksDictionary[task->taskIdentifier()] = {
@@ -344,9 +374,10 @@ std::shared_ptr<URLSessionTask> ZuNetworking::_uploadInBackground(const URLReque
   return task;
 }
 
-std::shared_ptr<URLSessionTask> ZuNetworking::_downloadInBackground(const URLRequest& request,
-                                                                    DownloadCompletion completion) {
+std::shared_ptr<URLSessionTask> ZuNetworking::_downloadInBackground(
+    const URLRequest& request, DownloadCompletion completion, URLSessionTask::ProgressHandler progress) {
   auto task = backgroundSession()->downloadTask(request, {});
+  task->setProgressHandler(std::move(progress));
   {
     std::lock_guard lock(mutex_);
     _pendingTaksDictionary[task->taskIdentifier()] = {task, {std::move(completion), std::nullopt, false}};

@@ -63,6 +63,10 @@ class ZuNetworking : public URLSessionDelegate, public std::enable_shared_from_t
 
     /// The libcurl sessions (`URLSession::shared()` and `URLSession::make`).
     static URLSessionType standard();
+    /// libcurl sessions that trust the authorities in `certificateAuthorityFile` (PEM) besides the system's:
+    /// a shared session of the type's own (made on first use, one for every copy of the type) and sessions
+    /// made with that file in their configuration.
+    static URLSessionType trusting(std::string certificateAuthorityFile);
   };
 
   /// What the table keeps for a background transfer until its completion runs.
@@ -110,20 +114,24 @@ class ZuNetworking : public URLSessionDelegate, public std::enable_shared_from_t
   /**
    * Uploads the file at `fileURL` (streamed), with "Content-Disposition: attachment; filename=<its name>".
    * In the background the transfer runs on the background session and is recorded as pending until its
-   * completion runs. An empty answer is accepted. Null when the request could not be built.
+   * completion runs. An empty answer is accepted. `progress`, when given, follows the bytes sent (see
+   * `URLSessionTask::setProgressHandler`). Null when the request could not be built.
    */
   std::shared_ptr<URLSessionTask> uploadRequest(const URL& forURL, bool inBackground,
                                                 const std::string& method, const std::string& contentType,
                                                 const Headers& extraHeaders, const URL& fileURL,
-                                                JSONCompletion completion);
+                                                JSONCompletion completion,
+                                                URLSessionTask::ProgressHandler progress = {});
   /**
    * Downloads into a temporary file whose URL the completion receives; the file is removed when the
    * completion returns, so move or copy it there. A status outside 200-299 is an
-   * `unsuccesfullHTTPResponseCode` error whose description quotes a small JSON error answer.
+   * `unsuccesfullHTTPResponseCode` error whose description quotes a small JSON error answer. `progress`,
+   * when given, follows the bytes received.
    */
   std::shared_ptr<URLSessionTask> downloadRequest(const URL& forURL, bool inBackground,
                                                   const std::string& method, const Headers& extraHeaders,
-                                                  DownloadCompletion completion);
+                                                  DownloadCompletion completion,
+                                                  URLSessionTask::ProgressHandler progress = {});
 
   /// Whether a background transfer whose original request is for `url` has not completed yet.
   bool isTaskPending(const URL& url) const;
@@ -163,13 +171,18 @@ class ZuNetworking : public URLSessionDelegate, public std::enable_shared_from_t
   void urlSessionDidFinishEvents(URLSession& forBackgroundURLSession) override;
 
  private:
+  // The task starters; `progress` is handed to the task before it starts.
   std::shared_ptr<URLSessionTask> _upload(const URLRequest& request, const URL& fileUrl,
-                                          JSONCompletion completion);
+                                          JSONCompletion completion,
+                                          URLSessionTask::ProgressHandler progress);
   std::shared_ptr<URLSessionTask> _uploadInBackground(const URLRequest& request, const URL& fileUrl,
-                                                      bool acceptEmptyResponse, JSONCompletion completion);
-  std::shared_ptr<URLSessionTask> _download(const URLRequest& request, DownloadCompletion completion);
+                                                      bool acceptEmptyResponse, JSONCompletion completion,
+                                                      URLSessionTask::ProgressHandler progress);
+  std::shared_ptr<URLSessionTask> _download(const URLRequest& request, DownloadCompletion completion,
+                                            URLSessionTask::ProgressHandler progress);
   std::shared_ptr<URLSessionTask> _downloadInBackground(const URLRequest& request,
-                                                        DownloadCompletion completion);
+                                                        DownloadCompletion completion,
+                                                        URLSessionTask::ProgressHandler progress);
 
   std::shared_ptr<URLSession> sharedSession() const;
   std::shared_ptr<URLSession> backgroundSession();

@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdlib>
+
 namespace kiv::service {
 namespace {
 
@@ -21,6 +23,13 @@ std::vector<std::pair<std::string, Fault>> parseFaults(const std::vector<std::st
 
 }  // namespace
 
+std::filesystem::path defaultDataDir() {
+  const char* dataHome = std::getenv("XDG_DATA_HOME");  // NOLINT(concurrency-mt-unsafe): read at start-up
+  if (dataHome && dataHome[0] == '/') return std::filesystem::path(dataHome) / "kiv-service";
+  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe): read at start-up
+  return std::filesystem::path(home ? home : "") / ".local/share/kiv-service";
+}
+
 std::variant<Options, int> parseOptions(int argc, char** argv) {
   CLI::App app("kiv-service: the reference certification service, HTTPS on loopback");
   Options options;
@@ -28,9 +37,10 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   std::int64_t downloadTtl = options.downloadUrlTtl.count();
   std::vector<std::string> faults;
   app.add_option("--data", options.dataDir, "Folder for the database, stored files and TLS material")
-      ->required();
+      ->capture_default_str();
   app.add_option("--port", options.port, "Port on 127.0.0.1; 0 picks a free one and prints it")
-      ->check(CLI::Range(0, 65535));
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
   app.add_option("--token", options.tokens, "Accepted application token (repeatable)");
   app.add_flag("--open", options.openAccess, "Accept any application token");
   app.add_option("--upload-url-ttl", uploadTtl,

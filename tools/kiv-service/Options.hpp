@@ -12,10 +12,15 @@
 
 namespace kiv::service {
 
-/// How the service was started; see `kiv-service --help`.
+/// The user's own service folder, where the SDK's default build looks for the CA:
+/// $XDG_DATA_HOME/kiv-service, or ~/.local/share/kiv-service.
+std::filesystem::path defaultDataDir();
+
+/// How the service was started; see `kiv-service --help`. Without options it serves the user's own folder on
+/// the fixed loopback port that the SDK's default build talks to.
 struct Options {
-  std::filesystem::path dataDir;
-  int port = 0;  ///< 0 picks a free port
+  std::filesystem::path dataDir = defaultDataDir();
+  int port = KIV_SERVICE_DEFAULT_PORT;  ///< 0 picks a free port
   std::vector<std::string> tokens;
   bool openAccess = false;  ///< any token is accepted
   std::chrono::seconds uploadUrlTtl{3600};
