@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include <string>
 #include <vector>
 
@@ -30,6 +32,8 @@ struct EndpointCase {
   std::string method;
   std::string path;
   std::string payload;  // JSON text, "{}" for none
+  // Test names show the case name, not its bytes.
+  friend void PrintTo(const EndpointCase& value, std::ostream* out) { *out << value.name; }
 };
 
 class APIEndpointTable : public ::testing::TestWithParam<EndpointCase> {};

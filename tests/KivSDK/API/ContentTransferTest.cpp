@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include <filesystem>
 #include <string>
 
@@ -92,6 +94,8 @@ struct TargetCase {
   std::string name;
   std::string body;
   std::string_view message;
+  // Test names show the case name, not its bytes.
+  friend void PrintTo(const TargetCase& value, std::ostream* out) { *out << value.name; }
 };
 
 class UploadTargets : public KivAPIContent, public ::testing::WithParamInterface<TargetCase> {};

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include <set>
 #include <thread>
 #include <vector>
@@ -66,6 +68,8 @@ struct Routing {
   bool setUp;
   std::string identifier;
   std::optional<std::string> expectedInstance;  // nothing: the handler is dropped
+  // Test names show the case name, not its bytes.
+  friend void PrintTo(const Routing& value, std::ostream* out) { *out << value.name; }
 };
 
 class KivAPIBackgroundRouting : public FakeServiceTest, public ::testing::WithParamInterface<Routing> {};

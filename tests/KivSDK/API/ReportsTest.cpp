@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -57,6 +59,8 @@ struct SendCase {
   std::string name;
   zutest::Answer answer;
   std::string_view message;  // empty: accepted
+  // Test names show the case name, not its bytes.
+  friend void PrintTo(const SendCase& value, std::ostream* out) { *out << value.name; }
 };
 
 class SendAnswers : public FakeServiceTest, public ::testing::WithParamInterface<SendCase> {};

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -111,17 +112,23 @@ void ServiceProcess::start() {
   ::close(pipe[0]);
 }
 
+bool ServiceProcess::terminate(pid_t pid) {
+  // A pidfd turns "wait for the exit, at most this long" into one poll, for children and others alike.
+  const int process = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  ::kill(pid, SIGTERM);
+  pollfd exited{process, POLLIN, 0};
+  const bool stopped =
+      process >= 0 && ::poll(&exited, 1, static_cast<int>(std::chrono::milliseconds(kStopBound).count())) > 0;
+  if (!stopped) ::kill(pid, SIGKILL);
+  if (process >= 0) ::close(process);
+  return stopped;
+}
+
+pid_t ServiceProcess::release() { return std::exchange(pid_, -1); }
+
 int ServiceProcess::stop() {
   if (pid_ <= 0) return -1;
-  // A pidfd turns "wait for the exit, at most this long" into one poll.
-  const int process = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
-  ::kill(pid_, SIGTERM);
-  pollfd exited{process, POLLIN, 0};
-  if (process < 0 ||
-      ::poll(&exited, 1, static_cast<int>(std::chrono::milliseconds(kStopBound).count())) <= 0) {
-    ::kill(pid_, SIGKILL);
-  }
-  if (process >= 0) ::close(process);
+  terminate(pid_);
   int status = 0;
   ::waitpid(pid_, &status, 0);
   pid_ = -1;

@@ -39,6 +39,12 @@ class ServiceProcess {
   int stop();
   /// Fails the current test when the service has stopped by itself or reported a fault in its log.
   void expectHealthy();
+  /// Leaves the service running when this object goes, for a fixture that outlives the process that started
+  /// it; answers the service's process id.
+  pid_t release();
+  /// Stops a service that another process started (see `release`): SIGTERM, SIGKILL when it has not exited
+  /// within the stop bound. Answers whether it exited on SIGTERM.
+  static bool terminate(pid_t pid);
 
   int port() const { return port_; }
   std::string baseUrl() const { return "https://127.0.0.1:" + std::to_string(port_); }
