@@ -366,6 +366,45 @@ TEST(ZuNetworkingIntegration, UploadPast2GiBStreamsToTheEnd) {
   EXPECT_EQ(upload.field("received").intValue(), static_cast<std::int64_t>(size));
 }
 
+TEST(ZuNetworkingIntegration, TransfersReportProgressOnTheSessionThreadEndingWithTheTotal) {
+  constexpr std::int64_t size = 3'000'000;
+  auto networking = std::make_shared<zu::ZuNetworking>(std::nullopt, "Tests.Progress");
+  const auto file = zu::URL::fileURLWithPath(makeFile("progress.bin", size));
+  for (bool upload : {true, false}) {
+    for (bool inBackground : {false, true}) {
+      struct Report {
+        std::int64_t done;
+        std::int64_t expected;
+        std::thread::id thread;
+      };
+      std::vector<Report> reports;  // written on the session's thread, read once the completion has run
+      const auto progress = [&reports](std::int64_t done, std::int64_t expected) {
+        reports.push_back({done, expected, std::this_thread::get_id()});
+      };
+      CallCounter calls;
+      if (upload) {
+        networking->uploadRequest(
+            url("/upload"), inBackground, "PUT", "", {}, file, [&calls](auto, auto) { calls.called(); },
+            progress);
+      } else {
+        networking->downloadRequest(
+            url("/bytes?size=" + std::to_string(size)), inBackground, "GET", {},
+            [&calls](auto, auto) { calls.called(); }, progress);
+      }
+      ASSERT_TRUE(calls.waitFor(1));
+      ASSERT_FALSE(reports.empty());
+      for (std::size_t i = 0; i < reports.size(); ++i) {
+        EXPECT_NE(reports[i].thread, std::this_thread::get_id());
+        if (i > 0) {
+          EXPECT_GE(reports[i].done, reports[i - 1].done);
+        }
+      }
+      EXPECT_EQ(reports.back().done, size) << "upload " << upload << ", background " << inBackground;
+      EXPECT_EQ(reports.back().expected, size);
+    }
+  }
+}
+
 /// Waits until every earlier completion of the session that `inBackground` picks has returned and its
 /// transfer is gone, by downloading one more byte through it: one worker runs a session's transfers in turn.
 void flushDownloads(zu::ZuNetworking& networking, bool inBackground) {

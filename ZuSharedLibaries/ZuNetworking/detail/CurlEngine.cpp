@@ -69,6 +69,9 @@ struct Transfer {
   std::optional<Error> failure;
   std::string journalPath;
   bool replayed = false;
+  // Reports to the task's progress handler, read once when the transfer begins; empty when it has none.
+  URLSessionTask::ProgressHandler progress;
+  Clock::time_point lastProgress;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   Clock::duration idleTimeout{};
   std::optional<Clock::time_point> lastActivity;
@@ -160,14 +163,46 @@ int onConnected(void* context, char*, char*, int, int) {
   return CURL_PREREQFUNC_OK;
 }
 
+// The body's bytes moved so far and expected, in the transfer's direction, to a task that asked for them;
+// curl says 0 for an unknown total.
+void reportProgress(Transfer& transfer, curl_off_t done, curl_off_t expected) {
+  constexpr auto kInterval = std::chrono::milliseconds(250);
+  if (!transfer.progress || done == 0) return;
+  const auto now = Transfer::Clock::now();
+  if (now - transfer.lastProgress < kInterval) return;
+  transfer.lastProgress = now;
+  transfer.progress(done, expected > 0 ? expected : URLSessionTask::transferSizeUnknown);
+}
+
 // The transfer's progress function: curl calls it after every pass over the connection, and about once a
 // second while nothing moves.
-int onProgress(void* context, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
+int onProgress(void* context, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t uploadTotal,
+               curl_off_t uploaded) {
   auto& transfer = *static_cast<Transfer*>(context);
   long headerBytes = 0;
   curl_easy_getinfo(transfer.easy.get(), CURLINFO_HEADER_SIZE, &headerBytes);
   transfer.progressed(downloaded + headerBytes, uploaded);
+  if (transfer.kind == Engine::Kind::upload) {
+    reportProgress(transfer, uploaded, uploadTotal);
+  } else {
+    reportProgress(transfer, downloaded, downloadTotal);
+  }
   return 0;
+}
+
+// The last report, with the final count, just before the task completes.
+void reportFinalProgress(Transfer& transfer) {
+  CURL* easy = transfer.easy.get();
+  curl_off_t done = 0;
+  curl_off_t expected = -1;
+  if (transfer.kind == Engine::Kind::upload) {
+    curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &done);
+    expected = done;
+  } else {
+    curl_easy_getinfo(easy, CURLINFO_SIZE_DOWNLOAD_T, &done);
+    curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &expected);
+  }
+  transfer.progress(done, expected >= 0 ? expected : URLSessionTask::transferSizeUnknown);
 }
 
 // A request's time-out as a clock duration, bounded so that the sums made with it cannot overflow: a zero or
@@ -491,6 +526,7 @@ void Engine::begin(std::unique_ptr<Transfer> transfer) {
     auto error = std::move(transfer->failure);
     return finish(std::move(transfer), std::move(error));
   }
+  transfer->progress = transfer->task->progressHandler();
   CURL* easy = transfer->easy.get();
   if (curl_multi_add_handle(multi_.get(), easy) != CURLM_OK) {
     auto error = urlError(URLError::unknown, transfer->url(), "curl_multi_add_handle failed");
@@ -578,6 +614,7 @@ void Engine::finish(std::unique_ptr<Transfer> transfer, std::optional<Error> err
   auto response = responseOf(t);
   if (!error && !response) error = urlError(URLError::networkConnectionLost, t.url(), "no HTTP answer");
   if (response) t.task->setResponse(*response);
+  if (!error && t.progress) reportFinalProgress(t);
   if (t.dataCompletion) {
     if (error) return t.dataCompletion(std::nullopt, std::move(response), std::move(error));
     return t.dataCompletion(std::move(t.received), std::move(response), std::nullopt);
