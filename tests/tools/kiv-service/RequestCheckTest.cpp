@@ -1,3 +1,7 @@
+#include <cstdio>
+#include <memory>
+#include <string>
+
 #include "tools/kiv-service/ServiceFixture.hpp"
 
 namespace kiv::service::test {
@@ -23,6 +27,20 @@ TEST_F(ServiceTest, ApiRefusesMissingAndWrongTokens) {
   const Reply second =
       perform({"POST", url, body, true, {"Authorization: app-token another-token"}}, service().caFile());
   EXPECT_EQ(second.status, 201) << "every configured token is accepted";
+}
+
+// The defaults are what a default build of the SDK expects: the user's own folder (whose CA it trusts) and
+// the fixed loopback port. Read from the help text, so that no test binds that port.
+TEST(ServiceDefaults, TheUsersFolderAndTheFixedPort) {
+  const TempDir home;
+  const std::string command =
+      "XDG_DATA_HOME='" + home.path().string() + "' '" + KIV_SERVICE_PROGRAM + "' --help 2>&1";
+  std::unique_ptr<FILE, decltype(&pclose)> pipe(popen(command.c_str(), "r"), pclose);
+  std::string help;
+  char block[4096];
+  while (std::size_t got = std::fread(block, 1, sizeof block, pipe.get())) help.append(block, got);
+  EXPECT_NE(help.find((home.path() / "kiv-service").string()), std::string::npos) << help;
+  EXPECT_NE(help.find("=18443"), std::string::npos) << help;
 }
 
 TEST_F(ServiceTest, MalformedBodiesAre400WithADetail) {
