@@ -7,8 +7,6 @@
 //   network_bench background <base URL> <CA> <file> <n>  start n background uploads of the file at once
 //
 // Prints "key=value" lines: seconds, completions, threads, the process's peak resident memory in KiB.
-#include <sys/resource.h>
-
 #include <chrono>
 #include <exception>
 #include <fstream>
@@ -16,6 +14,7 @@
 #include <memory>
 #include <string>
 
+#include "ProcessFigures.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuNetworking/ZuNetworking.hpp"
 #include "support/Completions.hpp"
@@ -23,23 +22,10 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
-long peakResidentKiB() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
-}
-
-int threadCount() {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with("Threads:")) return std::stoi(line.substr(8));
-  }
-  return 0;
-}
+using benchfigures::Clock;
+using benchfigures::peakResidentKiB;
+using benchfigures::since;
+using benchfigures::threadCount;
 
 zu::URL url(const std::string& base, const std::string& path) { return *zu::URL::fromString(base + path); }
 

@@ -22,6 +22,7 @@ using kivtest::Awaited;
 // Runs the child to its end and answers its exit status; the child bounds its own run.
 int runChild(std::vector<std::string> arguments) {
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   pid_t child = -1;

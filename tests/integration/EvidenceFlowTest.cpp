@@ -2,7 +2,6 @@
 // proof status, certificate, content back, newsletter.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "integration/ServiceUnderTest.hpp"
+#include "support/PdfText.hpp"
 
 namespace {
 
@@ -17,15 +17,6 @@ using kiv::KivAPI;
 using kiv::KivReport;
 using kivtest::Awaited;
 using Status = KivReport::ProofStatus;
-
-std::string pdfText(const std::filesystem::path& file) {
-  std::string output;
-  std::unique_ptr<FILE, decltype(&pclose)> pipe(
-      popen(("pdftotext -layout '" + file.string() + "' - 2>&1").c_str(), "r"), pclose);
-  char block[4096];
-  while (std::size_t got = std::fread(block, 1, sizeof block, pipe.get())) output.append(block, got);
-  return output;
-}
 
 class EvidenceFlow : public kivtest::ServiceTest {
  protected:
@@ -80,7 +71,7 @@ TEST_F(EvidenceFlow, SendUploadConfirmCertifyAndBringContentBack) {
   ASSERT_EQ(pdf.value(), true) << pdf.errorText();
   ASSERT_TRUE(report.hasLocalPDF());
   EXPECT_EQ(testing_support::readFile(report.pdfURL().path()).substr(0, 5), "%PDF-");
-  const std::string certificate = pdfText(report.pdfURL().path());
+  const std::string certificate = testing_support::pdfText(report.pdfURL().path());
   for (const kiv::KivFile& file : report.files) {
     EXPECT_NE(certificate.find(*file.hash), std::string::npos) << *file.hash << " missing from:\n"
                                                                << certificate;

@@ -310,6 +310,10 @@ void configure(Transfer& transfer, const URLRequest& request, const URLSessionCo
   setOption(easy, CURLOPT_XFERINFOFUNCTION, &onProgress);
   setOption(easy, CURLOPT_XFERINFODATA, &transfer);
   setOption(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+  // Servers drop idle keep-alive connections after a few seconds (5 s is common), and a TLS connection that
+  // the server has closed can still look alive to curl, which then fails the request with a broken pipe. Idle
+  // connections are reused within 4 seconds only.
+  setOption(easy, CURLOPT_MAXAGE_CONN, 4L);
   setOption(easy, CURLOPT_ACCEPT_ENCODING, "");
   setOption(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
   setOption(easy, CURLOPT_HEADERFUNCTION, &onHeader);

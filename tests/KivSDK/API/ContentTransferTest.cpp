@@ -129,7 +129,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return info.param.name; });
 
 TEST_F(KivAPIContent, PreconditionsFailAtOnceAndSendNothing) {
-  const auto check = [this](kiv::KivFile candidate, kiv::KivReport holder, std::string_view message) {
+  const auto check = [](const kiv::KivFile& candidate, const kiv::KivReport& holder,
+                        std::string_view message) {
     FileOutcome outcome;
     KivAPI::uploadContent(candidate, holder, outcome.completion());
     EXPECT_EQ(outcome.calls, 1);

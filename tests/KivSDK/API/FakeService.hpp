@@ -69,18 +69,19 @@ class FakeServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
     kiv::detail::resetAPIState();
-    kiv::KivAPI::set_ZuNetworkingType([this](std::optional<std::string> token, std::string identifier) {
-      auto networking = std::make_shared<zu::ZuNetworking>(token, identifier);
-      networking->set_URLSessionType(
-          {[this] { return shared; },
-           [this, identifier](const zu::URLSessionConfiguration&,
-                              std::weak_ptr<zu::URLSessionDelegate> delegate) {
-             return background[identifier] = std::make_shared<zutest::FakeURLSession>(
-                        [this](const zu::URLRequest& request) { return answer(request); }, delegate);
-           }});
-      made.push_back({token, identifier, networking});
-      return networking;
-    });
+    kiv::KivAPI::set_ZuNetworkingType(
+        [this](const std::optional<std::string>& token, const std::string& identifier) {
+          auto networking = std::make_shared<zu::ZuNetworking>(token, identifier);
+          networking->set_URLSessionType(
+              {[this] { return shared; },
+               [this, identifier](const zu::URLSessionConfiguration&,
+                                  const std::weak_ptr<zu::URLSessionDelegate>& delegate) {
+                 return background[identifier] = std::make_shared<zutest::FakeURLSession>(
+                            [this](const zu::URLRequest& request) { return answer(request); }, delegate);
+               }});
+          made.push_back({token, identifier, networking});
+          return networking;
+        });
   }
   void TearDown() override { kiv::detail::resetAPIState(); }
 

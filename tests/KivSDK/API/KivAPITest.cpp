@@ -57,6 +57,7 @@ TEST_F(KivAPIInstances, RacingFirstRequestsShareOneInstance) {
   KivAPI::setup("abc");
   std::vector<std::shared_ptr<zu::ZuNetworking>> seen(8);
   std::vector<std::thread> threads;
+  threads.reserve(seen.size());
   for (auto& slot : seen) threads.emplace_back([&slot] { slot = KivAPI::_clientInstance(); });
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(std::set(seen.begin(), seen.end()).size(), 1u);

@@ -46,7 +46,7 @@ const AnyCodable kFirst = serviceFile("IMG_1.jpg", zu::Date(7.0e8), "f1");
 const AnyCodable kSecond = serviceFile("IMG_2.jpg", zu::Date(7.0e8 + 10), "f2");
 
 // A service answer; an empty value leaves its key out.
-zutest::Answer serviceAnswer(AnyCodable status, AnyCodable slug, AnyCodable files) {
+zutest::Answer serviceAnswer(const AnyCodable& status, const AnyCodable& slug, const AnyCodable& files) {
   AnyCodable::Dictionary body;
   for (auto& [key, value] : {std::pair{"status", status}, {"slug", slug}, {"provable_files", files}}) {
     if (!value.isEmpty()) body.set(key, value);

@@ -1,7 +1,6 @@
-#include <cstdio>
 #include <fstream>
-#include <memory>
 
+#include "support/PdfText.hpp"
 #include "tools/kiv-service/ServiceFixture.hpp"
 
 namespace kiv::service::test {
@@ -104,14 +103,7 @@ TEST_F(ServiceTest, CertificateListsReportAndDigestsInTheAskedLanguage) {
     const std::filesystem::path file = dir.path() / "certificate.pdf";
     std::ofstream(file, std::ios::binary) << reply.body;
 
-    const std::string text = [&] {
-      std::string output;
-      std::unique_ptr<FILE, decltype(&pclose)> pipe(
-          popen(("pdftotext -layout '" + file.string() + "' - 2>&1").c_str(), "r"), pclose);
-      char block[4096];
-      while (std::size_t got = std::fread(block, 1, sizeof block, pipe.get())) output.append(block, got);
-      return output;
-    }();
+    const std::string text = testing_support::pdfText(file);
     EXPECT_NE(text.find(heading), std::string::npos) << text;
     for (const std::string& expected :
          {std::string("Garage damage"), slugOf(report), std::string("IMG_0001.jpg"),
