@@ -120,7 +120,8 @@ class KivAPI {
 
   /// The networking type instances are made from; `standardNetworkingType()` until replaced.
   static NetworkingType _ZuNetworkingType();
-  /// Replaces the networking type (a host or a test may install its own); instances already made stay.
+  /// Replaces the networking type (a host or a test may install its own); instances already made stay. The
+  /// type is called while KivAPI's state is locked, so it must not call KivAPI itself.
   static void set_ZuNetworkingType(NetworkingType type);
   /// `zu::ZuNetworking` whose sessions trust the system's authorities and
   /// `serviceCertificateAuthorityFile()`.

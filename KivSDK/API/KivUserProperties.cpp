@@ -10,13 +10,11 @@ namespace {
 using zu::AnyCodable;
 using Keys = KivAPI::Const::API::Newsletter;
 
-// A present optional text, or nothing; a value of another type makes `valid` false.
-std::optional<std::string> optionalText(const AnyCodable::Dictionary& dict, std::string_view key,
-                                        bool& valid) {
-  const AnyCodable* value = dict.find(key);
-  if (!value || value->isEmpty()) return std::nullopt;
-  if (!value->stringValue()) valid = false;
-  return value->stringValue() ? std::optional(*value->stringValue()) : std::nullopt;
+// An optional text field: absent, null or text; anything else makes the record unreadable.
+bool isOptionalText(const AnyCodable* value) { return !value || value->isEmpty() || value->stringValue(); }
+
+std::optional<std::string> text(const AnyCodable* value) {
+  return value && value->stringValue() ? std::optional(*value->stringValue()) : std::nullopt;
 }
 
 }  // namespace
@@ -55,10 +53,11 @@ AnyCodable::Dictionary KivUserProperties::encoded() const {
 }
 
 std::optional<KivUserProperties> KivUserProperties::decoded(const AnyCodable::Dictionary& dict) {
-  bool valid = true;
-  KivUserProperties properties(optionalText(dict, "email", valid), optionalText(dict, "phone", valid), {});
+  const AnyCodable* email = dict.find("email");
+  const AnyCodable* phone = dict.find("phone");
   const AnyCodable* lists = dict.find("mailingLists");
-  if (!valid || !lists || !lists->arrayValue()) return std::nullopt;
+  if (!isOptionalText(email) || !isOptionalText(phone) || !lists || !lists->arrayValue()) return std::nullopt;
+  KivUserProperties properties(text(email), text(phone), {});
   for (const AnyCodable& element : *lists->arrayValue()) {
     const auto* object = element.dictionaryValue();
     auto list = object ? zu::ZuMailList::decoded(*object) : std::nullopt;
