@@ -65,11 +65,16 @@ class ServiceFaults : public kivtest::ServiceTest, public ::testing::WithParamIn
     ServiceTest::TearDown();
   }
 
+  // Runs an operation to its completion, then one more request, so that a second call of the completion
+  // would have come by the time the calls are counted.
   template <class Value, class Start>
   Outcome run(Start start) {
     Awaited<Value> awaited;
     start(awaited.completion());
     EXPECT_TRUE(awaited.wait());
+    Awaited<KivReport> later;
+    KivAPI::update(report_, later.completion());
+    EXPECT_TRUE(later.wait());
     return {awaited.calls(), awaited.value() && !awaited.error(), awaited.error()};
   }
 

@@ -1,4 +1,5 @@
 #include <AnyCodable/JSONSerialization.hpp>
+#include <KivSDK/API/APIEndpoint.hpp>
 #include <KivSDK/Model/KivReport.hpp>
 
 #include <iostream>
@@ -8,5 +9,6 @@ int main() {
   const auto json = zu::JSONSerialization::data(report.dictionaryRepresentation());
   if (!json) return 1;
   std::cout << std::string(json->begin(), json->end()) << "\n";
+  std::cout << kiv::KivAPI::APIEndpoint::postReport(report).url().absoluteString() << "\n";
   return report.certificationCanBeRequested() ? 1 : 0;
 }
