@@ -53,7 +53,7 @@ class Completions {
       if (error)
         failure_ = error->localizedDescription() + " " + zu::AnyCodable(error->userInfo()).description();
       if constexpr (std::is_same_v<decltype(value), bool>) {
-        if (value) last_ = true;
+        if (value) last_ = value;
       } else if (value) {
         last_ = std::move(*value);
       }
