@@ -4,7 +4,8 @@
 //   kiv-service-fixture start DIR   start kiv-service with a fresh data folder in DIR on a free loopback
 //                                   port; write DIR/fixture (base URL, CA file, token, process id); return
 //                                   with the service still running
-//   kiv-service-fixture stop DIR    stop the service that DIR/fixture names
+//   kiv-service-fixture stop DIR    stop the service that DIR/fixture names; fail when it had stopped by
+//                                   itself or reported a fault in its log
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -27,14 +28,29 @@ bool isFixtureService(const std::filesystem::path& dir, const ServiceAddress& ad
   return address.pid > 0 && arguments.find((dir / "data").string()) != std::string::npos;
 }
 
+// Stops the service of an earlier run, if it is still there.
+void stopLeftover(const std::filesystem::path& dir) {
+  const auto address = ServiceAddress::read(dir);
+  if (address && isFixtureService(dir, *address)) ServiceProcess::terminate(address->pid);
+}
+
+// Stops the fixture's service. Fails when it stopped by itself during the tests, did not stop on SIGTERM, or
+// wrote a sanitizer's or the runtime's report into its log.
 int stop(const std::filesystem::path& dir) {
   const auto address = ServiceAddress::read(dir);
-  if (!address || !isFixtureService(dir, *address)) return 0;  // nothing of ours is running
-  return ServiceProcess::terminate(address->pid) ? 0 : 1;
+  if (!address) return 0;  // it never started, and the start test said so
+  const bool running = isFixtureService(dir, *address);
+  const bool stopped = running && ServiceProcess::terminate(address->pid);
+  std::ifstream in(dir / "data" / "service.log");
+  const std::string log{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  if (stopped && !ServiceProcess::holdsFaultReport(log)) return 0;
+  static_cast<void>(std::fprintf(stderr, "kiv-service %s; its log:\n%s\n",
+                                 running ? "did not end cleanly" : "stopped by itself", log.c_str()));
+  return 1;
 }
 
 int start(const std::filesystem::path& dir) {
-  stop(dir);  // a service left by an interrupted run
+  stopLeftover(dir);  // a service left by an interrupted run
   std::filesystem::remove_all(dir);
   std::filesystem::create_directories(dir);
   ServiceProcess service(dir / "data", {"--token", kivtest::kServiceToken});

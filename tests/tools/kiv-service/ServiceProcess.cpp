@@ -53,11 +53,6 @@ int exitStatus(int waitStatus) {
   return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
 }
 
-// Sanitizers and the runtime write these into the log; the service's own lines never hold them.
-bool holdsFaultReport(const std::string& log) {
-  return log.find("Sanitizer") != std::string::npos || log.find("runtime error:") != std::string::npos;
-}
-
 }  // namespace
 
 TempDir::TempDir() {
@@ -122,6 +117,10 @@ bool ServiceProcess::terminate(pid_t pid) {
   if (!stopped) ::kill(pid, SIGKILL);
   if (process >= 0) ::close(process);
   return stopped;
+}
+
+bool ServiceProcess::holdsFaultReport(const std::string& log) {
+  return log.find("Sanitizer") != std::string::npos || log.find("runtime error:") != std::string::npos;
 }
 
 pid_t ServiceProcess::release() { return std::exchange(pid_, -1); }

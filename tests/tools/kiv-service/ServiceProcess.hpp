@@ -45,6 +45,8 @@ class ServiceProcess {
   /// Stops a service that another process started (see `release`): SIGTERM, SIGKILL when it has not exited
   /// within the stop bound. Answers whether it exited on SIGTERM.
   static bool terminate(pid_t pid);
+  /// Whether a log holds a report from a sanitizer or the runtime; the service's own lines never do.
+  static bool holdsFaultReport(const std::string& log);
 
   int port() const { return port_; }
   std::string baseUrl() const { return "https://127.0.0.1:" + std::to_string(port_); }
