@@ -1,0 +1,143 @@
+// kiv report new|list|show|rm: the report list on this device.
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Commands.hpp"
+#include "Documents.hpp"
+#include "ReportStore.hpp"
+#include "ZuFileManager/ZuFileManager.hpp"
+
+namespace kivcli {
+namespace {
+
+struct NewReport {
+  std::string name;
+  std::string note;
+  std::string email;
+  std::vector<std::string> metadata;
+};
+
+zu::AnyCodable::Dictionary metadataFrom(const std::vector<std::string>& pairs) {
+  zu::AnyCodable::Dictionary metadata;
+  for (const std::string& pair : pairs) {
+    const auto equals = pair.find('=');
+    if (equals == std::string::npos || equals == 0) reject("--meta takes key=value, not \"" + pair + "\"");
+    metadata.set(pair.substr(0, equals), pair.substr(equals + 1));
+  }
+  return metadata;
+}
+
+void createReport(const Context& context, const NewReport& options) {
+  // The name also names the certificate's file, so it must be one plain file name.
+  if (!zu::ZuFileManager::isPlainPathComponent(options.name)) {
+    reject("a report name cannot be empty, \".\" or \"..\", or contain \"/\": \"" + options.name + "\"");
+  }
+  kiv::KivReport report(options.name);
+  if (!options.note.empty()) report.note = options.note;
+  if (!options.email.empty()) report.email = options.email;
+  if (!options.metadata.empty()) report.setMetadata(metadataFrom(options.metadata));
+  ReportStore::load();
+  ReportStore::save(report);
+  context.print(reportDocument(report), report.id->uuidString());
+}
+
+void listReports(const Context& context) {
+  const ReportStore store = ReportStore::load();
+  zu::AnyCodable::Array summaries;
+  std::size_t nameWidth = 4;
+  for (const kiv::KivReport& report : store.reports()) {
+    summaries.emplace_back(reportSummary(report));
+    nameWidth = std::max(nameWidth, report.name.size());
+  }
+  const auto column = [](std::string text, std::size_t width) {
+    text.resize(std::max(width, text.size()), ' ');
+    return text;
+  };
+  std::ostringstream text;
+  text << column("ID", 10) << column("NAME", nameWidth + 2) << column("FILES", 7) << column("STATUS", 11)
+       << "SLUG\n";
+  for (const kiv::KivReport& report : store.reports()) {
+    text << column(report.id ? report.id->uuidString().substr(0, 8) : "-", 10)
+         << column(report.name, nameWidth + 2) << column(std::to_string(report.files.size()), 7)
+         << column(statusText(report), 11) << report.slug.value_or("-") << '\n';
+  }
+  context.print({{"reports", std::move(summaries)}}, text.str());
+}
+
+void showReport(const Context& context, const std::string& selector) {
+  const ReportStore store = ReportStore::load();
+  const kiv::KivReport& report = store.find(selector);
+  context.print(reportDocument(report), reportText(report));
+}
+
+/// The report's media and certificate, leaving out what another report also uses.
+std::vector<zu::URL> ownedFiles(const kiv::KivReport& report, const std::vector<kiv::KivReport>& all) {
+  std::set<std::string> shared;
+  bool pdfShared = false;
+  for (const kiv::KivReport& other : all) {
+    if (other.id == report.id) continue;
+    for (const kiv::KivFile& file : other.files) shared.insert(fileName(file));
+    pdfShared = pdfShared || other.name == report.name;
+  }
+  std::vector<zu::URL> owned;
+  for (const kiv::KivFile& file : report.files) {
+    if (file.hasLocalFile() && !shared.contains(fileName(file))) owned.push_back(file.fileURL());
+  }
+  if (report.hasLocalPDF() && !pdfShared) owned.push_back(report.pdfURL());
+  return owned;
+}
+
+void removeReport(const Context& context, const std::string& selector) {
+  const ReportStore store = ReportStore::load();
+  const kiv::KivReport report = store.find(selector);
+  const std::vector<zu::URL> files = ownedFiles(report, store.reports());
+  // The record goes first: a command stopped in between leaves unused files, never a report without them.
+  ReportStore::remove(report);
+  zu::AnyCodable::Array removed;
+  std::string problems;
+  for (const zu::URL& file : files) {
+    if (const auto error = zu::ZuFileManager::removeItem(file)) {
+      problems += "; " + file.path() + ": " + error->localizedDescription();
+    } else {
+      removed.emplace_back(file.path());
+    }
+  }
+  if (!problems.empty()) fail("removed report " + report.name + " but not all of its files" + problems);
+  context.print({{"removed", reportSummary(report)}, {"deletedFiles", std::move(removed)}},
+                "removed " + report.name + " and " + std::to_string(files.size()) + " file(s)");
+}
+
+}  // namespace
+
+void addReportCommands(CLI::App& app, Context& context) {
+  CLI::App* report = app.add_subcommand("report", "Create, list, show and remove the reports on this device");
+  report->require_subcommand(1);
+
+  auto created = std::make_shared<NewReport>();
+  CLI::App* make = addCommand(*report, context, "new", "Create a report and print its id",
+                              [&context, created] { createReport(context, *created); });
+  make->add_option("NAME", created->name, "The report's title")->required();
+  make->add_option("--note", created->note, "A note kept with the report");
+  make->add_option("--email", created->email, "Where the service sends the certificate");
+  make->add_option("--meta", created->metadata, "Metadata, key=value (repeatable)");
+
+  addCommand(*report, context, "list", "List the reports: id, name, files, status, slug",
+             [&context] { listReports(context); });
+
+  auto selector = std::make_shared<std::string>();
+  addCommand(*report, context, "show", "Show a report and its files",
+             [&context, selector] { showReport(context, *selector); })
+      ->add_option("REPORT", *selector, "Id, id prefix, slug or name")
+      ->required();
+  addCommand(*report, context, "rm", "Remove a report with its media and certificate",
+             [&context, selector] { removeReport(context, *selector); })
+      ->add_option("REPORT", *selector, "Id, id prefix, slug or name")
+      ->required();
+}
+
+}  // namespace kivcli

@@ -1,0 +1,196 @@
+// kiv upload and kiv download: the content of a report's files, to and from the service, with progress.
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "Commands.hpp"
+#include "Documents.hpp"
+#include "KivSDK/API/KivAPI.hpp"
+#include "ProgressBoard.hpp"
+#include "ReportStore.hpp"
+#include "ServiceCommands.hpp"
+#include "Waiter.hpp"
+#include "ZuDate/ZuDate.hpp"
+
+namespace kivcli {
+namespace {
+
+struct TransferOptions {
+  std::string report;
+  bool force = false;
+};
+
+/// The outcome of one file's transfer, as printed.
+struct Outcome {
+  std::string name;
+  std::string result;
+  std::string detail;
+};
+
+/// One transfer per file at once, each drawn on a progress board, waited for together.
+class Transfers {
+ public:
+  Transfers(const Context& context, const std::string& what, const std::vector<kiv::KivFile>& files)
+      : waiter_(context, what),
+        board_(std::make_shared<ProgressBoard>(labels(files), sizes(files), context.showsProgress())) {}
+
+  /// The progress handler of the transfer of row `row`.
+  kiv::KivAPI::TransferProgress progress(std::size_t row) {
+    return [board = board_, row, alive = waiter_.signOfLife()](std::int64_t done, std::int64_t expected) {
+      alive();
+      board->update(row, done, expected);
+    };
+  }
+  template <class Completion>
+  auto track(Completion completion) {
+    return waiter_.track(std::move(completion));
+  }
+  void wait() {
+    waiter_.wait();
+    board_->finish();
+  }
+
+ private:
+  static std::vector<std::string> labels(const std::vector<kiv::KivFile>& files) {
+    std::vector<std::string> names;
+    for (const kiv::KivFile& file : files) names.push_back(fileName(file));
+    return names;
+  }
+  static std::vector<std::int64_t> sizes(const std::vector<kiv::KivFile>& files) {
+    std::vector<std::int64_t> bytes;
+    for (const kiv::KivFile& file : files) {
+      std::error_code error;
+      const auto size = std::filesystem::file_size(file.fileURL().path(), error);
+      bytes.push_back(error ? 0 : static_cast<std::int64_t>(size));
+    }
+    return bytes;
+  }
+
+  Waiter waiter_;
+  std::shared_ptr<ProgressBoard> board_;
+};
+
+/// Prints the outcomes and fails, naming the files that did not make it, unless all are `succeeded`.
+void finish(const Context& context, const kiv::KivReport& report, const std::vector<Outcome>& outcomes,
+            const std::string& succeeded, const std::string& advice) {
+  zu::AnyCodable::Array files;
+  std::string text;
+  std::string problems;
+  for (const Outcome& outcome : outcomes) {
+    files.emplace_back(zu::AnyCodable::Dictionary{
+        {"name", outcome.name}, {"result", outcome.result}, {"detail", outcome.detail}});
+    text += "  " + outcome.result + "  " + outcome.name + (outcome.detail.empty() ? "" : ": " + outcome.detail) + "\n";
+    if (outcome.result != succeeded && outcome.result != "done before") {
+      problems += (problems.empty() ? "" : "; ") + outcome.name + " " + outcome.result +
+                  (outcome.detail.empty() ? "" : " (" + outcome.detail + ")");
+    }
+  }
+  context.print({{"report", reportSummary(report)}, {"files", std::move(files)}}, report.name + ":\n" + text);
+  if (!problems.empty()) fail(report.name + ": " + problems + advice);
+}
+
+void uploadFiles(const Context& context, const TransferOptions& options) {
+  const ReportStore store = ReportStore::load();
+  kiv::KivReport report = sentReport(store, options.report);
+  const zu::Date now = zu::Date::now();
+  std::vector<Outcome> outcomes(report.files.size());
+  std::vector<std::size_t> chosen;
+  for (std::size_t i = 0; i < report.files.size(); ++i) {
+    const kiv::KivFile& file = report.files[i];
+    outcomes[i].name = fileName(file);
+    if (file.hasRemoteFile()) {
+      outcomes[i].result = "done before";
+    } else if (!file.hasLocalFile()) {
+      outcomes[i] = {fileName(file), "missing", "not on this device"};
+    } else if (!options.force && !file.canAttemptFileUpload(now)) {
+      const zu::Date tried = *file._lastFileUploadAttemptDate;
+      const zu::Date next =
+          tried.addingTimeInterval(kiv::KivFile::_Const::Values::minimumTimeIntervalBetweenFileUploadRequest);
+      outcomes[i] = {fileName(file), "throttled",
+                     "tried at " + zu::stringWithAPIFormat(tried, zu::DateFormatterStyle::api) +
+                         ", next attempt after " + zu::stringWithAPIFormat(next, zu::DateFormatterStyle::api)};
+    } else {
+      report.files[i] = file.updatingFileUploadAttemptDate(now);
+      chosen.push_back(i);
+    }
+  }
+  std::vector<kiv::KivFile> sending;
+  for (const std::size_t i : chosen) sending.push_back(report.files[i]);
+  if (!sending.empty()) {
+    context.connect();
+    Transfers transfers(context, "uploading the files of " + report.name, sending);
+    for (std::size_t row = 0; row < chosen.size(); ++row) {
+      const std::size_t i = chosen[row];
+      kiv::KivAPI::uploadContent(
+          sending[row], report,
+          transfers.track([&, i](std::optional<kiv::KivFile> uploaded, std::optional<zu::Error> error) {
+            if (uploaded) {
+              report.files[i] = report.files[i].merge(*uploaded);
+              outcomes[i].result = "uploaded";
+            } else {
+              outcomes[i] = {outcomes[i].name, "failed", error->localizedDescription()};
+            }
+          }),
+          transfers.progress(row));
+    }
+    transfers.wait();
+  }
+  // The attempt dates are kept too, failed attempts included: they hold back the next try.
+  ReportStore::save(report);
+  finish(context, report, outcomes, "uploaded",
+         "; uploads of a file are tried once in 30 minutes, --force tries again now");
+}
+
+void downloadFiles(const Context& context, const TransferOptions& options) {
+  const ReportStore store = ReportStore::load();
+  const kiv::KivReport& report = store.find(options.report);
+  std::vector<Outcome> outcomes(report.files.size());
+  std::vector<std::size_t> chosen;
+  for (std::size_t i = 0; i < report.files.size(); ++i) {
+    const kiv::KivFile& file = report.files[i];
+    outcomes[i].name = fileName(file);
+    if (file.hasLocalFile()) {
+      outcomes[i].result = "done before";
+    } else if (!file.hasRemoteFile()) {
+      outcomes[i] = {fileName(file), "missing", "neither on this device nor uploaded"};
+    } else {
+      chosen.push_back(i);
+    }
+  }
+  std::vector<kiv::KivFile> fetching;
+  for (const std::size_t i : chosen) fetching.push_back(report.files[i]);
+  if (!fetching.empty()) {
+    context.connect(false);
+    Transfers transfers(context, "downloading the files of " + report.name, fetching);
+    for (std::size_t row = 0; row < chosen.size(); ++row) {
+      const std::size_t i = chosen[row];
+      kiv::KivAPI::downloadContent(
+          fetching[row], transfers.track([&, i](bool, std::optional<zu::Error> error) {
+            outcomes[i].result = error ? "failed" : "downloaded";
+            if (error) outcomes[i].detail = error->localizedDescription();
+          }),
+          transfers.progress(row));
+    }
+    transfers.wait();
+  }
+  finish(context, report, outcomes, "downloaded", "; kiv verify compares the content with its digests");
+}
+
+}  // namespace
+
+void addTransferCommands(CLI::App& app, Context& context) {
+  auto options = std::make_shared<TransferOptions>();
+  CLI::App* upload = addCommand(app, context, "upload", "Upload the content of every file not on the service yet",
+                                [&context, options] { uploadFiles(context, *options); });
+  upload->add_option("REPORT", options->report, "Id, id prefix, slug or name")->required();
+  upload->add_flag("--force", options->force, "Try again now, even within 30 minutes of the last attempt");
+
+  addCommand(app, context, "download", "Download the content of every file missing on this device",
+             [&context, options] { downloadFiles(context, *options); })
+      ->add_option("REPORT", options->report, "Id, id prefix, slug or name")
+      ->required();
+}
+
+}  // namespace kivcli
