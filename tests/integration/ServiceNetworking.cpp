@@ -1,57 +1,11 @@
 #include "integration/ServiceNetworking.hpp"
 
-#include <string>
-#include <utility>
-
-#include "KivSDK/API/APIEndpoint.hpp"
+#include "ServiceRedirect.hpp"
 
 namespace kivtest {
-namespace {
-
-/// A session that sends requests for the SDK's built-in service address to another address.
-class RedirectingSession final : public zu::URLSession {
- public:
-  RedirectingSession(std::shared_ptr<zu::URLSession> session, std::string to)
-      : session_(std::move(session)),
-        from_(std::string(kiv::KivAPI::APIEndpoint::baseURL()) + "/"),
-        to_(std::move(to) + "/") {}
-
-  const zu::URLSessionConfiguration& configuration() const override { return session_->configuration(); }
-  std::shared_ptr<zu::URLSessionTask> dataTask(zu::URLRequest request, DataCompletion completion) override {
-    return session_->dataTask(redirected(std::move(request)), std::move(completion));
-  }
-  std::shared_ptr<zu::URLSessionTask> uploadTask(zu::URLRequest request, zu::URL fromFile,
-                                                 DataCompletion completion) override {
-    return session_->uploadTask(redirected(std::move(request)), std::move(fromFile), std::move(completion));
-  }
-  std::shared_ptr<zu::URLSessionTask> downloadTask(zu::URLRequest request,
-                                                   DownloadCompletion completion) override {
-    return session_->downloadTask(redirected(std::move(request)), std::move(completion));
-  }
-
- private:
-  zu::URLRequest redirected(zu::URLRequest request) const {
-    const std::string& text = request.url.absoluteString();
-    if (text.starts_with(from_)) request.url = *zu::URL::fromString(to_ + text.substr(from_.size()));
-    return request;
-  }
-
-  std::shared_ptr<zu::URLSession> session_;
-  std::string from_;
-  std::string to_;
-};
-
-}  // namespace
 
 kiv::KivAPI::NetworkingType serviceNetworkingType(const ServiceAddress& address) {
-  auto trusting = zu::ZuNetworking::URLSessionType::trusting(address.caFile);
-  auto redirecting = std::make_shared<RedirectingSession>(trusting.sharedSession(), address.baseURL);
-  const zu::ZuNetworking::URLSessionType sessions{[redirecting] { return redirecting; }, trusting.make};
-  return [sessions](std::optional<std::string> authToken, std::string identifier) {
-    auto networking = std::make_shared<zu::ZuNetworking>(std::move(authToken), std::move(identifier));
-    networking->set_URLSessionType(sessions);
-    return networking;
-  };
+  return kivcli::redirectedNetworkingType(address.baseURL, address.caFile);
 }
 
 }  // namespace kivtest
