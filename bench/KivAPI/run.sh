@@ -33,32 +33,9 @@ value() { grep "^$1=" | cut -d= -f2; }
 make_media "$mib"
 sdk=$("$bench" "$base_url" "$ca_file" "$token" "$appdata")
 
-# curl: a second report with the same files, then every upload address put in one `curl --parallel` run.
+# curl: a second report with the same files, uploaded with `curl --parallel`.
 media="$appdata/Documents/Kiv"
-report=$(api POST /v1/reports/ "$(python3 - "$media" <<'PY'
-import hashlib, json, os, sys
-folder = sys.argv[1]
-files = []
-for name in sorted(os.listdir(folder)):
-    digest = hashlib.sha256()
-    with open(os.path.join(folder, name), "rb") as content:
-        for block in iter(lambda: content.read(1 << 20), b""):
-            digest.update(block)
-    files.append({"file_name": name, "original_created_at": "2024-05-01T12:00:00Z", "hash": digest.hexdigest()})
-print(json.dumps({"name": "curl", "original_created_at": "2024-05-01T12:00:00Z", "provable_files": files}))
-PY
-)")
-slug=$(echo "$report" | json_field '["slug"]')
-transfers=()
-while read -r name file_slug; do
-  target=$(api GET "/v1/reports/$slug/file-upload/?type=jpg&file_slug=$file_slug" | json_field '["upload_uri"]')
-  transfers+=(-T "$media/$name" -o /dev/null "$target")
-done < <(echo "$report" | python3 -c 'import json, sys
-for f in json.load(sys.stdin)["provable_files"]: print(f["file_name"], f["slug"])')
-TIMEFORMAT=%R
-curl_seconds=$({ time curl -sS --no-progress-meter --fail --parallel --parallel-max "$count" \
-  --cacert "$ca_file" -H 'Expect:' "${transfers[@]}" 2>"$work/curl.err"; } 2>&1) || { cat "$work/curl.err" >&2; exit 1; }
-curl_status=$(api GET "/v1/reports/$slug/" | json_field '["status"]')
+time_curl_uploads "$media" "$count"
 rm -rf "$appdata"
 
 make_media $((mib / 10 > 0 ? mib / 10 : 1))

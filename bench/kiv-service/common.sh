@@ -75,3 +75,34 @@ CONF
   nginx_pid=$!
   for _ in $(seq 50); do curl -s -o /dev/null --cacert "$ca_file" "https://127.0.0.1:$nginx_port/" && break; sleep 0.1; done
 }
+
+# time_curl_uploads FOLDER COUNT: a report of every file in FOLDER (hashed here), then every upload address put
+# in one `curl --parallel --parallel-max COUNT` run; sets curl_seconds (wall time of the uploads) and
+# curl_status (the report's status afterwards). Call after start_service.
+time_curl_uploads() {
+  local folder=$1 parallel=$2 report slug target name file_slug
+  report=$(api POST /v1/reports/ "$(python3 - "$folder" <<'PY'
+import hashlib, json, os, sys
+folder = sys.argv[1]
+files = []
+for name in sorted(os.listdir(folder)):
+    digest = hashlib.sha256()
+    with open(os.path.join(folder, name), "rb") as content:
+        for block in iter(lambda: content.read(1 << 20), b""):
+            digest.update(block)
+    files.append({"file_name": name, "original_created_at": "2024-05-01T12:00:00Z", "hash": digest.hexdigest()})
+print(json.dumps({"name": "curl", "original_created_at": "2024-05-01T12:00:00Z", "provable_files": files}))
+PY
+)")
+  slug=$(echo "$report" | json_field '["slug"]')
+  local transfers=()
+  while read -r name file_slug; do
+    target=$(api GET "/v1/reports/$slug/file-upload/?type=jpg&file_slug=$file_slug" | json_field '["upload_uri"]')
+    transfers+=(-T "$folder/$name" -o /dev/null "$target")
+  done < <(echo "$report" | python3 -c 'import json, sys
+for f in json.load(sys.stdin)["provable_files"]: print(f["file_name"], f["slug"])')
+  TIMEFORMAT=%R
+  curl_seconds=$({ time curl -sS --no-progress-meter --fail --parallel --parallel-max "$parallel" \
+    --cacert "$ca_file" -H 'Expect:' "${transfers[@]}" 2>"$work/curl.err"; } 2>&1) || { cat "$work/curl.err" >&2; exit 1; }
+  curl_status=$(api GET "/v1/reports/$slug/" | json_field '["status"]')
+}
