@@ -14,7 +14,8 @@ enum ExitCode : int { success = 0, failed = 1, usage = 2 };
 /// A command that cannot go on. The message is the one line for standard error: what failed and what to do.
 class CommandError : public std::runtime_error {
  public:
-  CommandError(ExitCode exitCode, const std::string& message) : std::runtime_error(message), code_(exitCode) {}
+  CommandError(ExitCode exitCode, const std::string& message)
+      : std::runtime_error(message), code_(exitCode) {}
   ExitCode exitCode() const { return code_; }
 
  private:

@@ -139,9 +139,11 @@ void addFiles(const Context& context, const AddOptions& options) {
   for (std::size_t i = 0; i < imports.size(); ++i) {
     const kiv::KivFile& file = report.files[report.files.size() - imports.size() + i];
     added.emplace_back(fileDocument(file));
-    text += "added " + imports[i].source.string() + " as " + fileName(file) + "  " + file.hash.value_or("") + "\n";
+    text += "added " + imports[i].source.string() + " as " + fileName(file) + "  " + file.hash.value_or("") +
+            "\n";
   }
-  context.print({{"report", reportSummary(report)}, {"hash", report.hash}, {"added", std::move(added)}}, text);
+  context.print({{"report", reportSummary(report)}, {"hash", report.hash}, {"added", std::move(added)}},
+                text);
 }
 
 // ---- verify ----

@@ -66,7 +66,8 @@ void ProgressBoard::draw(bool force) {
     expected += row.expected;
   }
   const double seconds = std::chrono::duration<double>(now - started_).count();
-  const std::string rate = seconds > 0 ? "  " + mebibytes(static_cast<std::int64_t>(done / seconds)) + " MiB/s" : "";
+  const std::string rate =
+      seconds > 0 ? "  " + mebibytes(static_cast<std::int64_t>(done / seconds)) + " MiB/s" : "";
   board << "\r\x1b[2K" << line("total", done, expected, rate) << '\n';
   drawn_ = true;
   std::cerr << board.str() << std::flush;

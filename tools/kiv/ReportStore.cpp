@@ -40,11 +40,14 @@ class StoreLock {
   int descriptor_ = -1;
 };
 
-std::string idText(const kiv::KivReport& report) { return report.id ? report.id->uuidString() : std::string(); }
+std::string idText(const kiv::KivReport& report) {
+  return report.id ? report.id->uuidString() : std::string();
+}
 
 std::string upper(std::string_view text) {
   std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), [](unsigned char c) { return std::toupper(c); });
+  std::transform(result.begin(), result.end(), result.begin(),
+                 [](unsigned char c) { return std::toupper(c); });
   return result;
 }
 

@@ -36,7 +36,8 @@ void sendReport(const Context& context, const ReportOptions& options) {
     fail("report " + hashed.name + " has no files: add media with kiv add first");
   }
   for (const kiv::KivFile& file : hashed.files) {
-    if (!file.hash) fail(fileName(file) + " has no digest and is not on this device: add it again with kiv add");
+    if (!file.hash)
+      fail(fileName(file) + " has no digest and is not on this device: add it again with kiv add");
   }
   context.connect();
   const auto sent = awaitOne<std::optional<kiv::KivReport>>(
@@ -44,8 +45,8 @@ void sendReport(const Context& context, const ReportOptions& options) {
       [&](auto completion) { kiv::KivAPI::send(hashed, options.language, std::move(completion)); });
   const kiv::KivReport merged = hashed.merge(*sent);
   ReportStore::save(merged);
-  context.print(reportDocument(merged),
-                "sent " + merged.name + ": slug " + merged.slug.value_or("-") + ", status " + statusText(merged));
+  context.print(reportDocument(merged), "sent " + merged.name + ": slug " + merged.slug.value_or("-") +
+                                            ", status " + statusText(merged));
 }
 
 bool isFinal(const kiv::KivReport& report) {
@@ -54,14 +55,14 @@ bool isFinal(const kiv::KivReport& report) {
 }
 
 kiv::KivReport fetchStatus(const Context& context, const kiv::KivReport& report, bool force) {
-  return *awaitOne<std::optional<kiv::KivReport>>(context, "fetching the status of " + report.name,
-                                                  [&](auto completion) {
-                                                    if (force) {
-                                                      kiv::KivAPI::forceStatusUpdate(report, std::move(completion));
-                                                    } else {
-                                                      kiv::KivAPI::update(report, std::move(completion));
-                                                    }
-                                                  });
+  return *awaitOne<std::optional<kiv::KivReport>>(
+      context, "fetching the status of " + report.name, [&](auto completion) {
+        if (force) {
+          kiv::KivAPI::forceStatusUpdate(report, std::move(completion));
+        } else {
+          kiv::KivAPI::update(report, std::move(completion));
+        }
+      });
 }
 
 void reportStatus(const Context& context, const ReportOptions& options) {
@@ -78,8 +79,10 @@ void reportStatus(const Context& context, const ReportOptions& options) {
   context.print(reportSummary(updated), updated.name + ": " + statusText(updated));
   if (options.wait <= 0) return;
   if (updated.proofStatus() == kiv::KivReport::ProofStatus::failed) {
-    fail(updated.name + " failed certification: the service holds content that does not match its digest; "
-                        "kiv verify " + updated.name + " names the files");
+    fail(updated.name +
+         " failed certification: the service holds content that does not match its digest; "
+         "kiv verify " +
+         updated.name + " names the files");
   }
   if (!isFinal(updated)) {
     fail(updated.name + " is still " + statusText(updated) + " after " + std::to_string(options.wait) +
@@ -110,9 +113,8 @@ zu::ZuMailList mailList(const std::string& setting) {
 void updateNewsletters(const Context& context, const NewsletterOptions& options) {
   std::vector<zu::ZuMailList> lists;
   for (const std::string& setting : options.lists) lists.push_back(mailList(setting));
-  const kiv::KivUserProperties properties(options.email,
-                                          options.phone.empty() ? std::nullopt : std::optional(options.phone),
-                                          lists);
+  const kiv::KivUserProperties properties(
+      options.email, options.phone.empty() ? std::nullopt : std::optional(options.phone), lists);
   context.connect();
   awaitOne<bool>(context, "updating the newsletters of " + options.email, [&](auto completion) {
     kiv::KivAPI::updateNewsletters(properties, options.language, std::move(completion));
@@ -137,7 +139,8 @@ kiv::KivReport sentReport(const ReportStore& store, const std::string& selector)
 void addServiceCommands(CLI::App& app, Context& context) {
   auto report = std::make_shared<ReportOptions>();
   const auto withReport = [&](const std::string& name, const std::string& description, auto body) {
-    CLI::App* command = addCommand(app, context, name, description, [&context, report, body] { body(context, *report); });
+    CLI::App* command =
+        addCommand(app, context, name, description, [&context, report, body] { body(context, *report); });
     command->add_option("REPORT", report->report, "Id, id prefix, slug or name")->required();
     return command;
   };

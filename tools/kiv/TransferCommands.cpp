@@ -81,7 +81,8 @@ void finish(const Context& context, const kiv::KivReport& report, const std::vec
   for (const Outcome& outcome : outcomes) {
     files.emplace_back(zu::AnyCodable::Dictionary{
         {"name", outcome.name}, {"result", outcome.result}, {"detail", outcome.detail}});
-    text += "  " + outcome.result + "  " + outcome.name + (outcome.detail.empty() ? "" : ": " + outcome.detail) + "\n";
+    text += "  " + outcome.result + "  " + outcome.name +
+            (outcome.detail.empty() ? "" : ": " + outcome.detail) + "\n";
     if (outcome.result != succeeded && outcome.result != "done before") {
       problems += (problems.empty() ? "" : "; ") + outcome.name + " " + outcome.result +
                   (outcome.detail.empty() ? "" : " (" + outcome.detail + ")");
@@ -110,7 +111,8 @@ void uploadFiles(const Context& context, const TransferOptions& options) {
           tried.addingTimeInterval(kiv::KivFile::_Const::Values::minimumTimeIntervalBetweenFileUploadRequest);
       outcomes[i] = {fileName(file), "throttled",
                      "tried at " + zu::stringWithAPIFormat(tried, zu::DateFormatterStyle::api) +
-                         ", next attempt after " + zu::stringWithAPIFormat(next, zu::DateFormatterStyle::api)};
+                         ", next attempt after " +
+                         zu::stringWithAPIFormat(next, zu::DateFormatterStyle::api)};
     } else {
       report.files[i] = file.updatingFileUploadAttemptDate(now);
       chosen.push_back(i);
@@ -166,12 +168,12 @@ void downloadFiles(const Context& context, const TransferOptions& options) {
     Transfers transfers(context, "downloading the files of " + report.name, fetching);
     for (std::size_t row = 0; row < chosen.size(); ++row) {
       const std::size_t i = chosen[row];
-      kiv::KivAPI::downloadContent(
-          fetching[row], transfers.track([&, i](bool, std::optional<zu::Error> error) {
-            outcomes[i].result = error ? "failed" : "downloaded";
-            if (error) outcomes[i].detail = error->localizedDescription();
-          }),
-          transfers.progress(row));
+      kiv::KivAPI::downloadContent(fetching[row],
+                                   transfers.track([&, i](bool, std::optional<zu::Error> error) {
+                                     outcomes[i].result = error ? "failed" : "downloaded";
+                                     if (error) outcomes[i].detail = error->localizedDescription();
+                                   }),
+                                   transfers.progress(row));
     }
     transfers.wait();
   }
@@ -182,8 +184,9 @@ void downloadFiles(const Context& context, const TransferOptions& options) {
 
 void addTransferCommands(CLI::App& app, Context& context) {
   auto options = std::make_shared<TransferOptions>();
-  CLI::App* upload = addCommand(app, context, "upload", "Upload the content of every file not on the service yet",
-                                [&context, options] { uploadFiles(context, *options); });
+  CLI::App* upload =
+      addCommand(app, context, "upload", "Upload the content of every file not on the service yet",
+                 [&context, options] { uploadFiles(context, *options); });
   upload->add_option("REPORT", options->report, "Id, id prefix, slug or name")->required();
   upload->add_flag("--force", options->force, "Try again now, even within 30 minutes of the last attempt");
 

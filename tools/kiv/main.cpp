@@ -12,8 +12,8 @@
 
 namespace kivcli {
 
-CLI::App* addCommand(CLI::App& parent, Context& context, const std::string& name, const std::string& description,
-                     std::function<void()> body) {
+CLI::App* addCommand(CLI::App& parent, Context& context, const std::string& name,
+                     const std::string& description, std::function<void()> body) {
   CLI::App* command = parent.add_subcommand(name, description);
   command->callback([&context, body = std::move(body)] {
     context.apply();

@@ -43,16 +43,20 @@ class KivCommand : public ::testing::Test {
     const auto& service = kivtest::ServiceEnvironment::address();
     std::vector<std::string> environment = {"KIV_DATA_DIR=" + dataFolder.string(),
                                             "KIV_SERVICE_URL=" + service.baseURL,
-                                            "KIV_SERVICE_CA=" + service.caFile, "KIV_APP_TOKEN=" + service.token,
-                                            "TZ=Europe/Kyiv", "PATH=/usr/bin:/bin"};
+                                            "KIV_SERVICE_CA=" + service.caFile,
+                                            "KIV_APP_TOKEN=" + service.token,
+                                            "TZ=Europe/Kyiv",
+                                            "PATH=/usr/bin:/bin"};
     std::vector<std::string> argv = {KIV_PROGRAM};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     const std::string out = (folder.path() / (tag + ".out")).string();
     const std::string err = (folder.path() / (tag + ".err")).string();
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
     pid_t pid = -1;
     const auto pointers = [](std::vector<std::string>& texts) {
       std::vector<char*> result;
@@ -111,8 +115,8 @@ class KivCommand : public ::testing::Test {
 TEST_F(KivCommand, TheWholeFlowInHumanAndJsonForm) {
   const fs::path photo = mediaFileNamed("Küche \"1\" 'a'.JPG", std::string(300000, 'p'));
   const fs::path video = mediaFileNamed("clip.mp4", "video bytes");
-  const json created = ok({"report", "new", "Kitchen", "--note", "tap", "--email", "a@example.com", "--meta",
-                           "room=kitchen"});
+  const json created =
+      ok({"report", "new", "Kitchen", "--note", "tap", "--email", "a@example.com", "--meta", "room=kitchen"});
   const std::string id = created["id"];
   EXPECT_EQ(created["note"], "tap");
   EXPECT_EQ(created["metadata"]["room"], "kitchen");
@@ -164,7 +168,8 @@ TEST_F(KivCommand, TheWholeFlowInHumanAndJsonForm) {
 }
 
 TEST_F(KivCommand, VerificationNamesAFileChangedAfterHashing) {
-  const std::string id = reportWith("Garage", {mediaFileNamed("a.jpg", "one"), mediaFileNamed("b.jpg", "two")});
+  const std::string id =
+      reportWith("Garage", {mediaFileNamed("a.jpg", "one"), mediaFileNamed("b.jpg", "two")});
   const json shown = ok({"report", "show", id});
   const std::string changed = shown["files"][1]["name"];
   writeFile(mediaFolder(data()) / changed, "tampered");
@@ -211,7 +216,8 @@ TEST_F(KivCommand, UploadsAreThrottledAfterAFailedAttemptUnlessForced) {
 TEST_F(KivCommand, ConcurrentCommandsKeepEveryReport) {
   ok({"report", "list"});  // the store set up once
   std::vector<pid_t> running;
-  for (int i = 0; i < 4; ++i) running.push_back(start({"report", "new", "R" + std::to_string(i)}, data(), "p" + std::to_string(i)));
+  for (int i = 0; i < 4; ++i)
+    running.push_back(start({"report", "new", "R" + std::to_string(i)}, data(), "p" + std::to_string(i)));
   for (int i = 0; i < 4; ++i) EXPECT_EQ(finish(running[i], "p" + std::to_string(i)).exitCode, 0);
   EXPECT_EQ(storedList()["reports"].size(), 4u);
 }
@@ -248,7 +254,8 @@ TEST_P(KivBadInput, SaysWhatIsWrongAndKeepsTheStore) {
   EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << "one line: " << run.err;
   EXPECT_TRUE(run.out.empty()) << run.out;
   EXPECT_EQ(storedList(), before);
-  const auto mediaFiles = std::distance(fs::directory_iterator(mediaFolder(data())), fs::directory_iterator());
+  const auto mediaFiles =
+      std::distance(fs::directory_iterator(mediaFolder(data())), fs::directory_iterator());
   EXPECT_EQ(mediaFiles, 1) << "the media folder holds the one file added before";
 }
 
@@ -258,13 +265,17 @@ INSTANTIATE_TEST_SUITE_P(
         BadInput{"unknown_report", {"report", "show", "nothing"}, 2, "no report \"nothing\""},
         BadInput{"missing_file", {"add", "{report}", "{media}/gone.jpg"}, 2, "No such file or directory"},
         BadInput{"folder", {"add", "{report}", "{media}/folder.jpg"}, 2, "it is a folder"},
-        BadInput{"empty_file", {"add", "{report}", "{media}/kept.jpg", "{media}/empty.jpg"}, 2, "the file is empty"},
+        BadInput{"empty_file",
+                 {"add", "{report}", "{media}/kept.jpg", "{media}/empty.jpg"},
+                 2,
+                 "the file is empty"},
         BadInput{"unreadable", {"add", "{report}", "{media}/locked.jpg"}, 1, "Permission denied"},
         BadInput{"no_files", {"send", "Empty"}, 1, "has no files"},
         BadInput{"not_sent", {"upload", "{report}"}, 1, "has not been sent yet"},
         BadInput{"bad_name", {"report", "new", "a/b"}, 2, "cannot be empty"},
         BadInput{"bad_meta", {"report", "new", "X", "--meta", "novalue"}, 2, "--meta takes key=value"},
-        BadInput{"bad_list", {"newsletter", "--email", "e@x", "--list", "news=maybe"}, 2, "--list takes NAME=on"},
+        BadInput{
+            "bad_list", {"newsletter", "--email", "e@x", "--list", "news=maybe"}, 2, "--list takes NAME=on"},
         BadInput{"unknown_option", {"send", "{report}", "--bogus"}, 2, "--bogus"},
         BadInput{"no_token", {"--token=", "send", "{report}"}, 2, "no application token"},
         BadInput{"no_command", {}, 2, "subcommand"}),
