@@ -67,7 +67,9 @@ void ProgressBoard::draw(bool force) {
   }
   const double seconds = std::chrono::duration<double>(now - started_).count();
   const std::string rate =
-      seconds > 0 ? "  " + mebibytes(static_cast<std::int64_t>(done / seconds)) + " MiB/s" : "";
+      seconds > 0
+          ? "  " + mebibytes(static_cast<std::int64_t>(static_cast<double>(done) / seconds)) + " MiB/s"
+          : "";
   board << "\r\x1b[2K" << line("total", done, expected, rate) << '\n';
   drawn_ = true;
   std::cerr << board.str() << std::flush;

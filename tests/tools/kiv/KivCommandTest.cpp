@@ -1,5 +1,6 @@
 // The kiv program end to end: run as a child process, with a data folder of its own, against the reference
 // service (the CTest fixture's), given its address, CA and token the way a user gives them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -23,7 +24,7 @@ using nlohmann::json;
 using testing_support::readFile;
 using testing_support::writeFile;
 
-struct Run {
+struct KivRun {
   int exitCode = -1;
   std::string out;
   std::string err;
@@ -70,9 +71,9 @@ class KivCommand : public ::testing::Test {
     posix_spawn_file_actions_destroy(&actions);
     return pid;
   }
-  Run finish(pid_t pid, const std::string& tag) {
+  KivRun finish(pid_t pid, const std::string& tag) {
     int status = 0;
-    Run run;
+    KivRun run;
     if (waitpid(pid, &status, 0) == pid && WIFEXITED(status)) run.exitCode = WEXITSTATUS(status);
     run.out = readFile(folder.path() / (tag + ".out"));
     run.err = readFile(folder.path() / (tag + ".err"));
@@ -80,15 +81,15 @@ class KivCommand : public ::testing::Test {
     EXPECT_EQ(run.err.find(kivtest::kServiceToken), std::string::npos) << "the token was printed";
     return run;
   }
-  Run kiv(const std::vector<std::string>& arguments) { return kivIn(data(), arguments); }
-  Run kivIn(const fs::path& dataFolder, const std::vector<std::string>& arguments) {
+  KivRun kiv(const std::vector<std::string>& arguments) { return kivIn(data(), arguments); }
+  KivRun kivIn(const fs::path& dataFolder, const std::vector<std::string>& arguments) {
     return finish(start(arguments, dataFolder, "run"), "run");
   }
   /// Runs kiv and expects success; answers its JSON document.
   json ok(const std::vector<std::string>& arguments) {
     std::vector<std::string> withJson = arguments;
     withJson.insert(withJson.begin(), "--json");
-    const Run run = kiv(withJson);
+    const KivRun run = kiv(withJson);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     return run.exitCode == 0 ? run.document() : json();
   }
@@ -141,7 +142,7 @@ TEST_F(KivCommand, TheWholeFlowInHumanAndJsonForm) {
   EXPECT_EQ(ok({"status", id, "--force", "--wait", "60"})["status"], "confirmed");
   EXPECT_NE(kiv({"status", id}).out.find("Kitchen: confirmed"), std::string::npos);
 
-  const Run pdf = kiv({"pdf", id});
+  const KivRun pdf = kiv({"pdf", id});
   ASSERT_EQ(pdf.exitCode, 0) << pdf.err;
   EXPECT_EQ(readFile(pdf.out.substr(0, pdf.out.size() - 1)).substr(0, 5), "%PDF-");
   EXPECT_EQ(ok({"verify", id})["verified"], true);
@@ -151,7 +152,7 @@ TEST_F(KivCommand, TheWholeFlowInHumanAndJsonForm) {
   const fs::path other = folder.path() / "other";
   fs::create_directories(other);
   fs::copy_file(data() / "UserDefaults.plist", other / "UserDefaults.plist");
-  const Run download = kivIn(other, {"download", id});
+  const KivRun download = kivIn(other, {"download", id});
   ASSERT_EQ(download.exitCode, 0) << download.err;
   EXPECT_EQ(readFile(mediaFolder(other) / stored), readFile(photo));
   EXPECT_EQ(kivIn(other, {"verify", id}).exitCode, 0);
@@ -174,7 +175,7 @@ TEST_F(KivCommand, VerificationNamesAFileChangedAfterHashing) {
   const std::string changed = shown["files"][1]["name"];
   writeFile(mediaFolder(data()) / changed, "tampered");
 
-  const Run run = kiv({"--json", "verify", id});
+  const KivRun run = kiv({"--json", "verify", id});
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_NE(run.err.find(changed + " changed"), std::string::npos) << run.err;
   EXPECT_EQ(run.document()["verified"], false);
@@ -186,7 +187,7 @@ TEST_F(KivCommand, AStalledServiceFailsWithinTheTimeOutAndLeavesTheStore) {
   const std::string id = reportWith("Attic", {mediaFileNamed("a.jpg", "attic")});
   const json before = storedList();
   kivtest::setFault("create", R"({"kind": "stall", "ms": 20000, "times": 1})");
-  const Run run = kiv({"--timeout", "2", "send", id});
+  const KivRun run = kiv({"--timeout", "2", "send", id});
   kivtest::clearFault("create");
   EXPECT_EQ(run.exitCode, 1);
   EXPECT_NE(run.err.find("sending Attic: no answer from the service for 2 s"), std::string::npos) << run.err;
@@ -198,13 +199,13 @@ TEST_F(KivCommand, UploadsAreThrottledAfterAFailedAttemptUnlessForced) {
   const std::string id = reportWith("Cellar", {mediaFileNamed("a.jpg", "cellar")});
   ok({"send", id});
   kivtest::setFault("put", R"({"kind": "status", "status": 500, "times": 1})");
-  const Run failed = kiv({"upload", id});
+  const KivRun failed = kiv({"upload", id});
   kivtest::clearFault("put");
   EXPECT_EQ(failed.exitCode, 1);
   EXPECT_NE(failed.err.find("failed"), std::string::npos) << failed.err;
   EXPECT_FALSE(ok({"report", "show", id})["files"][0]["lastUploadAttempt"].is_null());
 
-  const Run throttled = kiv({"upload", id});
+  const KivRun throttled = kiv({"upload", id});
   EXPECT_EQ(throttled.exitCode, 1);
   EXPECT_NE(throttled.err.find("throttled"), std::string::npos) << throttled.err;
   EXPECT_NE(throttled.err.find("--force"), std::string::npos) << throttled.err;
@@ -247,7 +248,7 @@ TEST_P(KivBadInput, SaysWhatIsWrongAndKeepsTheStore) {
     if (argument.starts_with("{media}")) argument = (media() / argument.substr(8)).string();
     arguments.push_back(argument);
   }
-  const Run run = kiv(arguments);
+  const KivRun run = kiv(arguments);
   EXPECT_EQ(run.exitCode, input.exitCode) << run.err;
   EXPECT_TRUE(run.err.starts_with("kiv: ")) << run.err;
   EXPECT_NE(run.err.find(input.message), std::string::npos) << run.err;
