@@ -57,7 +57,7 @@ zu::AnyCodable::Dictionary reportSummary(const kiv::KivReport& report) {
   return {
       {"id", report.id ? zu::AnyCodable(report.id->uuidString()) : zu::AnyCodable()},
       {"name", report.name},
-      {"files", static_cast<long>(report.files.size())},
+      {"fileCount", static_cast<long>(report.files.size())},
       {"status", statusText(report)},
       {"slug", report.slug},
   };

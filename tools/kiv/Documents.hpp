@@ -18,7 +18,7 @@ std::string fileName(const kiv::KivFile& file);
 zu::AnyCodable::Dictionary fileDocument(const kiv::KivFile& file);
 /// Every field of the report, its files, and where its certificate is (null when not downloaded).
 zu::AnyCodable::Dictionary reportDocument(const kiv::KivReport& report);
-/// The report's identity and state: id, name, files (a count), status, slug.
+/// The report's identity and state: id, name, fileCount, status, slug.
 zu::AnyCodable::Dictionary reportSummary(const kiv::KivReport& report);
 
 /// The report's details over several lines, a line per file.

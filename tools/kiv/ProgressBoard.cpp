@@ -78,7 +78,9 @@ void ProgressBoard::draw(bool force) {
 std::string ProgressBoard::line(const std::string& label, std::int64_t done, std::int64_t expected,
                                 const std::string& suffix) const {
   const int percent = expected > 0 ? static_cast<int>(std::min<std::int64_t>(100, done * 100 / expected)) : 0;
-  const std::string figures = std::to_string(percent) + "%  " + mebibytes(done) + "/" +
+  std::string share = std::to_string(percent) + "%";
+  share.insert(0, 4 - share.size(), ' ');
+  const std::string figures = share + "  " + mebibytes(done) + "/" +
                               (expected > 0 ? mebibytes(expected) : std::string("?")) + " MiB" + suffix;
   const std::size_t width = terminalWidth();
   const std::size_t fixed = labelWidth_ + figures.size() + 8;
