@@ -49,7 +49,17 @@ class KivCommand : public ::testing::Test {
                                             "TZ=Europe/Kyiv",
                                             "PATH=/usr/bin:/bin"};
     std::vector<std::string> argv = {KIV_PROGRAM};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    for (const std::string& argument : arguments) {
+      // "env:NAME=VALUE" replaces a variable of the environment instead of being an argument.
+      if (!argument.starts_with("env:")) {
+        argv.push_back(argument);
+        continue;
+      }
+      const std::string setting = argument.substr(4);
+      const std::string name = setting.substr(0, setting.find('=') + 1);
+      std::erase_if(environment, [&](const std::string& each) { return each.starts_with(name); });
+      environment.push_back(setting);
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     const std::string out = (folder.path() / (tag + ".out")).string();
@@ -230,6 +240,8 @@ struct BadInput {
   const char* message;
 };
 
+void PrintTo(const BadInput& input, std::ostream* out) { *out << input.label; }
+
 class KivBadInput : public KivCommand, public ::testing::WithParamInterface<BadInput> {};
 
 TEST_P(KivBadInput, SaysWhatIsWrongAndKeepsTheStore) {
@@ -278,7 +290,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadInput{
             "bad_list", {"newsletter", "--email", "e@x", "--list", "news=maybe"}, 2, "--list takes NAME=on"},
         BadInput{"unknown_option", {"send", "{report}", "--bogus"}, 2, "--bogus"},
-        BadInput{"no_token", {"--token=", "send", "{report}"}, 2, "no application token"},
+        BadInput{"no_token", {"env:KIV_APP_TOKEN=", "send", "{report}"}, 2, "no application token"},
         BadInput{"no_command", {}, 2, "subcommand"}),
     [](const auto& info) { return std::string(info.param.label); });
 
