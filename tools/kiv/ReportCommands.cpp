@@ -94,7 +94,7 @@ std::vector<zu::URL> ownedFiles(const kiv::KivReport& report, const std::vector<
 
 void removeReport(const Context& context, const std::string& selector) {
   const ReportStore store = ReportStore::load();
-  const kiv::KivReport report = store.find(selector);
+  const kiv::KivReport& report = store.find(selector);
   const std::vector<zu::URL> files = ownedFiles(report, store.reports());
   // The record goes first: a command stopped in between leaves unused files, never a report without them.
   ReportStore::remove(report);

@@ -29,46 +29,47 @@ struct Outcome {
   std::string detail;
 };
 
-/// One transfer per file at once, each drawn on a progress board, waited for together.
+/// The transfers of the chosen files of a report, all at once, each drawn on a progress board.
 class Transfers {
  public:
-  Transfers(const Context& context, const std::string& what, const std::vector<kiv::KivFile>& files)
-      : waiter_(context, what),
-        board_(std::make_shared<ProgressBoard>(labels(files), sizes(files), context.showsProgress())) {}
-
-  /// The progress handler of the transfer of row `row`.
-  kiv::KivAPI::TransferProgress progress(std::size_t row) {
-    return [board = board_, row, alive = waiter_.signOfLife()](std::int64_t done, std::int64_t expected) {
-      alive();
-      board->update(row, done, expected);
-    };
+  Transfers(const Context& context, const std::string& what, const std::vector<kiv::KivFile>& files,
+            std::vector<std::size_t> chosen)
+      : waiter_(context, what), chosen_(std::move(chosen)) {
+    std::vector<std::string> labels;
+    std::vector<std::int64_t> sizes;
+    labels.reserve(chosen_.size());
+    sizes.reserve(chosen_.size());
+    for (const std::size_t i : chosen_) {
+      labels.push_back(fileName(files[i]));
+      std::error_code error;
+      const auto size = std::filesystem::file_size(files[i].fileURL().path(), error);
+      sizes.push_back(error ? 0 : static_cast<std::int64_t>(size));
+    }
+    board_ = std::make_shared<ProgressBoard>(std::move(labels), std::move(sizes), context.showsProgress());
   }
+
+  /// `completion`, counted: `run` returns once every one has run.
   template <class Completion>
   auto track(Completion completion) {
     return waiter_.track(std::move(completion));
   }
-  void wait() {
+  /// Calls `start(index, progress)` for every chosen file, then waits for the tracked completions.
+  template <class Start>
+  void run(Start start) {
+    for (std::size_t row = 0; row < chosen_.size(); ++row) {
+      start(chosen_[row],
+            [board = board_, row, alive = waiter_.signOfLife()](std::int64_t done, std::int64_t expected) {
+              alive();
+              board->update(row, done, expected);
+            });
+    }
     waiter_.wait();
     board_->finish();
   }
 
  private:
-  static std::vector<std::string> labels(const std::vector<kiv::KivFile>& files) {
-    std::vector<std::string> names;
-    for (const kiv::KivFile& file : files) names.push_back(fileName(file));
-    return names;
-  }
-  static std::vector<std::int64_t> sizes(const std::vector<kiv::KivFile>& files) {
-    std::vector<std::int64_t> bytes;
-    for (const kiv::KivFile& file : files) {
-      std::error_code error;
-      const auto size = std::filesystem::file_size(file.fileURL().path(), error);
-      bytes.push_back(error ? 0 : static_cast<std::int64_t>(size));
-    }
-    return bytes;
-  }
-
   Waiter waiter_;
+  std::vector<std::size_t> chosen_;
   std::shared_ptr<ProgressBoard> board_;
 };
 
@@ -118,15 +119,14 @@ void uploadFiles(const Context& context, const TransferOptions& options) {
       chosen.push_back(i);
     }
   }
-  std::vector<kiv::KivFile> sending;
-  for (const std::size_t i : chosen) sending.push_back(report.files[i]);
-  if (!sending.empty()) {
+  if (!chosen.empty()) {
     context.connect();
-    Transfers transfers(context, "uploading the files of " + report.name, sending);
-    for (std::size_t row = 0; row < chosen.size(); ++row) {
-      const std::size_t i = chosen[row];
+    // Completions change `report` while uploads are still being started from this copy.
+    const kiv::KivReport sending = report;
+    Transfers transfers(context, "uploading the files of " + report.name, sending.files, chosen);
+    transfers.run([&](std::size_t i, kiv::KivAPI::TransferProgress progress) {
       kiv::KivAPI::uploadContent(
-          sending[row], report,
+          sending.files[i], sending,
           transfers.track([&, i](std::optional<kiv::KivFile> uploaded, std::optional<zu::Error> error) {
             if (uploaded) {
               report.files[i] = report.files[i].merge(*uploaded);
@@ -135,9 +135,8 @@ void uploadFiles(const Context& context, const TransferOptions& options) {
               outcomes[i] = {outcomes[i].name, "failed", error->localizedDescription()};
             }
           }),
-          transfers.progress(row));
-    }
-    transfers.wait();
+          std::move(progress));
+    });
   }
   // The attempt dates are kept too, failed attempts included: they hold back the next try.
   ReportStore::save(report);
@@ -161,21 +160,17 @@ void downloadFiles(const Context& context, const TransferOptions& options) {
       chosen.push_back(i);
     }
   }
-  std::vector<kiv::KivFile> fetching;
-  for (const std::size_t i : chosen) fetching.push_back(report.files[i]);
-  if (!fetching.empty()) {
+  if (!chosen.empty()) {
     context.connect(false);
-    Transfers transfers(context, "downloading the files of " + report.name, fetching);
-    for (std::size_t row = 0; row < chosen.size(); ++row) {
-      const std::size_t i = chosen[row];
-      kiv::KivAPI::downloadContent(fetching[row],
+    Transfers transfers(context, "downloading the files of " + report.name, report.files, chosen);
+    transfers.run([&](std::size_t i, kiv::KivAPI::TransferProgress progress) {
+      kiv::KivAPI::downloadContent(report.files[i],
                                    transfers.track([&, i](bool, std::optional<zu::Error> error) {
                                      outcomes[i].result = error ? "failed" : "downloaded";
                                      if (error) outcomes[i].detail = error->localizedDescription();
                                    }),
-                                   transfers.progress(row));
-    }
-    transfers.wait();
+                                   std::move(progress));
+    });
   }
   finish(context, report, outcomes, "downloaded", "; kiv verify compares the content with its digests");
 }

@@ -45,23 +45,25 @@ void addGlobalOptions(CLI::App& app, Context& context) {
 }  // namespace
 }  // namespace kivcli
 
-int main(int argc, char** argv) {
+namespace {
+
+int run(int argc, char** argv) {
   kivcli::Context context;
   CLI::App app("kiv: capture evidence into reports, certify them with the service, fetch certificates");
-  app.fallthrough();
-  app.require_subcommand(1);
-  app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return std::string(error.what()) + "; kiv --help shows the commands and options\n";
-  });
-  app.footer(
-      "REPORT is a report's id, a unique prefix of it, its slug or its exact name.\n"
-      "Exit codes: 0 success, 1 the operation failed, 2 usage error.");
-  kivcli::addGlobalOptions(app, context);
-  kivcli::addReportCommands(app, context);
-  kivcli::addMediaCommands(app, context);
-  kivcli::addServiceCommands(app, context);
-  kivcli::addTransferCommands(app, context);
   try {
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+      return std::string(error.what()) + "; kiv --help shows the commands and options\n";
+    });
+    app.footer(
+        "REPORT is a report's id, a unique prefix of it, its slug or its exact name.\n"
+        "Exit codes: 0 success, 1 the operation failed, 2 usage error.");
+    kivcli::addGlobalOptions(app, context);
+    kivcli::addReportCommands(app, context);
+    kivcli::addMediaCommands(app, context);
+    kivcli::addServiceCommands(app, context);
+    kivcli::addTransferCommands(app, context);
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);
@@ -77,4 +79,14 @@ int main(int argc, char** argv) {
     std::_Exit(kivcli::ExitCode::failed);
   }
   return kivcli::ExitCode::success;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (...) {
+    return kivcli::ExitCode::failed;  // the program's set-up failed before a line could be written
+  }
 }

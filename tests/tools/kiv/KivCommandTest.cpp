@@ -71,6 +71,7 @@ class KivCommand : public ::testing::Test {
     pid_t pid = -1;
     const auto pointers = [](std::vector<std::string>& texts) {
       std::vector<char*> result;
+      result.reserve(texts.size() + 1);
       for (std::string& text : texts) result.push_back(text.data());
       result.push_back(nullptr);
       return result;
@@ -105,13 +106,13 @@ class KivCommand : public ::testing::Test {
   }
 
   fs::path mediaFileNamed(const std::string& name, const std::string& content) {
-    const fs::path path = media() / name;
+    fs::path path = media() / name;
     writeFile(path, content);
     return path;
   }
   /// A new report with `files` added; answers its id.
   std::string reportWith(const std::string& name, const std::vector<fs::path>& files) {
-    const std::string id = ok({"report", "new", name})["id"];
+    std::string id = ok({"report", "new", name})["id"];
     std::vector<std::string> arguments = {"add", id};
     for (const fs::path& file : files) arguments.push_back(file.string());
     ok(arguments);
@@ -226,9 +227,9 @@ TEST_F(KivCommand, UploadsAreThrottledAfterAFailedAttemptUnlessForced) {
 
 TEST_F(KivCommand, ConcurrentCommandsKeepEveryReport) {
   ok({"report", "list"});  // the store set up once
-  std::vector<pid_t> running;
+  std::vector<pid_t> running(4);
   for (int i = 0; i < 4; ++i)
-    running.push_back(start({"report", "new", "R" + std::to_string(i)}, data(), "p" + std::to_string(i)));
+    running[i] = start({"report", "new", "R" + std::to_string(i)}, data(), "p" + std::to_string(i));
   for (int i = 0; i < 4; ++i) EXPECT_EQ(finish(running[i], "p" + std::to_string(i)).exitCode, 0);
   EXPECT_EQ(storedList()["reports"].size(), 4u);
 }
