@@ -205,16 +205,16 @@ void addMediaCommands(CLI::App& app, Context& context) {
   CLI::App* adding =
       addCommand(app, context, "add", "Copy media files into a report, named by capture time, and hash them",
                  [&context, add] { addFiles(context, *add); });
-  adding->add_option("REPORT", add->report, "Id, id prefix, slug or name")->required();
+  addReportArgument(*adding, add->report);
   adding->add_option("FILE", add->files, "Photos and videos to add")->required();
   adding->add_flag("--move", add->move, "Move the files instead of copying them");
 
   auto selector = std::make_shared<std::string>();
-  addCommand(app, context, "verify",
-             "Hash every file again and compare with the recorded digests and the service's status",
-             [&context, selector] { verifyReport(context, *selector); })
-      ->add_option("REPORT", *selector, "Id, id prefix, slug or name")
-      ->required();
+  addReportArgument(
+      *addCommand(app, context, "verify",
+                  "Hash every file again and compare with the recorded digests and the service's status",
+                  [&context, selector] { verifyReport(context, *selector); }),
+      *selector);
 }
 
 }  // namespace kivcli

@@ -130,14 +130,12 @@ void addReportCommands(CLI::App& app, Context& context) {
              [&context] { listReports(context); });
 
   auto selector = std::make_shared<std::string>();
-  addCommand(*report, context, "show", "Show a report and its files",
-             [&context, selector] { showReport(context, *selector); })
-      ->add_option("REPORT", *selector, "Id, id prefix, slug or name")
-      ->required();
-  addCommand(*report, context, "rm", "Remove a report with its media and certificate",
-             [&context, selector] { removeReport(context, *selector); })
-      ->add_option("REPORT", *selector, "Id, id prefix, slug or name")
-      ->required();
+  addReportArgument(*addCommand(*report, context, "show", "Show a report and its files",
+                                [&context, selector] { showReport(context, *selector); }),
+                    *selector);
+  addReportArgument(*addCommand(*report, context, "rm", "Remove a report with its media and certificate",
+                                [&context, selector] { removeReport(context, *selector); }),
+                    *selector);
 }
 
 }  // namespace kivcli

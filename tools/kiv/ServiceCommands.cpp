@@ -141,7 +141,7 @@ void addServiceCommands(CLI::App& app, Context& context) {
   const auto withReport = [&](const std::string& name, const std::string& description, auto body) {
     CLI::App* command =
         addCommand(app, context, name, description, [&context, report, body] { body(context, *report); });
-    command->add_option("REPORT", report->report, "Id, id prefix, slug or name")->required();
+    addReportArgument(*command, report->report);
     return command;
   };
   withReport("send", "Submit the report to the service (create or update it) and keep its slugs", sendReport)

@@ -73,6 +73,24 @@ class Transfers {
   std::shared_ptr<ProgressBoard> board_;
 };
 
+/**
+ * Sorts a report's files: `verdict` answers the outcome of a file that is not transferred (already done,
+ * impossible, held back), nothing for one to transfer. Answers every file's outcome so far and the indices
+ * of the files to transfer.
+ */
+template <class Verdict>
+std::pair<std::vector<Outcome>, std::vector<std::size_t>> choose(const std::vector<kiv::KivFile>& files,
+                                                                 Verdict verdict) {
+  std::vector<Outcome> outcomes(files.size());
+  std::vector<std::size_t> chosen;
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    const std::optional<Outcome> outcome = verdict(files[i]);
+    outcomes[i] = outcome.value_or(Outcome{fileName(files[i]), "", ""});
+    if (!outcome) chosen.push_back(i);
+  }
+  return {std::move(outcomes), std::move(chosen)};
+}
+
 /// Prints the outcomes and fails, naming the files that did not make it, unless all are `succeeded`.
 void finish(const Context& context, const kiv::KivReport& report, const std::vector<Outcome>& outcomes,
             const std::string& succeeded, const std::string& advice) {
@@ -97,28 +115,18 @@ void uploadFiles(const Context& context, const TransferOptions& options) {
   const ReportStore store = ReportStore::load();
   kiv::KivReport report = sentReport(store, options.report);
   const zu::Date now = zu::Date::now();
-  std::vector<Outcome> outcomes(report.files.size());
-  std::vector<std::size_t> chosen;
-  for (std::size_t i = 0; i < report.files.size(); ++i) {
-    const kiv::KivFile& file = report.files[i];
-    outcomes[i].name = fileName(file);
-    if (file.hasRemoteFile()) {
-      outcomes[i].result = "done before";
-    } else if (!file.hasLocalFile()) {
-      outcomes[i] = {fileName(file), "missing", "not on this device"};
-    } else if (!options.force && !file.canAttemptFileUpload(now)) {
-      const zu::Date tried = *file._lastFileUploadAttemptDate;
-      const zu::Date next =
-          tried.addingTimeInterval(kiv::KivFile::_Const::Values::minimumTimeIntervalBetweenFileUploadRequest);
-      outcomes[i] = {fileName(file), "throttled",
-                     "tried at " + zu::stringWithAPIFormat(tried, zu::DateFormatterStyle::api) +
-                         ", next attempt after " +
-                         zu::stringWithAPIFormat(next, zu::DateFormatterStyle::api)};
-    } else {
-      report.files[i] = file.updatingFileUploadAttemptDate(now);
-      chosen.push_back(i);
-    }
-  }
+  auto [outcomes, chosen] = choose(report.files, [&](const kiv::KivFile& file) -> std::optional<Outcome> {
+    if (file.hasRemoteFile()) return Outcome{fileName(file), "done before", ""};
+    if (!file.hasLocalFile()) return Outcome{fileName(file), "missing", "not on this device"};
+    if (options.force || file.canAttemptFileUpload(now)) return std::nullopt;
+    const zu::Date tried = *file._lastFileUploadAttemptDate;
+    const zu::Date next =
+        tried.addingTimeInterval(kiv::KivFile::_Const::Values::minimumTimeIntervalBetweenFileUploadRequest);
+    return Outcome{fileName(file), "throttled",
+                   "tried at " + zu::stringWithAPIFormat(tried, zu::DateFormatterStyle::api) +
+                       ", next attempt after " + zu::stringWithAPIFormat(next, zu::DateFormatterStyle::api)};
+  });
+  for (const std::size_t i : chosen) report.files[i] = report.files[i].updatingFileUploadAttemptDate(now);
   if (!chosen.empty()) {
     context.connect();
     // Completions change `report` while uploads are still being started from this copy.
@@ -147,19 +155,12 @@ void uploadFiles(const Context& context, const TransferOptions& options) {
 void downloadFiles(const Context& context, const TransferOptions& options) {
   const ReportStore store = ReportStore::load();
   const kiv::KivReport& report = store.find(options.report);
-  std::vector<Outcome> outcomes(report.files.size());
-  std::vector<std::size_t> chosen;
-  for (std::size_t i = 0; i < report.files.size(); ++i) {
-    const kiv::KivFile& file = report.files[i];
-    outcomes[i].name = fileName(file);
-    if (file.hasLocalFile()) {
-      outcomes[i].result = "done before";
-    } else if (!file.hasRemoteFile()) {
-      outcomes[i] = {fileName(file), "missing", "neither on this device nor uploaded"};
-    } else {
-      chosen.push_back(i);
-    }
-  }
+  auto [outcomes, chosen] = choose(report.files, [](const kiv::KivFile& file) -> std::optional<Outcome> {
+    if (file.hasLocalFile()) return Outcome{fileName(file), "done before", ""};
+    if (!file.hasRemoteFile())
+      return Outcome{fileName(file), "missing", "neither on this device nor uploaded"};
+    return std::nullopt;
+  });
   if (!chosen.empty()) {
     context.connect(false);
     Transfers transfers(context, "downloading the files of " + report.name, report.files, chosen);
@@ -182,13 +183,13 @@ void addTransferCommands(CLI::App& app, Context& context) {
   CLI::App* upload =
       addCommand(app, context, "upload", "Upload the content of every file not on the service yet",
                  [&context, options] { uploadFiles(context, *options); });
-  upload->add_option("REPORT", options->report, "Id, id prefix, slug or name")->required();
+  addReportArgument(*upload, options->report);
   upload->add_flag("--force", options->force, "Try again now, even within 30 minutes of the last attempt");
 
-  addCommand(app, context, "download", "Download the content of every file missing on this device",
-             [&context, options] { downloadFiles(context, *options); })
-      ->add_option("REPORT", options->report, "Id, id prefix, slug or name")
-      ->required();
+  addReportArgument(
+      *addCommand(app, context, "download", "Download the content of every file missing on this device",
+                  [&context, options] { downloadFiles(context, *options); }),
+      options->report);
 }
 
 }  // namespace kivcli

@@ -22,6 +22,10 @@ CLI::App* addCommand(CLI::App& parent, Context& context, const std::string& name
   return command;
 }
 
+void addReportArgument(CLI::App& command, std::string& selector) {
+  command.add_option("REPORT", selector, "Id, id prefix, slug or name")->required();
+}
+
 namespace {
 
 void addGlobalOptions(CLI::App& app, Context& context) {
