@@ -2,8 +2,7 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
+#include <filesystem>
 #include <iostream>
 
 #include "AnyCodable/JSONSerialization.hpp"
@@ -20,7 +19,7 @@ void fail(const std::string& message) { throw CommandError(ExitCode::failed, mes
 void reject(const std::string& message) { throw CommandError(ExitCode::usage, message); }
 
 void Context::apply() const {
-  if (!data.empty()) zu::ZuFileManager::setApplicationDataDirectory(data);
+  if (!data.empty()) zu::ZuFileManager::setApplicationDataDirectory(std::filesystem::absolute(data).string());
   if (verbose == 0) return;
   // Standard output belongs to the command's result (one JSON document with --json): log lines go to
   // standard error.
