@@ -32,7 +32,7 @@ std::string videoDescription(const CameraSource& source) {
       " ! videocrop name=zoomcrop ! videoscale ! video/x-raw," + sizeCaps(source) + ",pixel-aspect-ratio=1/1";
   std::string overlay = source.devicePath ? ""
                                           : " ! clockoverlay time-format=\"%Y-%m-%d %H:%M:%S\" "
-                                            "halignment=left valignment=bottom shaded-background=true "
+                                            "halignment=center valignment=center shaded-background=true "
                                             "font-desc=\"Sans 16\"";
   // The preview keeps only the newest picture: a slow view never holds the camera back.
   return camera + zoom + overlay +
