@@ -14,9 +14,7 @@
 #include <string>
 
 #include "KivMediaCaptureAndPlayViewController/core/LocalizedStrings.hpp"
-#include "KivMediaCaptureAndPlayViewController/gstreamer/GstCaptureDevice.hpp"
-#include "KivMediaCaptureAndPlayViewController/gstreamer/GstMediaPlayer.hpp"
-#include "KivMediaCaptureAndPlayViewController/qt/CaptureWidgetHarness.hpp"
+#include "KivMediaCaptureAndPlayViewController/gstreamer/GstCaptureWidget.hpp"
 #include "ZuGStreamer/detail/GStreamer.hpp"
 
 namespace {
@@ -32,19 +30,10 @@ zu::GstCaptureDevice::Settings syntheticCamera() {
   return {.synthetic = true, .width = kWidth, .height = kHeight, .framesPerSecond = 30};
 }
 
-/// The Qt capture screen on the synthetic camera and the GStreamer player.
-struct GstParts {
-  std::shared_ptr<zu::GstCaptureDevice> device = std::make_shared<zu::GstCaptureDevice>(syntheticCamera());
-  std::shared_ptr<zu::GstMediaPlayer> player = std::make_shared<zu::GstMediaPlayer>();
-};
-class GstCaptureWidget : public GstParts, public CaptureWidgetHarness {
+/// The capture screen on the synthetic camera.
+class SyntheticScreen : public GstCaptureWidget {
  public:
-  explicit GstCaptureWidget(const Options& options) : CaptureWidgetHarness(device, player, options) {}
-
-  const zu::Image& playerFrame() {
-    static const zu::Image none;
-    return controller()._playerLayer ? controller()._playerLayer->frame : none;
-  }
+  explicit SyntheticScreen(const Options& options) : GstCaptureWidget(syntheticCamera(), options) {}
 };
 
 /// What ffprobe, a reader of its own, finds in a media file: "codec_name", "pix_fmt" and "duration" values.
@@ -84,12 +73,12 @@ std::string clipBytes(const TemporaryDirectory& folder) {
 }
 
 TEST(GstCaptureScreen, TakesAPhotoOfThePreviewsSize) {
-  GstCaptureWidget screen({.defaultMediaType = MediaType::photo});
-  screen.showAndWaitForCamera();
+  SyntheticScreen screen({.defaultMediaType = MediaType::photo});
+  ASSERT_TRUE(screen.showAndWaitForCamera());
   const zu::Image& preview = screen.controller()._mediaPreviewView.previewLayer->frame;
   EXPECT_EQ(preview.width(), kWidth);
   EXPECT_EQ(preview.height(), kHeight);
-  screen.screenshot("gstreamer-preview");
+  EXPECT_FALSE(screen.screenshot("gstreamer-preview").isNull());
 
   screen.click("mainControlButton");
   ASSERT_TRUE(screen.waitForState(State::imageDisplay));
@@ -98,12 +87,12 @@ TEST(GstCaptureScreen, TakesAPhotoOfThePreviewsSize) {
   EXPECT_EQ(photo.path(), screen.folderURL().appendingPathComponent(photo.lastPathComponent()).path());
   const QImage decoded(QString::fromStdString(photo.path()), "JPEG");
   EXPECT_EQ(decoded.size(), QSize(kWidth, kHeight));
-  screen.screenshot("gstreamer-photo");
+  EXPECT_FALSE(screen.screenshot("gstreamer-photo").isNull());
 }
 
 TEST(GstCaptureScreen, RecordsThreeSecondsPlaysThemToTheEndAndDeletesThemWithConsent) {
-  GstCaptureWidget screen({});
-  screen.showAndWaitForCamera();
+  SyntheticScreen screen({});
+  ASSERT_TRUE(screen.showAndWaitForCamera());
   screen.click("mainControlButton");
   ASSERT_TRUE(screen.waitForState(State::recording));
   ASSERT_TRUE(screen.waitUntil([&] { return screen.device->recordedDuration() >= 3; }));
@@ -127,7 +116,7 @@ TEST(GstCaptureScreen, RecordsThreeSecondsPlaysThemToTheEndAndDeletesThemWithCon
   ASSERT_TRUE(screen.waitForState(State::playing));
   ASSERT_TRUE(screen.waitUntil([&] { return !screen.playerFrame().isEmpty(); }));
   EXPECT_EQ(screen.playerFrame().width(), kWidth);
-  screen.screenshot("gstreamer-playback");
+  EXPECT_FALSE(screen.screenshot("gstreamer-playback").isNull());
   ASSERT_TRUE(screen.waitForState(State::ended));
   EXPECT_TRUE(screen.controller()._timeLabel.text == "00:00:03" ||
               screen.controller()._timeLabel.text == "00:00:02")
@@ -142,8 +131,8 @@ TEST(GstCaptureScreen, RecordsThreeSecondsPlaysThemToTheEndAndDeletesThemWithCon
 }
 
 TEST(GstCaptureScreen, PinchZoomIsClampedAndTheSyntheticCameraHasNoTorch) {
-  GstCaptureWidget screen({});
-  screen.showAndWaitForCamera();
+  SyntheticScreen screen({});
+  ASSERT_TRUE(screen.showAndWaitForCamera());
   EXPECT_FALSE(screen.device->hasTorch());
   screen.click("flashButton");
   EXPECT_TRUE(screen.controller().flashOn());
@@ -174,7 +163,7 @@ class GstReview : public testing::TestWithParam<UnplayableFile> {};
 
 TEST_P(GstReview, AFileThatCannotBePlayedReturnsToCapture) {
   const TemporaryDirectory scratch;
-  GstCaptureWidget screen(
+  SyntheticScreen screen(
       {.fileName = "evidence.mp4", .fileBytes = GetParam().bytes(clipBytes(scratch)), .autoplay = true});
   screen.widget->show();
   ASSERT_TRUE(screen.waitForState(State::readyToCapture)) << static_cast<int>(screen.controller().state());

@@ -22,7 +22,8 @@ using MediaType = Controller::MediaType;
 /// The names of the screen's controls, as the Qt view calls its widgets.
 extern const std::set<QString> kAllControls;
 
-/// The Qt capture screen on a given camera and player, in a fresh media folder, without animations.
+/// The Qt capture screen on a given camera and player, in a fresh media folder, without animations. Tests and
+/// benchmarks drive it like a user.
 class CaptureWidgetHarness {
  public:
   struct Options {
@@ -45,10 +46,10 @@ class CaptureWidgetHarness {
   static bool waitUntil(const std::function<bool()>& condition);
   bool waitForState(State state);
   /**
-   * Shows the screen; for capture, waits until it can capture and shows a picture of the camera.
-   * `sendPicture` makes a camera that sends none by itself send one.
+   * Shows the screen; for capture, waits until it can capture and shows a picture of the camera (whether it
+   * does). `sendPicture` makes a camera that sends none by itself send one.
    */
-  void showAndWaitForCamera(const std::function<void()>& sendPicture = {});
+  [[nodiscard]] bool showAndWaitForCamera(const std::function<void()>& sendPicture = {});
 
   QWidget* child(const QString& name) const { return widget->findChild<QWidget*>(name); }
   void click(const QString& name);
@@ -56,7 +57,8 @@ class CaptureWidgetHarness {
   void pickSegment(int index);
   void pinch(zu::PinchGestureRecognizer::State state, double scale);
   std::set<QString> visibleControls() const;
-  /// Renders the screen into "<name>.png" under the build tree and returns the picture.
+  /// Renders the screen into "<name>.png" under the build tree and returns the picture (a null one when it
+  /// could not be saved).
   QImage screenshot(const QString& name) const;
 
   TemporaryDirectory folder;

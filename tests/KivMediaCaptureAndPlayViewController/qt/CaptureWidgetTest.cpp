@@ -28,7 +28,7 @@ class CaptureWidget : public FakeParts, public CaptureWidgetHarness {
   explicit CaptureWidget(const Options& options) : CaptureWidgetHarness(device, player, options) {}
 
   void show() {
-    showAndWaitForCamera([this] { device->deliverFrame(); });
+    ASSERT_TRUE(showAndWaitForCamera([this] { device->deliverFrame(); }));
   }
 };
 

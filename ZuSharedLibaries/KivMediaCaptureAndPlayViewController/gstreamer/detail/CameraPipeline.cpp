@@ -20,9 +20,11 @@ std::string rawVideoCaps(const CameraSource& source) {
          ",framerate=" + std::to_string(source.framesPerSecond) + "/1";
 }
 
-/// The camera into the video tee, with the preview branch. A V4L2 camera's pictures are decoded if need be
-/// and scaled to the pipeline's size and rate; the synthetic camera's moving bars carry the time of day.
-std::string videoDescription(const CameraSource& source) {
+bool hasSound(const CameraSource& source) { return !source.devicePath || source.microphone; }
+
+}  // namespace
+
+std::string CameraPipeline::picturesDescription(const CameraSource& source) {
   std::string camera = source.devicePath
                            ? "v4l2src name=camera ! decodebin ! videoconvert ! videoscale ! videorate ! " +
                                  rawVideoCaps(source)
@@ -34,28 +36,15 @@ std::string videoDescription(const CameraSource& source) {
                                           : " ! clockoverlay time-format=\"%Y-%m-%d %H:%M:%S\" "
                                             "halignment=center valignment=center shaded-background=true "
                                             "font-desc=\"Sans 16\"";
-  // The preview keeps only the newest picture: a slow view never holds the camera back.
-  return camera + zoom + overlay +
-         " ! tee name=videotee allow-not-linked=true"
-         " videotee. ! queue leaky=downstream max-size-buffers=2 max-size-bytes=0 max-size-time=0"
-         " ! videoconvert ! video/x-raw,format=RGBA ! appsink name=preview max-buffers=1 drop=true "
-         "sync=false";
+  return camera + zoom + overlay;
 }
 
-/// The sound into the audio tee: the synthetic camera's quiet tone, or the microphone. Buffers of 10 ms
-/// let a recording end within 10 ms of its last picture.
-std::string audioDescription(const CameraSource& source) {
-  const std::string sound =
-      source.devicePath
-          ? *source.microphone + " name=microphone ! audioconvert ! audioresample ! audio/x-raw,rate=48000"
-          : "audiotestsrc name=microphone is-live=true volume=0.05 samplesperbuffer=480 "
-            "! audio/x-raw,rate=48000,channels=1";
-  return sound + " ! tee name=audiotee allow-not-linked=true";
+std::string CameraPipeline::soundDescription(const CameraSource& source) {
+  return source.devicePath
+             ? *source.microphone + " name=microphone ! audioconvert ! audioresample ! audio/x-raw,rate=48000"
+             : "audiotestsrc name=microphone is-live=true volume=0.05 samplesperbuffer=480 "
+               "! audio/x-raw,rate=48000,channels=1";
 }
-
-bool hasSound(const CameraSource& source) { return !source.devicePath || source.microphone; }
-
-}  // namespace
 
 std::optional<std::string> CameraPipeline::defaultMicrophone() {
   for (const char* factory : {"pulsesrc", "alsasrc"}) {
@@ -86,8 +75,14 @@ std::optional<Error> CameraPipeline::missingAudioElement(const CameraSource& sou
 Result<std::unique_ptr<CameraPipeline>> CameraPipeline::make(const CameraSource& source,
                                                              SampleHandler onSample,
                                                              FailureHandler onFailure) {
-  std::string description = videoDescription(source);
-  if (hasSound(source)) description += " " + audioDescription(source);
+  // The preview keeps only the newest picture: a slow view never holds the camera back.
+  std::string description = picturesDescription(source) +
+                            " ! tee name=videotee allow-not-linked=true"
+                            " videotee. ! queue leaky=downstream max-size-buffers=2 max-size-bytes=0 "
+                            "max-size-time=0 ! videoconvert ! video/x-raw,format=RGBA "
+                            "! appsink name=preview max-buffers=1 drop=true sync=false";
+  if (hasSound(source))
+    description += " " + soundDescription(source) + " ! tee name=audiotee allow-not-linked=true";
   auto pipeline = parseLaunch(description);
   if (!pipeline) return pipeline.error();
   if (source.devicePath) {

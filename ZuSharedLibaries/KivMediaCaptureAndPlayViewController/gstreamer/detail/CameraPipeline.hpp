@@ -55,6 +55,15 @@ class CameraPipeline {
   /// The time `start` waits for the first picture of a camera that neither sends one nor fails.
   static constexpr std::chrono::seconds firstPictureTimeout{20};
 
+  /**
+   * The camera's pictures in launch syntax, up to where the pipeline branches: a V4L2 camera's pictures
+   * decoded if need be and scaled to the pipeline's size and rate, or the synthetic camera's moving bars
+   * with the time of day; then the digital zoom.
+   */
+  static std::string picturesDescription(const CameraSource& source);
+  /// The sound in launch syntax, up to where the pipeline branches: the microphone, or the synthetic
+  /// camera's quiet tone. Buffers of 10 ms let a recording end within 10 ms of its last picture.
+  static std::string soundDescription(const CameraSource& source);
   /// The element that reads the default microphone ("pulsesrc" or "alsasrc"), when one can be opened.
   static std::optional<std::string> defaultMicrophone();
   /// The missing-plugin error of an element the camera's pictures need; nothing when all are installed.
