@@ -9,8 +9,9 @@
 //     in each (1.0 is one core busy)
 // capture_bench playback <count> <file>
 //     reviews of <file>: entering readyToPlayback to its first picture on screen
-// capture_bench reference <file>
-//     the launch description of the same camera and encoders writing <file>, for gst-launch-1.0
+// capture_bench reference <seconds> <file>
+//     the launch description of the same camera and encoders writing that long into <file>, for
+//     gst-launch-1.0
 //
 // Prints "key=value" lines; times in milliseconds.
 #include <sys/resource.h>
@@ -137,13 +138,22 @@ int playbacks(int count, const std::string& file) {
   return 0;
 }
 
-int reference(const std::string& file) {
+/// `description` with the element called `name` ending after `count` buffers.
+std::string endingAfter(std::string description, const std::string& name, int count) {
+  const std::string element = "name=" + name;
+  return description.insert(description.find(element) + element.size(),
+                            " num-buffers=" + std::to_string(count));
+}
+
+int reference(int seconds, const std::string& file) {
   using zu::detail::CameraPipeline;
   using zu::detail::Recorder;
-  std::cout << CameraPipeline::picturesDescription(kSynthetic) << " ! " << Recorder::videoEncoderDescription
-            << " ! mp4mux name=mux ! filesink location=" << file << " "
-            << CameraPipeline::soundDescription(kSynthetic) << " ! " << Recorder::audioEncoderDescription
-            << " ! mux.\n";
+  // The sources end by themselves (pictures of 1/30 s, sound buffers of 10 ms), so the muxer completes the
+  // file.
+  std::cout << endingAfter(CameraPipeline::picturesDescription(kSynthetic), "camera", seconds * 30) << " ! "
+            << Recorder::videoEncoderDescription << " ! mp4mux name=mux ! filesink location=" << file << " "
+            << endingAfter(CameraPipeline::soundDescription(kSynthetic), "microphone", seconds * 100) << " ! "
+            << Recorder::audioEncoderDescription << " ! mux.\n";
   return 0;
 }
 
@@ -153,12 +163,12 @@ int main(int argc, char** argv) {
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   const auto number = [&](std::size_t at) { return std::stoi(arguments.at(at)); };
-  if (arguments.size() == 2 && arguments[0] == "reference") return reference(arguments[1]);
+  if (arguments.size() == 3 && arguments[0] == "reference") return reference(number(1), arguments[2]);
   QApplication application(argc, argv);
   if (arguments.size() == 2 && arguments[0] == "photo") return photos(number(1));
   if (arguments.size() == 3 && arguments[0] == "record") return record(number(1), arguments[2]);
   if (arguments.size() == 3 && arguments[0] == "playback") return playbacks(number(1), arguments[2]);
-  std::cerr
-      << "usage: capture_bench photo COUNT | record SECONDS FILE | playback COUNT FILE | reference FILE\n";
+  std::cerr << "usage: capture_bench photo COUNT | record SECONDS FILE | playback COUNT FILE | reference "
+               "SECONDS FILE\n";
   return 2;
 }

@@ -4,7 +4,8 @@
 #  1. 20 photos: the control press to the photo file written and on screen (median and worst);
 #  2. 10 seconds of preview alone, then a 10-second recording through the screen: the process's CPU in each,
 #     and the pictures missing from the recording (ffprobe counts those in the file);
-#  3. gst-launch-1.0 running the same camera and encoders into a file for 10 seconds: its CPU and pictures;
+#  3. gst-launch-1.0 running the same camera and encoders into a file for 10 seconds: its CPU and pictures
+#     (its time includes its start, a small part of 10 seconds);
 #  4. 10 reviews of the recording: entering readyToPlayback to its first picture on screen.
 # CPU is in cores: 1.0 is one core busy the whole time. Needs scripts/setup.sh bench/debian-packages.txt.
 # Usage: bench/KivMediaCaptureAndPlayViewController/run.sh
@@ -29,10 +30,10 @@ print(round(float(fields["duration"]) * 30) - int(fields["nb_read_frames"]), fie
 
 photo=$("$bench" photo 20)
 record=$("$bench" record 10 "$work/recording.mp4")
-# gst-launch ends on the interrupt with an end of stream (-e), so that its file is complete too.
+# The description's quoted values must reach gst-launch-1.0 as single arguments, hence eval.
+description=$("$bench" reference 10 "$work/reference.mp4")
 TIMEFORMAT='%U %S %R'
-reference=$({ time timeout -s INT 10 gst-launch-1.0 -q -e "$("$bench" reference "$work/reference.mp4")" \
-  >/dev/null 2>&1 || true; } 2>&1 | tail -n 1)
+reference=$({ time eval "gst-launch-1.0 -q $description" >/dev/null; } 2>&1 | tail -n 1)
 playback=$("$bench" playback 10 "$work/recording.mp4")
 
 python3 - "$(echo "$photo" | value photo_median_ms)" "$(echo "$photo" | value photo_worst_ms)" \
