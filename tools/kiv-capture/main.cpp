@@ -33,6 +33,7 @@ struct Options {
   bool photo = false;
   std::string directory;
   std::optional<std::string> report;
+  /// Made absolute once parsed.
   std::optional<std::string> review;
   bool autoplay = false;
   bool verbose = false;
@@ -67,7 +68,7 @@ class Host final : public zu::KivMediaCaptureAndPlayViewControllerDelegate {
 
   bool mediaCaptureAndPlayViewControllerCanDeleteFileAt(Screen&, const zu::URL& fileURL) override {
     // New captures may go again; the file the user brought for review stays.
-    return !options_.review || std::filesystem::absolute(*options_.review) != fileURL.path();
+    return !options_.review || *options_.review != fileURL.path();
   }
   void mediaCaptureAndPlayViewControllerDidDeleteFileAt(Screen&, const zu::URL& fileURL) override {
     std::cerr << "Deleted " << fileURL.path() << "\n";
@@ -113,11 +114,7 @@ class Host final : public zu::KivMediaCaptureAndPlayViewControllerDelegate {
   int status_ = 1;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  Options options;
-  if (const auto usage = parse(argc, argv, options)) return *usage;
+int run(int argc, char** argv, const Options& options) {
   if (options.verbose) zu::ZuLogger::setLogLevel(zu::ZuLogger::LogLevel::debug);
   const std::string directory =
       options.directory.empty() ? kiv::KivFile::kivDirectory().path() : options.directory;
@@ -133,7 +130,7 @@ int main(int argc, char** argv) {
   auto camera =
       std::make_shared<zu::GstCaptureDevice>(zu::GstCaptureDevice::Settings{.synthetic = options.synthetic});
   std::optional<zu::URL> review;
-  if (options.review) review = zu::URL::fileURLWithPath(std::filesystem::absolute(*options.review).string());
+  if (options.review) review = zu::URL::fileURLWithPath(*options.review);
   auto screen =
       std::make_unique<Screen>(host, zu::URL::fileURLWithPath(directory, true), review, options.autoplay,
                                zu::qtCapturePlatform(camera, std::make_shared<zu::GstMediaPlayer>()));
@@ -145,4 +142,18 @@ int main(int argc, char** argv) {
     static_cast<void>(QApplication::exec());
   }
   return host.status();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (const auto usage = parse(argc, argv, options)) return *usage;
+  try {
+    if (options.review) options.review = std::filesystem::absolute(*options.review).string();
+    return run(argc, argv, options);
+  } catch (const std::exception& error) {
+    std::cerr << "kiv-capture: " << error.what() << "\n";
+    return 1;
+  }
 }
