@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "ZuFileManager/detail/FileDescriptor.hpp"
 #include "ZuFoundation/Error.hpp"
+#include "ZuFoundation/detail/Posix.hpp"
 
 namespace zu::detail {
 
