@@ -56,7 +56,7 @@ double processCpuSeconds() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + time.tv_usec / 1e6;
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
   };
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
@@ -107,7 +107,7 @@ int record(int seconds, const std::string& copy) {
   QElapsedTimer shown;
   const double preview = cpuShareOf([&] {
     shown.start();
-    CaptureWidgetHarness::waitUntil([&] { return shown.elapsed() >= seconds * 1000; });
+    CaptureWidgetHarness::waitUntil([&] { return shown.elapsed() >= qint64{seconds} * 1000; });
   });
   camera.click("mainControlButton");  // recording starts at once
   bool recorded = false;

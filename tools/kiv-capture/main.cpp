@@ -147,13 +147,13 @@ int run(int argc, char** argv, const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options;
-  if (const auto usage = parse(argc, argv, options)) return *usage;
   try {
+    Options options;
+    if (const auto usage = parse(argc, argv, options)) return *usage;
     if (options.review) options.review = std::filesystem::absolute(*options.review).string();
     return run(argc, argv, options);
   } catch (const std::exception& error) {
-    std::cerr << "kiv-capture: " << error.what() << "\n";
+    static_cast<void>(std::fprintf(stderr, "kiv-capture: %s\n", error.what()));
     return 1;
   }
 }
