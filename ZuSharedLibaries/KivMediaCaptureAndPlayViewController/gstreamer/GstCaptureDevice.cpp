@@ -31,12 +31,25 @@ Error cameraError(const std::string& message) {
   return detail::gstError(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_FAILED, message);
 }
 
-/// The picture of `sample` as JPEG file bytes, at its full size.
+/// The preview's RGBA picture in `sample` described as RGBx: the same memory (without the buffer's notes,
+/// which still say RGBA), the alpha byte ignored. The JPEG encoder takes RGB and makes the full-range YCbCr
+/// that JPEG readers expect; handed RGBA, the converter would choose studio-range I420 for it, and white
+/// would come out grey.
+detail::GstSampleHandle opaqueSample(GstSample* sample) {
+  const detail::GstCapsHandle caps(gst_caps_copy(gst_sample_get_caps(sample)));
+  gst_caps_set_simple(caps.get(), "format", G_TYPE_STRING, "RGBx", nullptr);
+  const detail::GstBufferHandle pixels(
+      gst_buffer_copy_region(gst_sample_get_buffer(sample), GST_BUFFER_COPY_MEMORY, 0, -1));
+  return detail::GstSampleHandle(
+      gst_sample_new(pixels.get(), caps.get(), gst_sample_get_segment(sample), nullptr));
+}
+
+/// The picture of `sample` (a preview picture) as JPEG file bytes, at its full size.
 Result<Data> jpegData(GstSample* sample) {
   const detail::GstCapsHandle jpeg(gst_caps_new_empty_simple("image/jpeg"));
   GError* error = nullptr;
   const detail::GstSampleHandle converted(
-      gst_video_convert_sample(sample, jpeg.get(), kPhotoTimeout, &error));
+      gst_video_convert_sample(opaqueSample(sample).get(), jpeg.get(), kPhotoTimeout, &error));
   const detail::GErrorHandle ownedError(error);
   if (!converted) {
     return ownedError ? detail::gstError(ownedError->domain, ownedError->code, ownedError->message)

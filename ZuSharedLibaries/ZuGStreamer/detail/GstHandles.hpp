@@ -25,6 +25,7 @@ template <typename T>
 using GstMiniObjectHandle = UniqueHandle<T, unrefMiniObject<T>>;
 using GstMessageHandle = GstMiniObjectHandle<GstMessage>;
 using GstSampleHandle = GstMiniObjectHandle<GstSample>;
+using GstBufferHandle = GstMiniObjectHandle<GstBuffer>;
 using GstCapsHandle = GstMiniObjectHandle<GstCaps>;
 using GErrorHandle = UniqueHandle<GError, g_error_free>;
 using GCharHandle = UniqueHandle<gchar, g_free>;

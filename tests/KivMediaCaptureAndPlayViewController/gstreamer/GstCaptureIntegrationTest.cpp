@@ -5,6 +5,7 @@
 
 #include <QCoreApplication>
 #include <QImage>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <map>
@@ -55,6 +56,15 @@ std::multimap<std::string, std::string> probe(const std::string& path) {
   return found;
 }
 
+/// The grey level of the image's brightest pixel.
+int brightestGrey(const QImage& image) {
+  int brightest = 0;
+  for (int y = 0; y < image.height(); ++y) {
+    for (int x = 0; x < image.width(); ++x) brightest = std::max(brightest, qGray(image.pixel(x, y)));
+  }
+  return brightest;
+}
+
 /// A one-second H.264 MP4 made without the screen, to break.
 std::string clipBytes(const TemporaryDirectory& folder) {
   const std::string path = (folder.path() / "clip.mp4").string();
@@ -87,6 +97,8 @@ TEST(GstCaptureScreen, TakesAPhotoOfThePreviewsSize) {
   EXPECT_EQ(photo.path(), screen.folderURL().appendingPathComponent(photo.lastPathComponent()).path());
   const QImage decoded(QString::fromStdString(photo.path()), "JPEG");
   EXPECT_EQ(decoded.size(), QSize(kWidth, kHeight));
+  // The test pattern's white bars stay white: the photo keeps the preview's full range of levels.
+  EXPECT_GE(brightestGrey(decoded), 250);
   EXPECT_FALSE(screen.screenshot("gstreamer-photo").isNull());
 }
 
