@@ -8,7 +8,7 @@ set(KIV_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KivSDK)
 
 set(KIV_INSTALLED_TARGETS ZuSharedLibaries KivSDK)
 if(KIV_BUILD_CAPTURE)
-  list(APPEND KIV_INSTALLED_TARGETS KivCaptureCore KivCaptureFake KivCaptureQt)
+  list(APPEND KIV_INSTALLED_TARGETS ZuGStreamer KivCaptureCore KivCaptureFake KivCaptureGst KivCaptureQt)
 endif()
 install(TARGETS ${KIV_INSTALLED_TARGETS} EXPORT KivSDKTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}

@@ -1,6 +1,7 @@
 #include <KivMediaCaptureAndPlayViewController/core/KivMediaCaptureAndPlayViewControllerDelegate.hpp>
 #include <KivMediaCaptureAndPlayViewController/fake/FakeCaptureDevice.hpp>
 #include <KivMediaCaptureAndPlayViewController/fake/FakeMediaPlayer.hpp>
+#include <KivMediaCaptureAndPlayViewController/gstreamer/GstCaptureDevice.hpp>
 #include <KivMediaCaptureAndPlayViewController/qt/KivMediaCaptureAndPlayWidget.hpp>
 #include <KivMediaCaptureAndPlayViewController/qt/QtCapturePlatform.hpp>
 
@@ -26,10 +27,12 @@ class Host final : public zu::KivMediaCaptureAndPlayViewControllerDelegate {
 
 }  // namespace
 
-// The screen builds from the installed package, and its image assets came along.
+// The screen builds from the installed package, its image assets came along, and the GStreamer camera
+// links.
 int main(int argc, char** argv) {
   QApplication application(argc, argv);
   Host host;
+  const zu::GstCaptureDevice synthetic({.synthetic = true});
   auto screen = std::make_unique<zu::KivMediaCaptureAndPlayViewController>(
       host, zu::URL::fileURLWithPath("/tmp", true), std::nullopt, false,
       zu::qtCapturePlatform(std::make_shared<zu::FakeCaptureDevice>(),
@@ -37,5 +40,6 @@ int main(int argc, char** argv) {
   zu::KivMediaCaptureAndPlayWidget widget(std::move(screen));
   const bool loaded =
       widget.controller().state() == zu::KivMediaCaptureAndPlayViewController::_UIState::disabled;
-  return loaded && QImage(":/KivCapture/GlimmoRecordButton.svg").width() > 0 ? 0 : 1;
+  const bool authorized = synthetic.authorizationStatus() == zu::CaptureAuthorizationStatus::authorized;
+  return loaded && authorized && QImage(":/KivCapture/GlimmoRecordButton.svg").width() > 0 ? 0 : 1;
 }

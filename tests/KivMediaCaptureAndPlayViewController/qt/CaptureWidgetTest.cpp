@@ -2,12 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <QAbstractButton>
 #include <QCoreApplication>
-#include <QDir>
-#include <QElapsedTimer>
-#include <QLabel>
-#include <QMouseEvent>
 #include <QWheelEvent>
 #include <algorithm>
 #include <functional>
@@ -17,106 +12,33 @@
 #include "KivMediaCaptureAndPlayViewController/fake/FakeCaptureDevice.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/FakeMediaPlayer.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/TestPattern.hpp"
-#include "KivMediaCaptureAndPlayViewController/qt/QtCapturePlatform.hpp"
-#include "support/TemporaryDirectory.hpp"
+#include "KivMediaCaptureAndPlayViewController/qt/CaptureWidgetHarness.hpp"
 
 namespace {
 
 using namespace testing_support;
-using State = Controller::_UIState;
-using MediaType = Controller::MediaType;
 
-const std::set<QString> kAllControls = {"dismissButton",
-                                        "flashButton",
-                                        "timeLabel",
-                                        "trashButton",
-                                        "mainControlButton",
-                                        "confirmButton",
-                                        "videoPhotoSegmentedControl"};
-
-/// The Qt capture screen on the fake camera and player, without animations.
-class CaptureWidget {
- public:
-  struct Options {
-    /// A photo in the media folder to review; empty for none.
-    std::string fileName{};
-    MediaType defaultMediaType = MediaType::video;
-    bool hostLetsDelete = true;
-    QSize size{1280, 720};
-  };
-
-  explicit CaptureWidget(const Options& options) {
-    delegate.canDelete = options.hostLetsDelete;
-    std::optional<zu::URL> file;
-    if (!options.fileName.empty()) {
-      file = zu::URL::fileURLWithPath((folder.path() / options.fileName).string());
-      EXPECT_FALSE(zu::ZuFileManager::write(zu::jpegData(zu::testPatternImage(960, 720, 40)), *file));
-    }
-    auto controller =
-        std::make_unique<Controller>(delegate, zu::URL::fileURLWithPath(folder.path().string(), true), file,
-                                     false, zu::qtCapturePlatform(device, player));
-    controller->defaultMediaType = options.defaultMediaType;
-    widget = std::make_unique<zu::KivMediaCaptureAndPlayWidget>(std::move(controller));
-    widget->setAnimationDuration(0);
-    widget->resize(options.size);
-  }
-
-  Controller& controller() { return widget->controller(); }
-
-  /// Processes events until `condition` holds, for at most 30 seconds; whether it holds.
-  static bool waitUntil(const std::function<bool()>& condition) {
-    QElapsedTimer waited;
-    waited.start();
-    while (!condition() && waited.elapsed() < 30000)
-      QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    return condition();
-  }
-  bool waitForState(State state) {
-    return waitUntil([&] { return controller().state() == state; });
-  }
-
-  /// Shows the screen and waits for its first state (with a camera frame when it captures).
-  void show() {
-    widget->show();
-    if (controller().fileURL()) return;
-    ASSERT_TRUE(waitUntil([&] { return controller()._mainControlButton.isEnabled; }));
-    device->deliverFrame();
-    ASSERT_TRUE(waitUntil([&] { return !controller()._mediaPreviewView.previewLayer->frame.isEmpty(); }));
-  }
-
-  QWidget* child(const QString& name) const { return widget->findChild<QWidget*>(name); }
-  void click(const QString& name) { static_cast<QAbstractButton*>(child(name))->click(); }
-  /// A press on the segment at `index` of the segmented control, as a user's.
-  void pickSegment(int index) {
-    QWidget* segments = child("videoPhotoSegmentedControl");
-    const QPointF at(segments->width() * (index + 0.5) / 2, segments->height() / 2.0);
-    QMouseEvent press(QEvent::MouseButtonPress, at, segments->mapToGlobal(at), Qt::LeftButton, Qt::LeftButton,
-                      Qt::NoModifier);
-    QCoreApplication::sendEvent(segments, &press);
-  }
-
-  std::set<QString> visibleControls() const {
-    std::set<QString> visible;
-    for (const QString& name : kAllControls) {
-      if (child(name)->isVisibleTo(widget.get())) visible.insert(name);
-    }
-    return visible;
-  }
-
-  /// Renders the screen into "<name>.png" under the build tree and returns the picture.
-  QImage screenshot(const QString& name) const {
-    QImage picture = widget->grab().toImage();
-    QDir().mkpath(KIV_SCREENSHOT_DIR);
-    EXPECT_TRUE(picture.save(QStringLiteral(KIV_SCREENSHOT_DIR "/%1.png").arg(name)));
-    return picture;
-  }
-
-  TemporaryDirectory folder;
-  RecordingDelegate delegate;
+/// The Qt capture screen on the fake camera and player.
+struct FakeParts {
   std::shared_ptr<zu::FakeCaptureDevice> device = std::make_shared<zu::FakeCaptureDevice>();
   std::shared_ptr<zu::FakeMediaPlayer> player = std::make_shared<zu::FakeMediaPlayer>();
-  std::unique_ptr<zu::KivMediaCaptureAndPlayWidget> widget;
 };
+class CaptureWidget : public FakeParts, public CaptureWidgetHarness {
+ public:
+  explicit CaptureWidget(const Options& options) : CaptureWidgetHarness(device, player, options) {}
+
+  void show() {
+    ASSERT_TRUE(showAndWaitForCamera([this] { device->deliverFrame(); }));
+  }
+};
+
+/// A photo to review, in the screen's media folder.
+CaptureWidget::Options photoReview(bool hostLetsDelete) {
+  const zu::Data jpeg = zu::jpegData(zu::testPatternImage(960, 720, 40));
+  return {.fileName = "evidence.jpg",
+          .fileBytes = std::string(jpeg.begin(), jpeg.end()),
+          .hostLetsDelete = hostLetsDelete};
+}
 
 struct Shot {
   const char* name;
@@ -260,7 +182,7 @@ INSTANTIATE_TEST_SUITE_P(
                          60,
                          10},
                     Shot{"imageDisplay-review",
-                         {.fileName = "evidence.jpg", .hostLetsDelete = false},
+                         photoReview(false),
                          nullptr,
                          State::imageDisplay,
                          {"dismissButton"},
