@@ -7,8 +7,11 @@ include(CMakePackageConfigHelpers)
 set(KIV_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KivSDK)
 
 set(KIV_INSTALLED_TARGETS ZuSharedLibaries KivSDK)
+if(TARGET ZuGStreamer)
+  list(APPEND KIV_INSTALLED_TARGETS ZuGStreamer)
+endif()
 if(KIV_BUILD_CAPTURE)
-  list(APPEND KIV_INSTALLED_TARGETS ZuGStreamer KivCaptureCore KivCaptureFake KivCaptureGst KivCaptureQt)
+  list(APPEND KIV_INSTALLED_TARGETS KivCaptureCore KivCaptureFake KivCaptureGst KivCaptureQt)
 endif()
 install(TARGETS ${KIV_INSTALLED_TARGETS} EXPORT KivSDKTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -26,5 +29,12 @@ install(FILES ${PROJECT_BINARY_DIR}/KivSDKConfig.cmake ${PROJECT_BINARY_DIR}/Kiv
 # The way back from the pkg-config folder to the prefix ("../.." for lib/pkgconfig).
 file(RELATIVE_PATH KIV_PC_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 string(REGEX REPLACE "/$" "" KIV_PC_PREFIX "${KIV_PC_PREFIX}")
+# The SDK's preview images link GStreamer support and libjpeg.
+set(KIV_PC_REQUIRES "libcurl openssl libplist-2.0")
+set(KIV_PC_LIBS "-lKivSDK -lZuSharedLibaries")
+if(KIV_BUILD_PREVIEWS)
+  string(APPEND KIV_PC_REQUIRES " libjpeg gstreamer-1.0 gstreamer-app-1.0 gstreamer-video-1.0")
+  set(KIV_PC_LIBS "-lKivSDK -lZuGStreamer -lZuSharedLibaries")
+endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/kivsdk.pc.in ${PROJECT_BINARY_DIR}/kivsdk.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kivsdk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,10 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string_view>
 #include <vector>
 
 #include "KivSDK/Model/KivReport.hpp"
+#include "ZuImage/Image.hpp"
 
 namespace kiv {
 
@@ -26,9 +29,12 @@ namespace kiv {
  * kiv::KivModel::persist(reports);
  * @endcode
  *
+ * `getPreviewImage` gives a picture of a file's content for lists and detail screens.
+ *
  * @par Thread Safety
- * Both operations may be called from any thread and from several processes at once; each persist replaces
- * the whole list atomically, so concurrent callers leave the last writer's complete list.
+ * `persist` and `loadFromStore` may be called from any thread and from several processes at once; each
+ * persist replaces the whole list atomically, so concurrent callers leave the last writer's complete list.
+ * `getPreviewImage` may be called from any thread; its cache is shared by all of them.
  */
 class KivModel {
  public:
@@ -53,6 +59,30 @@ class KivModel {
    * Bytes that do not decode load as an empty list and stay stored until the next persist.
    */
   static std::vector<KivReport> loadFromStore();
+
+  using PreviewCompletion = std::function<void(std::optional<zu::Image> image)>;
+
+  /**
+   * A picture of `file`'s content, decoded once per run: every picture made is kept, keyed by the file's
+   * local URL, for as long as the process lives. It answers in one of two ways, by design:
+   * - a photo, or a file already pictured: the picture is the return value; `completion` is still called,
+   *   before the return, with nothing;
+   * - a video not yet pictured: the return value is nothing; its frame at time zero is decoded off the
+   *   calling thread and `completion` is called later on `zu::DispatchQueue::main()` with it (scale
+   *   `zu::Screen::mainScale()`, orientation `right`), or with nothing when it cannot be decoded.
+   *
+   * Nothing comes back through either channel for a file whose bytes are not on the device, a file of
+   * kind `unknown` (never kept), and a photo that does not decode; nor, whatever the file, from an SDK built
+   * without previews. Photos are read whole and decoded on the calling thread. Two requests for a video
+   * before its first answer each decode it and each completion receives the frame. `completion` is called
+   * exactly once.
+   *
+   * @code
+   * if (auto picture = kiv::KivModel::getPreviewImage(file, [row](auto frame) { if (frame) row->show(*frame);
+   * })) row->show(*picture);
+   * @endcode
+   */
+  static std::optional<zu::Image> getPreviewImage(const KivFile& file, PreviewCompletion completion);
 };
 
 }  // namespace kiv

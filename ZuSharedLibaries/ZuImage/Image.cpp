@@ -20,6 +20,13 @@ Image::Image(int width, int height, std::vector<std::uint8_t> rgba, double scale
   pixels_ = std::make_shared<const std::vector<std::uint8_t>>(std::move(rgba));
 }
 
+Image Image::withScale(double scale, Orientation imageOrientation) const {
+  Image shown = *this;
+  shown.scale_ = scale;
+  shown.orientation_ = imageOrientation;
+  return shown;
+}
+
 std::span<const std::uint8_t> Image::rgba() const {
   if (!pixels_) return {};
   return *pixels_;

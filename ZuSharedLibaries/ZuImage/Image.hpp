@@ -42,6 +42,9 @@ class Image {
   Image(int width, int height, std::vector<std::uint8_t> rgba, double scale = 1,
         Orientation imageOrientation = Orientation::up);
 
+  /// The same pixels, shared, shown at `scale` pixels per point and turned by `imageOrientation`.
+  Image withScale(double scale, Orientation imageOrientation) const;
+
   int width() const { return width_; }
   int height() const { return height_; }
   double scale() const { return scale_; }

@@ -1,0 +1,161 @@
+// Measures preview images through KivModel::getPreviewImage, in a scratch data folder.
+//
+//   preview_bench photo <jpeg> <runs>   first previews of one photo under <runs> names (each decodes), then
+//                                       the same bytes through a GStreamer pipeline, for the choice of
+//                                       decoder
+//   preview_bench peak <photo>          one photo preview, then the process's peak memory
+//   preview_bench video <mp4> <runs>    first previews of one video under <runs> names: request to frame
+//   preview_bench list <folder>         a preview of every photo in <folder>, in order: total time and the
+//                                       resident memory afterwards, the cache holding them all
+//
+// Prints "key=value" lines; times in milliseconds, the best of the runs, both wall-clock and the CPU of
+// every thread of the process (the figure to compare on a busy machine); memory in KiB.
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "KivSDK/Model/KivModel.hpp"
+#include "ZuFileManager/ZuFileManager.hpp"
+#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuGStreamer/detail/FirstPicture.hpp"
+#include "support/TemporaryDirectory.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+double millisecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+/// The CPU time of the whole process so far, every thread's, in milliseconds.
+double cpuMilliseconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  const auto ms = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) * 1e3 + time.tv_usec / 1e3;
+  };
+  return ms(usage.ru_utime) + ms(usage.ru_stime);
+}
+
+/// The best wall and CPU times of `runs` runs of `work(run)`, each timed from its start.
+struct Best {
+  double wallMs = 1e300;
+  double cpuMs = 1e300;
+
+  template <class Work>
+  Best(int runs, const Work& work) {
+    for (int run = 0; run < runs; ++run) {
+      const auto start = Clock::now();
+      const double cpuStart = cpuMilliseconds();
+      work(run);
+      cpuMs = std::min(cpuMs, cpuMilliseconds() - cpuStart);
+      wallMs = std::min(wallMs, millisecondsSince(start));
+    }
+  }
+  void print(const std::string& name) const {
+    std::cout << name << "_wall_ms=" << wallMs << "\n" << name << "_cpu_ms=" << cpuMs << "\n";
+  }
+};
+
+long peakResidentKiB() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+long residentKiB() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+  }
+  return 0;
+}
+
+/// The file copied into the media folder as `name`, as a record.
+kiv::KivFile placed(const fs::path& source, const std::string& name) {
+  const std::string ext = source.extension().string().substr(1);
+  kiv::KivFile file(name, ext, zu::Date(0));
+  fs::copy_file(source, file.fileURL().path(), fs::copy_options::overwrite_existing);
+  return file;
+}
+
+/// A preview of `file`, waiting for a video's answer; whether there was one.
+bool preview(const kiv::KivFile& file) {
+  std::promise<bool> answered;
+  auto picture = kiv::KivModel::getPreviewImage(
+      file, [&](std::optional<zu::Image> image) { answered.set_value(image.has_value()); });
+  return answered.get_future().get() || picture.has_value();
+}
+
+/// First previews of `source` under `runs` fresh names.
+void firstPreviews(const fs::path& source, int runs) {
+  std::vector<kiv::KivFile> files;
+  for (int run = 0; run < runs; ++run) files.push_back(placed(source, "copy-" + std::to_string(run)));
+  Best(runs, [&](int run) {
+    if (!preview(files[run])) throw std::runtime_error("no preview of " + source.string());
+  }).print("sdk");
+}
+
+void photo(const fs::path& source, int runs) {
+  firstPreviews(source, runs);
+  const auto bytes = zu::detail::readWholeFile(source.string());
+  Best(runs, [&](int /*run*/) {
+    if (!zu::detail::firstPictureOfData(*bytes)) throw std::runtime_error("GStreamer decoded nothing");
+  }).print("gstreamer");
+}
+
+void list(const fs::path& folder) {
+  std::vector<fs::path> photos;
+  for (const auto& entry : fs::directory_iterator(folder)) photos.push_back(entry.path());
+  std::sort(photos.begin(), photos.end());
+  std::vector<kiv::KivFile> files;
+  for (const auto& photo : photos) files.push_back(placed(photo, photo.stem().string()));
+  const long before = residentKiB();
+  Best(1, [&](int /*run*/) {
+    for (const auto& file : files) {
+      if (!preview(file)) throw std::runtime_error("no preview of " + file.name);
+    }
+  }).print("total");
+  std::cout << "photos=" << files.size() << "\nresident_before_kib=" << before
+            << "\nresident_after_kib=" << residentKiB() << "\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.size() < 2) {
+    std::cerr << "usage: preview_bench photo|peak|video|list <file or folder> [runs]\n";
+    return 2;
+  }
+  const testing_support::ScopedApplicationData data;
+  const int runs = args.size() > 2 ? std::stoi(args[2]) : 5;
+  try {
+    if (args[0] == "photo") {
+      photo(args[1], runs);
+    } else if (args[0] == "peak") {
+      if (!preview(placed(args[1], "photo"))) return 1;
+      std::cout << "peak_kib=" << peakResidentKiB() << "\n";
+    } else if (args[0] == "video") {
+      firstPreviews(args[1], runs);
+    } else if (args[0] == "list") {
+      list(args[1]);
+    } else {
+      return 2;
+    }
+  } catch (const std::exception& error) {
+    std::cerr << error.what() << "\n";
+    return 1;
+  }
+  return 0;
+}
