@@ -66,9 +66,9 @@ Result<Image> firstPicture(GstElement* pipeline) {
   const GstMessageHandle outcome(gst_bus_timed_pop_filtered(
       bus.get(), GST_CLOCK_TIME_NONE,
       static_cast<GstMessageType>(GST_MESSAGE_ASYNC_DONE | GST_MESSAGE_ERROR | GST_MESSAGE_EOS)));
-  Result<Image> picture = GST_MESSAGE_TYPE(outcome.get()) == GST_MESSAGE_ERROR
-                              ? Result<Image>(errorFromMessage(outcome.get()))
-                              : prerolledPicture(pipeline);
+  const bool failed = outcome && GST_MESSAGE_TYPE(outcome.get()) == GST_MESSAGE_ERROR;
+  Result<Image> picture =
+      failed ? Result<Image>(errorFromMessage(outcome.get())) : prerolledPicture(pipeline);
   static_cast<void>(gst_element_set_state(pipeline, GST_STATE_NULL));
   return picture;
 }

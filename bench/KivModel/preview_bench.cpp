@@ -10,40 +10,30 @@
 //
 // Prints "key=value" lines; times in milliseconds, the best of the runs, both wall-clock and the CPU of
 // every thread of the process (the figure to compare on a busy machine); memory in KiB.
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "KivSDK/Model/KivModel.hpp"
-#include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuFoundation/detail/Posix.hpp"
 #include "ZuGStreamer/detail/FirstPicture.hpp"
+#include "support/ProcessUsage.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using testing_support::cpuMilliseconds;
+using testing_support::peakResidentKiB;
+using testing_support::residentKiB;
 
 double millisecondsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-/// The CPU time of the whole process so far, every thread's, in milliseconds.
-double cpuMilliseconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto ms = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) * 1e3 + time.tv_usec / 1e3;
-  };
-  return ms(usage.ru_utime) + ms(usage.ru_stime);
 }
 
 /// The best wall and CPU times of `runs` runs of `work(run)`, each timed from its start.
@@ -65,21 +55,6 @@ struct Best {
     std::cout << name << "_wall_ms=" << wallMs << "\n" << name << "_cpu_ms=" << cpuMs << "\n";
   }
 };
-
-long peakResidentKiB() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
-}
-
-long residentKiB() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
-  }
-  return 0;
-}
 
 /// The file copied into the media folder as `name`, as a record.
 kiv::KivFile placed(const fs::path& source, const std::string& name) {

@@ -160,6 +160,18 @@ TEST_F(PreviewImages, PhotosKeepTheirExifOrientation) {
   EXPECT_EQ(image->imageOrientation(), Image::Orientation::right);
   EXPECT_EQ(image->width(), 64);  // the pixels stay as stored
   expectCentre(*image, kRed);
+
+  // A first directory that points past the end of its EXIF block: no orientation, the picture still shows.
+  std::string bytes = readFile(turned.fileURL().path());
+  const auto tiff = bytes.find("Exif") + 6;
+  ASSERT_NE(tiff, std::string::npos + 6);
+  bytes.replace(tiff + 4, 4, "\xff\xff\xff\xff");
+  const KivFile damaged("damaged", "jpg", zu::Date(0));
+  writeFile(damaged.fileURL().path(), bytes);
+  const auto shown = Request(damaged).returned();
+  ASSERT_TRUE(shown);
+  EXPECT_EQ(shown->imageOrientation(), Image::Orientation::up);
+  expectCentre(*shown, kRed);
 }
 
 TEST_F(PreviewImages, VideosAnswerOnTheMainQueueWithTheFirstFrameTurnedAndScaled) {
@@ -213,7 +225,7 @@ class NoPreview : public PreviewImages, public testing::WithParamInterface<Nothi
   /// The file of the case, its bytes in place.
   KivFile file() {
     const auto& param = GetParam();
-    const KivFile file(param.name, param.ext, zu::Date(0));
+    KivFile file(param.name, param.ext, zu::Date(0));
     const std::string path = file.fileURL().path();
     const auto cutShort = [&](const KivFile& made) {
       const std::string bytes = readFile(made.fileURL().path());
