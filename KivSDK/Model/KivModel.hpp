@@ -73,13 +73,16 @@ class KivModel {
    *
    * Nothing comes back through either channel for a file whose bytes are not on the device, a file of
    * kind `unknown` (never kept), and a photo that does not decode; nor, whatever the file, from an SDK built
-   * without previews. Photos are read whole and decoded on the calling thread. Two requests for a video
-   * before its first answer each decode it and each completion receives the frame. `completion` is called
-   * exactly once.
+   * without previews. Photos are read whole and decoded before the call returns: the calling thread waits.
+   * Videos decode one at a time, in the order asked for. Two requests for a video before its first answer
+   * each decode it and each completion receives the frame.
+   * `completion` is called exactly once.
    *
    * @code
-   * if (auto picture = kiv::KivModel::getPreviewImage(file, [row](auto frame) { if (frame) row->show(*frame);
-   * })) row->show(*picture);
+   * auto picture = kiv::KivModel::getPreviewImage(file, [row](std::optional<zu::Image> frame) {
+   *   if (frame) row->show(*frame);  // a video's frame, on the main queue
+   * });
+   * if (picture) row->show(*picture);
    * @endcode
    */
   static std::optional<zu::Image> getPreviewImage(const KivFile& file, PreviewCompletion completion);

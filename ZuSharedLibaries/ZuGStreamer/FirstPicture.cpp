@@ -32,10 +32,9 @@ void linkPictureStream(GstElement* /*decoder*/, GstPad* pad, gpointer data) {
   auto bin =
       parseBin(std::string("videoconvert name=input ! video/x-raw,format=RGBA ! appsink name=") + kPictures);
   if (!bin) return;  // without a sink nothing prerolls: the stream fails on the bus
-  exposePad(bin->get(), childByName(bin->get(), "input").get(), "sink", "sink");
+  GstPad* input = exposePad(bin->get(), childByName(bin->get(), "input").get(), "sink", "sink");
   gst_bin_add(GST_BIN(decoding.pipeline), bin->get());
-  const GstPadHandle input(gst_element_get_static_pad(bin->get(), "sink"));
-  static_cast<void>(gst_pad_link(pad, input.get()));
+  static_cast<void>(gst_pad_link(pad, input));
   gst_element_sync_state_with_parent(bin->get());
 }
 
