@@ -15,6 +15,11 @@ TEST(Image, CopiesSharePixels) {
   EXPECT_EQ(copy.height(), 1);
   EXPECT_EQ(copy.scale(), 2);
   EXPECT_EQ(zu::rawValue(copy.imageOrientation()), 6);
+  const Image shown = image.withScale(3, Image::Orientation::right);
+  EXPECT_EQ(shown.rgba().data(), image.rgba().data());
+  EXPECT_EQ(shown.scale(), 3);
+  EXPECT_EQ(zu::rawValue(shown.imageOrientation()), 3);
+  EXPECT_EQ(image.scale(), 2);
   EXPECT_FALSE(copy.isEmpty());
   EXPECT_TRUE(Image().isEmpty());
   EXPECT_TRUE(Image().rgba().empty());
