@@ -68,13 +68,14 @@ kiv::KivFile placed(const fs::path& source, const std::string& name) {
 bool preview(const kiv::KivFile& file) {
   std::promise<bool> answered;
   auto picture = kiv::KivModel::getPreviewImage(
-      file, [&](std::optional<zu::Image> image) { answered.set_value(image.has_value()); });
+      file, [&](const std::optional<zu::Image>& image) { answered.set_value(image.has_value()); });
   return answered.get_future().get() || picture.has_value();
 }
 
 /// First previews of `source` under `runs` fresh names.
 void firstPreviews(const fs::path& source, int runs) {
   std::vector<kiv::KivFile> files;
+  files.reserve(runs);
   for (int run = 0; run < runs; ++run) files.push_back(placed(source, "copy-" + std::to_string(run)));
   Best(runs, [&](int run) {
     if (!preview(files[run])) throw std::runtime_error("no preview of " + source.string());
@@ -94,6 +95,7 @@ void list(const fs::path& folder) {
   for (const auto& entry : fs::directory_iterator(folder)) photos.push_back(entry.path());
   std::sort(photos.begin(), photos.end());
   std::vector<kiv::KivFile> files;
+  files.reserve(photos.size());
   for (const auto& photo : photos) files.push_back(placed(photo, photo.stem().string()));
   const long before = residentKiB();
   Best(1, [&](int /*run*/) {
