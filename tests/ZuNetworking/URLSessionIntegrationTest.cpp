@@ -464,7 +464,8 @@ TEST(ZuNetworkingIntegration, BackgroundUploadsCompleteOnceOnTheSessionThread) {
   }
   for (auto& outcome : outcomes) ASSERT_TRUE(outcome->calls.waitFor(1));
   for (std::size_t i = 0; i < outcomes.size(); ++i) {
-    EXPECT_FALSE(outcomes[i]->error) << outcomes[i]->error->localizedDescription();
+    EXPECT_FALSE(outcomes[i]->error) << outcomes[i]->error->localizedDescription() << " "
+                                     << zu::AnyCodable(outcomes[i]->error->userInfo()).description();
     if (i % 2) {
       EXPECT_EQ(outcomes[i]->field("received"), AnyCodable(200'000));
     }
