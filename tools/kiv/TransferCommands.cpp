@@ -73,14 +73,18 @@ class Transfers {
   std::shared_ptr<ProgressBoard> board_;
 };
 
+/// Every file's outcome so far, and the indices of the files to transfer.
+struct Selection {
+  std::vector<Outcome> outcomes;
+  std::vector<std::size_t> chosen;
+};
+
 /**
  * Sorts a report's files: `verdict` answers the outcome of a file that is not transferred (already done,
- * impossible, held back), nothing for one to transfer. Answers every file's outcome so far and the indices
- * of the files to transfer.
+ * impossible, held back), nothing for one to transfer.
  */
 template <class Verdict>
-std::pair<std::vector<Outcome>, std::vector<std::size_t>> choose(const std::vector<kiv::KivFile>& files,
-                                                                 Verdict verdict) {
+Selection choose(const std::vector<kiv::KivFile>& files, Verdict verdict) {
   std::vector<Outcome> outcomes(files.size());
   std::vector<std::size_t> chosen;
   for (std::size_t i = 0; i < files.size(); ++i) {
@@ -115,7 +119,7 @@ void uploadFiles(const Context& context, const TransferOptions& options) {
   const ReportStore store = ReportStore::load();
   kiv::KivReport report = sentReport(store, options.report);
   const zu::Date now = zu::Date::now();
-  auto [outcomes, chosen] = choose(report.files, [&](const kiv::KivFile& file) -> std::optional<Outcome> {
+  Selection selection = choose(report.files, [&](const kiv::KivFile& file) -> std::optional<Outcome> {
     if (file.hasRemoteFile()) return Outcome{fileName(file), "done before", ""};
     if (!file.hasLocalFile()) return Outcome{fileName(file), "missing", "not on this device"};
     if (options.force || file.canAttemptFileUpload(now)) return std::nullopt;
@@ -126,21 +130,22 @@ void uploadFiles(const Context& context, const TransferOptions& options) {
                    "tried at " + zu::stringWithAPIFormat(tried, zu::DateFormatterStyle::api) +
                        ", next attempt after " + zu::stringWithAPIFormat(next, zu::DateFormatterStyle::api)};
   });
-  for (const std::size_t i : chosen) report.files[i] = report.files[i].updatingFileUploadAttemptDate(now);
-  if (!chosen.empty()) {
+  for (const std::size_t i : selection.chosen)
+    report.files[i] = report.files[i].updatingFileUploadAttemptDate(now);
+  if (!selection.chosen.empty()) {
     context.connect();
     // Completions change `report` while uploads are still being started from this copy.
     const kiv::KivReport sending = report;
-    Transfers transfers(context, "uploading the files of " + report.name, sending.files, chosen);
+    Transfers transfers(context, "uploading the files of " + report.name, sending.files, selection.chosen);
     transfers.run([&](std::size_t i, kiv::KivAPI::TransferProgress progress) {
       kiv::KivAPI::uploadContent(
           sending.files[i], sending,
           transfers.track([&, i](std::optional<kiv::KivFile> uploaded, std::optional<zu::Error> error) {
             if (uploaded) {
               report.files[i] = report.files[i].merge(*uploaded);
-              outcomes[i].result = "uploaded";
+              selection.outcomes[i].result = "uploaded";
             } else {
-              outcomes[i] = {outcomes[i].name, "failed", error->localizedDescription()};
+              selection.outcomes[i] = {selection.outcomes[i].name, "failed", error->localizedDescription()};
             }
           }),
           std::move(progress));
@@ -148,32 +153,33 @@ void uploadFiles(const Context& context, const TransferOptions& options) {
   }
   // The attempt dates are kept too, failed attempts included: they hold back the next try.
   ReportStore::save(report);
-  finish(context, report, outcomes, "uploaded",
+  finish(context, report, selection.outcomes, "uploaded",
          "; uploads of a file are tried once in 30 minutes, --force tries again now");
 }
 
 void downloadFiles(const Context& context, const TransferOptions& options) {
   const ReportStore store = ReportStore::load();
   const kiv::KivReport& report = store.find(options.report);
-  auto [outcomes, chosen] = choose(report.files, [](const kiv::KivFile& file) -> std::optional<Outcome> {
+  Selection selection = choose(report.files, [](const kiv::KivFile& file) -> std::optional<Outcome> {
     if (file.hasLocalFile()) return Outcome{fileName(file), "done before", ""};
     if (!file.hasRemoteFile())
       return Outcome{fileName(file), "missing", "neither on this device nor uploaded"};
     return std::nullopt;
   });
-  if (!chosen.empty()) {
+  if (!selection.chosen.empty()) {
     context.connect(false);
-    Transfers transfers(context, "downloading the files of " + report.name, report.files, chosen);
+    Transfers transfers(context, "downloading the files of " + report.name, report.files, selection.chosen);
     transfers.run([&](std::size_t i, kiv::KivAPI::TransferProgress progress) {
       kiv::KivAPI::downloadContent(report.files[i],
                                    transfers.track([&, i](bool, std::optional<zu::Error> error) {
-                                     outcomes[i].result = error ? "failed" : "downloaded";
-                                     if (error) outcomes[i].detail = error->localizedDescription();
+                                     selection.outcomes[i].result = error ? "failed" : "downloaded";
+                                     if (error) selection.outcomes[i].detail = error->localizedDescription();
                                    }),
                                    std::move(progress));
     });
   }
-  finish(context, report, outcomes, "downloaded", "; kiv verify compares the content with its digests");
+  finish(context, report, selection.outcomes, "downloaded",
+         "; kiv verify compares the content with its digests");
 }
 
 }  // namespace
