@@ -1,5 +1,6 @@
 #include "KivSDK/Model/detail/BinaryPlistReader.hpp"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -101,6 +102,19 @@ void utf16ToUtf8(const std::uint8_t* units, std::uint64_t count, std::string& ou
   }
 }
 
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<std::uint8_t>(c) < 0x80; });
+}
+
+// A byte above 0x7F, which ASCII does not have, becomes U+FFFD, as the writer would store it.
+void asciiToUtf8(std::string_view ascii, std::string& out) {
+  out.clear();
+  for (const char c : ascii) {
+    const auto byte = static_cast<std::uint8_t>(c);
+    appendUtf8(out, byte < 0x80 ? byte : kReplacementCharacter);
+  }
+}
+
 }  // namespace
 
 BinaryPlistReader::Ref BinaryPlistReader::Refs::operator[](std::uint64_t index) const {
@@ -196,9 +210,13 @@ std::optional<double> BinaryPlistReader::date(Ref ref) const {
 std::optional<std::string_view> BinaryPlistReader::text(Ref ref, std::string& buffer) const {
   const Object found = object(ref);
   if (found.kind != Kind::String) return std::nullopt;
-  if (found.marker >> 4 == 0x5)
-    return std::string_view(reinterpret_cast<const char*>(found.payload), found.count);
-  utf16ToUtf8(found.payload, found.count, buffer);
+  if (found.marker >> 4 == 0x5) {
+    const std::string_view ascii(reinterpret_cast<const char*>(found.payload), found.count);
+    if (isAscii(ascii)) return ascii;
+    asciiToUtf8(ascii, buffer);
+  } else {
+    utf16ToUtf8(found.payload, found.count, buffer);
+  }
   return std::string_view(buffer);
 }
 

@@ -44,6 +44,12 @@ zu::Error codingError(const CodingFailure& failure) {
                    {{std::string(zu::Error::debugDescriptionKey), failure.message}});
 }
 
+// A whole value in the signed 64-bit range as an integer.
+std::optional<std::int64_t> wholeNumber(std::optional<double> value) {
+  if (!value || std::trunc(*value) != *value || *value < -0x1p63 || *value >= 0x1p63) return std::nullopt;
+  return static_cast<std::int64_t>(*value);
+}
+
 // ---- Dates, kept to the microsecond: a date is stored as its whole seconds (32-bit) plus its microseconds,
 // summed into the double libplist makes of those parts, so that libplist and the reader here both read it
 // back exactly.
@@ -182,9 +188,7 @@ class Document {
   // An integer, or a real with a whole value in the signed 64-bit range.
   std::optional<std::int64_t> integer(Ref ref) const {
     if (const auto integer = plist_.integer(ref)) return integer;
-    const auto value = plist_.real(ref);
-    if (!value || std::trunc(*value) != *value || *value < -0x1p63 || *value >= 0x1p63) return std::nullopt;
-    return static_cast<std::int64_t>(*value);
+    return wholeNumber(plist_.real(ref));
   }
 
  private:
@@ -217,17 +221,18 @@ class ValueReader final : public zu::SingleValueDecoder {
   }
   bool decodeNil() const override { return document_.isNull(ref_); }
   std::optional<bool> decodeBool() const override { return plist().boolean(ref_); }
-  std::optional<std::int64_t> decodeInt() const override { return document_.integer(ref_); }
+  std::optional<std::int64_t> decodeInt() const override {
+    if (const auto integer = plist().integer(ref_)) return integer;
+    return wholeNumber(fraction());
+  }
   std::optional<std::uint64_t> decodeUInt() const override {
-    const auto value = plist().real(ref_);
+    const auto value = fraction();
     if (!value || std::trunc(*value) != *value || *value < 0 || *value >= 0x1p64) return std::nullopt;
     return static_cast<std::uint64_t>(*value);
   }
   std::optional<double> decodeDouble() const override {
     if (const auto integer = plist().integer(ref_)) return static_cast<double>(*integer);
-    // A date reads as its seconds since the reference date, as a date written to JSON does.
-    if (const auto date = plist().date(ref_)) return decodeDate(*date).timeIntervalSinceReferenceDate();
-    return plist().real(ref_);
+    return fraction();
   }
   std::optional<std::string> decodeString() const override { return document_.string(ref_); }
   std::optional<Elements> decodeArray() const override {
@@ -256,6 +261,12 @@ class ValueReader final : public zu::SingleValueDecoder {
 
  private:
   const BinaryPlistReader& plist() const { return document_.plist(); }
+  // A real, or a date as its seconds since the reference date, as a date written to JSON reads. Either reads
+  // as an integer when its value is whole, so that a value reads the same once written back as a number.
+  std::optional<double> fraction() const {
+    if (const auto date = plist().date(ref_)) return decodeDate(*date).timeIntervalSinceReferenceDate();
+    return plist().real(ref_);
+  }
 
   Document& document_;
   Ref ref_;

@@ -72,7 +72,7 @@ class BinaryPlistReader {
   /// A date, as seconds since the reference date.
   std::optional<double> date(Ref ref) const;
   /// The UTF-8 text of a string: a view into the document for ASCII, else into `buffer` (unpaired UTF-16
-  /// surrogates become U+FFFD).
+  /// surrogates, and bytes above 0x7F in an ASCII string, become U+FFFD).
   std::optional<std::string_view> text(Ref ref, std::string& buffer) const;
   std::optional<Refs> array(Ref ref) const;
   std::optional<Dictionary> dictionary(Ref ref) const;

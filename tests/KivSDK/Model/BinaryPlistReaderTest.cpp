@@ -151,6 +151,15 @@ INSTANTIATE_TEST_SUITE_P(OffsetAndReferenceSizes, BinaryPlistReaderWidths,
                          ::testing::Combine(::testing::Values(1u, 2u, 3u, 8u),
                                             ::testing::Values(1u, 2u, 4u, 8u)));
 
+TEST(BinaryPlistReaderHostile, BytesAboveAsciiInAnAsciiStringReadAsReplacementCharacters) {
+  // As the writer would store them, so that a list read and written back reads the same again.
+  const Bytes stored = document({ascii("l\x83ns\xFF")});
+  const auto plist = BinaryPlistReader::open(stored);
+  ASSERT_TRUE(plist);
+  std::string buffer;
+  EXPECT_EQ(plist->text(plist->root(), buffer), "l\uFFFDns\uFFFD");
+}
+
 TEST(BinaryPlistReaderHostile, MalformedTrailersAreRefused) {
   const Bytes good = document({array({1}), ascii("x")});
   ASSERT_TRUE(BinaryPlistReader::open(good));

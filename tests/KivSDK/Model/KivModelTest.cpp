@@ -209,6 +209,19 @@ INSTANTIATE_TEST_SUITE_P(
             false}),
     [](const auto& info) { return std::string(info.param.label); });
 
+// A date among the metadata reads as its seconds, as a number does, and reads the same once written back.
+TEST_F(KivModelTest, DateInMetadataReadsAsItsSecondsBeforeAndAfterAPersist) {
+  storeBytes(xmlReports(kFiles + kStatus +
+                        "<key>_metadata</key><array><array><string>taken</string></array>"
+                        "<date>2021-01-01T00:00:00Z</date></array>"));
+  const zu::FlatMetadata expected{{{"taken"}, zu::AnyCodable(std::int64_t{631152000})}};
+  const auto loaded = KivModel::loadFromStore();
+  ASSERT_EQ(loaded.size(), 1u);
+  EXPECT_EQ(loaded[0]._metadata, expected);
+  KivModel::persist(loaded);
+  EXPECT_EQ(KivModel::loadFromStore().at(0)._metadata, expected);
+}
+
 TEST_F(KivModelTest, BytesThatAreNoPropertyListLoadEmptyAndStay) {
   storeBytes("garbage");
   EXPECT_TRUE(KivModel::loadFromStore().empty());
