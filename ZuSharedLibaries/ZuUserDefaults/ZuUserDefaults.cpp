@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <typeinfo>
 
@@ -19,6 +20,7 @@ namespace {
 
 using detail::FileDescriptor;
 using detail::Plist;
+using detail::UniqueHandle;
 
 constexpr std::string_view kFileName = "UserDefaults.plist";
 
@@ -93,6 +95,28 @@ Data changed(plist_t root, std::string_view key, plist_t value) {
   return detail::binaryPlist(root);
 }
 
+// Whether `bytes` read back with the keys of `root` and their values, containers told apart by kind alone.
+// libplist drops the bytes of a key that is not UTF-8 when it writes, which can lose a key or make two of
+// one.
+bool readsBackAs(const Data& bytes, plist_t root) {
+  const Plist reread = rootOf(bytes);
+  if (!reread || plist_dict_get_size(reread.get()) != plist_dict_get_size(root)) return false;
+  plist_dict_iter iterator = nullptr;
+  plist_dict_new_iter(root, &iterator);
+  const UniqueHandle<void, std::free> ownedIterator(iterator);
+  for (;;) {
+    char* key = nullptr;
+    plist_t value = nullptr;
+    plist_dict_next_item(root, iterator, &key, &value);
+    const UniqueHandle<char, std::free> ownedKey(key);
+    if (!value) return true;
+    const plist_t found = plist_dict_get_item(reread.get(), key);
+    const plist_type kind = plist_get_node_type(value);
+    if (plist_get_node_type(found) != kind) return false;
+    if (kind != PLIST_DICT && kind != PLIST_ARRAY && !plist_compare_node_value(found, value)) return false;
+  }
+}
+
 // Read-modify-write of the whole file: sets `key` to `value`, or removes it when `value` is empty.
 Result<void> update(std::mutex& mutex, std::string_view key, Plist value) {
   std::lock_guard guard(mutex);
@@ -107,9 +131,9 @@ Result<void> update(std::mutex& mutex, std::string_view key, Plist value) {
   const auto stored = ZuFileManager::contents(path);
   Plist root = stored ? rootOf(*stored) : nullptr;
   Data bytes = root ? changed(root.get(), key, value.get()) : Data{};
-  // A store that does not read, or that would not read back once rewritten (libplist drops the bytes of a
-  // key that is not UTF-8), is kept aside and started afresh.
-  if (!root || !rootOf(bytes)) {
+  // A store that does not read, or that would not read back as it was once rewritten, is kept aside and
+  // started afresh.
+  if (!root || !readsBackAs(bytes, root.get())) {
     if (stored && !stored->empty()) {
       if (auto error = keepAside(path, *stored)) return *error;
     }

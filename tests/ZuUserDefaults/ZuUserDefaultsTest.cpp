@@ -107,6 +107,18 @@ TEST_F(ZuUserDefaultsTest, UnreadableFileIsKeptAsideWithAWarningBeforeItIsReplac
   zu::ZuLogger::setLogLevel(zu::ZuLogger::LogLevel::none);
 }
 
+// libplist writes a key that is not UTF-8 cut short at its first bad byte, here onto the key being set.
+TEST_F(ZuUserDefaultsTest, StoreThatWouldNotReadBackAsItWasIsKeptAside) {
+  const std::string stored = R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                             "<key>n\xB7ote</key><integer>70</integer></dict></plist>";
+  writeFile(appData_.path() / "UserDefaults.plist", stored);
+  ASSERT_TRUE(defaults_.set(1, "n"));
+  EXPECT_EQ(defaults_.integer("n"), 1);
+  const auto kept = keptAside(appData_.path());
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(kept.begin()->second, stored);
+}
+
 TEST_F(ZuUserDefaultsTest, XmlFilesAreRead) {
   writeFile(appData_.path() / "UserDefaults.plist",
             R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
