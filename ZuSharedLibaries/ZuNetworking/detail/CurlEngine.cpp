@@ -423,19 +423,23 @@ void Engine::start(URLSession* owner) {
   replaysRemaining_ = replays.size();
   // The worker keeps the engine alive, so a stop() from the worker itself can let it run out on its own.
   thread_ = std::thread([self = shared_from_this()] { self->run(); });
+  stopAtExit(weak_from_this(), [this] { stop(); });
   for (auto& transfer : replays) submit(std::move(transfer));
 }
 
 void Engine::stop() {
+  std::thread worker;
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;
+    worker = std::move(thread_);
   }
   curl_multi_wakeup(multi_.get());
-  if (thread_.get_id() == std::this_thread::get_id()) {
-    retireWorker(std::move(thread_));
-  } else if (thread_.joinable()) {
-    thread_.join();
+  // A later stop, from the worker's own wind-down for one, finds no worker and does not wait for it.
+  if (worker.get_id() == std::this_thread::get_id()) {
+    retireWorker(std::move(worker));
+  } else if (worker.joinable()) {
+    worker.join();
   }
 }
 

@@ -59,7 +59,8 @@ class Engine : public std::enable_shared_from_this<Engine> {
   void start(URLSession* owner);
   /// Stops the worker. Transfers with completions still running complete as cancelled; journalled ones are
   /// left to a later session. Called from the worker itself (a callback that drops the last session
-  /// reference), it returns at once, the worker stops after the callback and is joined at exit.
+  /// reference), it returns at once, the worker stops after the callback and is joined at exit. A worker
+  /// still running when the process exits is stopped then.
   void stop();
 
   const URLSessionConfiguration& configuration() const { return configuration_; }
@@ -98,6 +99,7 @@ class Engine : public std::enable_shared_from_this<Engine> {
   std::mutex mutex_;
   std::vector<std::function<void()>> commands_;
   bool stopping_ = false;
+  // Taken by the first stop (its session's, or the exit's), which joins or retires it.
   std::thread thread_;
 
   // Worker thread only.

@@ -10,24 +10,45 @@
 namespace zu::detail {
 namespace {
 
-struct RetiredWorkers {
+// The session workers that must end before the process does.
+struct Workers {
+  struct Running {
+    std::weak_ptr<void> owner;
+    std::function<void()> stop;
+  };
   std::mutex mutex;
-  std::vector<std::thread> threads;
+  std::vector<Running> running;
+  std::vector<std::thread> retired;
 };
 
-RetiredWorkers& retiredWorkers() {
+Workers& workers() {
   // Never destroyed: it is used by an exit handler.
-  static auto* instance = new RetiredWorkers;
+  static auto* instance = new Workers;
   return *instance;
 }
 
-void joinRetiredWorkers() {
-  std::vector<std::thread> threads;
+void stopWorkers() {
+  std::vector<Workers::Running> running;
   {
-    std::lock_guard lock(retiredWorkers().mutex);
-    threads.swap(retiredWorkers().threads);
+    std::lock_guard lock(workers().mutex);
+    running.swap(workers().running);
   }
-  for (auto& thread : threads) thread.join();
+  for (auto& [owner, stop] : running) {
+    if (const auto alive = owner.lock()) stop();
+  }
+  std::vector<std::thread> retired;
+  {
+    std::lock_guard lock(workers().mutex);
+    retired.swap(workers().retired);
+  }
+  // A completion that exits the process runs this on its own worker, which cannot wait for itself.
+  for (auto& thread : retired) {
+    if (thread.get_id() == std::this_thread::get_id()) {
+      thread.detach();
+    } else {
+      thread.join();
+    }
+  }
 }
 
 }  // namespace
@@ -37,13 +58,19 @@ void ensureCurlGlobalInit() {
   std::call_once(once, [] {
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) fatalError("curl_global_init failed");
     // Registered after the TLS library's own exit handler, so it runs first.
-    if (std::atexit(&joinRetiredWorkers) != 0) fatalError("atexit failed");
+    if (std::atexit(&stopWorkers) != 0) fatalError("atexit failed");
   });
 }
 
+void stopAtExit(std::weak_ptr<void> owner, std::function<void()> stop) {
+  std::lock_guard lock(workers().mutex);
+  std::erase_if(workers().running, [](const Workers::Running& each) { return each.owner.expired(); });
+  workers().running.push_back({std::move(owner), std::move(stop)});
+}
+
 void retireWorker(std::thread worker) {
-  std::lock_guard lock(retiredWorkers().mutex);
-  retiredWorkers().threads.push_back(std::move(worker));
+  std::lock_guard lock(workers().mutex);
+  workers().retired.push_back(std::move(worker));
 }
 
 }  // namespace zu::detail
