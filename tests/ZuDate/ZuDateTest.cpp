@@ -135,6 +135,12 @@ TEST(ZuDate, CutsOffMillisecondsWithoutRoundingUp) {
   // 0.001 is not exact in binary; the millisecond must survive the trip through the 2001-based date.
   const auto date = zu::Date::fromTimeIntervalSince1970(kSundayEvening + 0.001);
   EXPECT_EQ(zu::stringWithAPIFormat(date, DateFormatterStyle::apiMilliseconds), "2020-03-01T23:30:00.001Z");
+  // Far in the future doubles are coarser than a microsecond: a parsed millisecond still writes back as
+  // itself.
+  const std::string farOff = "6421-03-01T23:30:00.133Z";
+  EXPECT_EQ(zu::stringWithAPIFormat(*zu::dateFromString(farOff, DateFormatterStyle::apiMilliseconds),
+                                    DateFormatterStyle::apiMilliseconds),
+            farOff);
 }
 
 TEST(ZuDate, AppliesIsoOffsets) {

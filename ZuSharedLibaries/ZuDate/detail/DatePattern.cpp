@@ -99,7 +99,13 @@ constexpr double kSecondsLimit = 1e12;
 
 std::optional<std::int64_t> millisecondsSince1970(double seconds) {
   if (!(std::abs(seconds) <= kSecondsLimit)) return std::nullopt;  // also NaN and infinities
-  const std::int64_t milliseconds = floorDiv(std::llround(seconds * 1e6), 1000);
+  // A time that is the double nearest a whole millisecond, as a parsed text gives, is that millisecond, also
+  // where doubles are too coarse for microseconds (beyond the year 2106); any other is cut to its
+  // millisecond.
+  const std::int64_t nearest = std::llround(seconds * 1e3);
+  const std::int64_t milliseconds = static_cast<double>(nearest) / 1000.0 == seconds
+                                        ? nearest
+                                        : floorDiv(std::llround(seconds * 1e6), 1000);
   if (milliseconds < kFirstMillisecond || milliseconds > kLastMillisecond) return std::nullopt;
   return milliseconds;
 }
