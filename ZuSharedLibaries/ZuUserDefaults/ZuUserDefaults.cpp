@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cmath>
-#include <cstdlib>
 #include <filesystem>
 #include <typeinfo>
 
@@ -20,7 +19,6 @@ namespace {
 
 using detail::FileDescriptor;
 using detail::Plist;
-using detail::UniqueHandle;
 
 constexpr std::string_view kFileName = "UserDefaults.plist";
 
@@ -95,26 +93,17 @@ Data changed(plist_t root, std::string_view key, plist_t value) {
   return detail::binaryPlist(root);
 }
 
-// Whether `bytes` read back with the keys of `root` and their values, containers told apart by kind alone.
-// libplist drops the bytes of a key that is not UTF-8 when it writes, which can lose a key or make two of
-// one.
-bool readsBackAs(const Data& bytes, plist_t root) {
+// Whether `bytes`, written from `root` with `key` set to `value` (or removed when `value` is null), read back
+// with as many entries and with that change. libplist cuts a key that is not UTF-8 short at its first bad
+// byte when it writes, which can turn it into another key or into the one being set.
+bool readsBackAs(const Data& bytes, plist_t root, std::string_view key, plist_t value) {
   const Plist reread = rootOf(bytes);
   if (!reread || plist_dict_get_size(reread.get()) != plist_dict_get_size(root)) return false;
-  plist_dict_iter iterator = nullptr;
-  plist_dict_new_iter(root, &iterator);
-  const UniqueHandle<void, std::free> ownedIterator(iterator);
-  for (;;) {
-    char* key = nullptr;
-    plist_t value = nullptr;
-    plist_dict_next_item(root, iterator, &key, &value);
-    const UniqueHandle<char, std::free> ownedKey(key);
-    if (!value) return true;
-    const plist_t found = plist_dict_get_item(reread.get(), key);
-    const plist_type kind = plist_get_node_type(value);
-    if (plist_get_node_type(found) != kind) return false;
-    if (kind != PLIST_DICT && kind != PLIST_ARRAY && !plist_compare_node_value(found, value)) return false;
-  }
+  const plist_t found = plist_dict_get_item(reread.get(), std::string(key).c_str());
+  if (!value) return found == nullptr;
+  const plist_type kind = plist_get_node_type(value);
+  if (plist_get_node_type(found) != kind) return false;
+  return kind == PLIST_DICT || kind == PLIST_ARRAY || plist_compare_node_value(found, value);
 }
 
 // Read-modify-write of the whole file: sets `key` to `value`, or removes it when `value` is empty.
@@ -133,7 +122,7 @@ Result<void> update(std::mutex& mutex, std::string_view key, Plist value) {
   Data bytes = root ? changed(root.get(), key, value.get()) : Data{};
   // A store that does not read, or that would not read back as it was once rewritten, is kept aside and
   // started afresh.
-  if (!root || !readsBackAs(bytes, root.get())) {
+  if (!root || !readsBackAs(bytes, root.get(), key, value.get())) {
     if (stored && !stored->empty()) {
       if (auto error = keepAside(path, *stored)) return *error;
     }
