@@ -24,7 +24,8 @@ std::string hexString(std::span<const std::uint8_t> bytes);
 /// The 16-byte MD5 digest (RFC 1321) of a text's UTF-8 bytes.
 Data md5(std::string_view text);
 
-/// The block size of `sha256OfFile`.
-inline constexpr std::size_t fileDigestBlockSize = 1 << 20;
+/// The block size of `sha256OfFile`: small enough that a block read is still in the core's cache when it is
+/// hashed (1 MiB blocks hash a third slower).
+inline constexpr std::size_t fileDigestBlockSize = 1 << 16;
 
 }  // namespace zu
