@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ZuDate/ZuDate.hpp"
+#include "support/ScopedEnvironment.hpp"
 
 namespace {
 
@@ -19,24 +20,17 @@ constexpr double kSundayEvening = 1583105400.0;  // 2020-03-01 23:30:00 UTC, 202
 const zu::Date kSundayEveningDate = zu::Date::fromTimeIntervalSince1970(kSundayEvening);
 
 /// Sets TZ for one test and puts the previous value back.
-// The environment changes on the main thread while no other thread runs.
-// NOLINTBEGIN(concurrency-mt-unsafe)
 class ScopedTimeZone {
  public:
-  explicit ScopedTimeZone(const char* zone) {
-    if (const char* previous = std::getenv("TZ")) previous_ = previous;
-    ::setenv("TZ", zone, 1);
-    ::tzset();
-  }
+  explicit ScopedTimeZone(const char* zone) : zone_(std::in_place, "TZ", zone) { ::tzset(); }
   ~ScopedTimeZone() {
-    previous_ ? ::setenv("TZ", previous_->c_str(), 1) : ::unsetenv("TZ");
+    zone_.reset();
     ::tzset();
   }
 
  private:
-  std::optional<std::string> previous_;
+  std::optional<testing_support::ScopedEnvironment> zone_;
 };
-// NOLINTEND(concurrency-mt-unsafe)
 
 TEST(ZuDate, WritesGmtWhateverTheTimeZone) {
   for (const char* zone : {"Europe/Kyiv", "America/Los_Angeles", "Asia/Kolkata", "UTC"}) {

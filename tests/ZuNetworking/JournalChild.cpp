@@ -5,6 +5,7 @@
 // file>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 #include "ZuFileManager/ZuFileManager.hpp"
@@ -12,6 +13,10 @@
 
 int main(int argc, char** argv) {
   if (argc != 7) return 2;
+  // The download's temporary file outlives this process, as it would a killed one: it is left in the
+  // application's folder, which the test removes, rather than in the system's.
+  std::filesystem::create_directories(argv[1]);
+  ::setenv("TMPDIR", argv[1], 1);  // NOLINT(concurrency-mt-unsafe): no other thread yet
   zu::ZuFileManager::setApplicationDataDirectory(argv[1]);
   zu::URLSession::setAdditionalCertificateAuthorityFile(argv[2]);
   auto delegate = std::make_shared<zu::URLSessionDelegate>();

@@ -19,6 +19,7 @@
 #include "ZuNetworking/ZuNetworking.hpp"
 #include "support/Completions.hpp"
 #include "support/LoopbackServer.hpp"
+#include "support/ScopedEnvironment.hpp"
 
 namespace {
 
@@ -451,6 +452,27 @@ TEST(ZuNetworkingIntegration, DownloadFileIsPrivateAndRemovedAfterTheCompletion)
                               });
   ASSERT_TRUE(failed.waitFor(1));
   EXPECT_EQ(error->zuError(), zu::ZuError::unsuccesfullHTTPResponseCode(410, "\nGone."));
+}
+
+TEST(ZuNetworkingIntegration, ADownloadWithNoTemporaryFolderFailsOnceWithoutAFile) {
+  std::optional<zu::URL> location;
+  std::optional<zu::Error> error;
+  CallCounter calls;
+  std::shared_ptr<zu::URLSessionTask> task;
+  {
+    // The folder is looked up when the task is made, while the session's worker waits for work.
+    const testing_support::ScopedEnvironment nowhere("TMPDIR", (server->folder() / "missing").string());
+    task = zu::URLSession::shared()->downloadTask(zu::URLRequest(url("/bytes?size=10")),
+                                                  [&](auto l, auto, auto e) {
+                                                    location = std::move(l);
+                                                    error = std::move(e);
+                                                    calls.called();
+                                                  });
+  }
+  task->resume();
+  ASSERT_TRUE(calls.waitFor(1));
+  EXPECT_FALSE(location);
+  EXPECT_EQ(error->code(), zu::URLError::cannotWriteToFile);
 }
 
 TEST(ZuNetworkingIntegration, BackgroundUploadsCompleteOnceOnTheSessionThread) {

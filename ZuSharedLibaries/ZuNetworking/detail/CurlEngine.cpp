@@ -121,6 +121,24 @@ std::size_t lengthToKeep(Transfer& transfer, std::size_t length) {
   return *bound + 1 - transfer.keptLength;
 }
 
+// A download's bytes go to a file of its own in the system's temporary folder ($TMPDIR, else /tmp).
+void openDownloadFile(Transfer& transfer, const std::string& url) {
+  std::error_code noFolder;
+  const auto folder = std::filesystem::temp_directory_path(noFolder);
+  if (noFolder) {
+    transfer.failure = urlError(URLError::cannotWriteToFile, url, noFolder.message());
+    return;
+  }
+  std::string pattern = (folder / "ZuDownload-XXXXXX").string();
+  // mkstemp makes the file readable and writable by the owner only.
+  transfer.downloadFile = FileDescriptor(::mkostemp(pattern.data(), O_CLOEXEC));
+  if (!transfer.downloadFile) {
+    transfer.failure = urlError(URLError::cannotWriteToFile, url, systemErrorText(errno));
+    return;
+  }
+  transfer.downloadPath = pattern;
+}
+
 std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* context) {
   auto& transfer = *static_cast<Transfer*>(context);
   const std::size_t length = size * count;
@@ -474,16 +492,7 @@ std::unique_ptr<Transfer> Engine::prepare(const std::shared_ptr<CurlTask>& task,
     if (!transfer->uploadFile)
       transfer->failure = urlError(URLError::fileDoesNotExist, url, systemErrorText(errno));
   }
-  if (kind == Kind::download) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ZuDownload-XXXXXX").string();
-    // mkstemp makes the file readable and writable by the owner only.
-    transfer->downloadFile = FileDescriptor(::mkostemp(pattern.data(), O_CLOEXEC));
-    if (transfer->downloadFile) {
-      transfer->downloadPath = pattern;
-    } else {
-      transfer->failure = urlError(URLError::cannotWriteToFile, url, systemErrorText(errno));
-    }
-  }
+  if (kind == Kind::download) openDownloadFile(*transfer, url);
   transfer->easy.reset(curl_easy_init());
   if (!transfer->easy) fatalError("curl_easy_init failed");
   configure(*transfer, task->originalRequest(), configuration_);
