@@ -4,25 +4,20 @@
 //
 // Run it in its own process per document (run.sh does), so that the peak memory printed belongs to that
 // document. Prints "key=value" lines: the best of three parses in seconds, and the peak resident size in KiB.
-#include <sys/resource.h>
-
 #include <algorithm>
-#include <chrono>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 
 #include "AnyCodable/JSONSerialization.hpp"
+#include "ProcessFigures.hpp"
 
 namespace {
 
-constexpr int kRuns = 3;
+using benchfigures::peakResidentKiB;
+using benchfigures::since;
 
-long peakResidentKiB() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
-}
+constexpr int kRuns = 3;
 
 }  // namespace
 
@@ -35,9 +30,9 @@ int main(int argc, char** argv) {
   const zu::Data bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   double best = 1e300;
   for (int run = 0; run < kRuns; ++run) {
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = benchfigures::Clock::now();
     const auto value = zu::JSONSerialization::jsonObject(bytes);
-    best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    best = std::min(best, since(start));
     if (!value) {
       std::cerr << value.error().localizedDescription() << "\n";
       return 1;

@@ -14,8 +14,6 @@
 //     gst-launch-1.0
 //
 // Prints "key=value" lines; times in milliseconds.
-#include <sys/resource.h>
-
 #include <QApplication>
 #include <QElapsedTimer>
 #include <algorithm>
@@ -27,6 +25,7 @@
 #include "KivMediaCaptureAndPlayViewController/gstreamer/GstCaptureWidget.hpp"
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/CameraPipeline.hpp"
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/Recorder.hpp"
+#include "ProcessFigures.hpp"
 
 namespace {
 
@@ -52,23 +51,14 @@ class SyntheticScreen : public GstCaptureWidget {
                          options) {}
 };
 
-double processCpuSeconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
 /// The CPU share of this process while `work` runs: CPU seconds per second.
 template <class Work>
 double cpuShareOf(const Work& work) {
   QElapsedTimer wall;
   wall.start();
-  const double before = processCpuSeconds();
+  const double before = benchfigures::cpuSeconds();
   work();
-  return (processCpuSeconds() - before) / (static_cast<double>(wall.nsecsElapsed()) / 1e9);
+  return (benchfigures::cpuSeconds() - before) / (static_cast<double>(wall.nsecsElapsed()) / 1e9);
 }
 
 void printMilliseconds(const std::string& key, std::vector<double> samples) {

@@ -8,7 +8,6 @@
 // Run each in its own process (run.sh does), so that the peak memory printed belongs to that operation.
 // Prints "key=value" lines; times are the best of three runs, memory is the peak resident size in KiB.
 #include <plist/plist.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -16,10 +15,13 @@
 #include <string>
 
 #include "KivSDK/Model/KivModel.hpp"
+#include "ProcessFigures.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuUserDefaults/ZuUserDefaults.hpp"
 
 namespace {
+
+using benchfigures::peakResidentKiB;
 
 int gReports = 10'000;  // the optional last argument changes it
 constexpr int kFilesPerReport = 10;
@@ -31,12 +33,6 @@ double bestSecondsOf(const Work& work) {
   double best = 1e300;
   for (int run = 0; run < kRuns; ++run) best = std::min(best, std::chrono::duration<double>(work()).count());
   return best;
-}
-
-long peakResidentKiB() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
 }
 
 zu::AnyCodable::Dictionary metadata(int i) {

@@ -19,22 +19,17 @@
 #include <vector>
 
 #include "KivSDK/Model/KivModel.hpp"
+#include "ProcessFigures.hpp"
 #include "ZuFoundation/detail/Posix.hpp"
 #include "ZuGStreamer/detail/FirstPicture.hpp"
-#include "support/ProcessUsage.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
-using testing_support::cpuMilliseconds;
-using testing_support::peakResidentKiB;
-using testing_support::residentKiB;
-
-double millisecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
+using benchfigures::Clock;
+using benchfigures::peakResidentKiB;
+using benchfigures::residentKiB;
 
 /// The best wall and CPU times of `runs` runs of `work(run)`, each timed from its start.
 struct Best {
@@ -45,10 +40,10 @@ struct Best {
   Best(int runs, const Work& work) {
     for (int run = 0; run < runs; ++run) {
       const auto start = Clock::now();
-      const double cpuStart = cpuMilliseconds();
+      const double cpuStart = benchfigures::cpuSeconds();
       work(run);
-      cpuMs = std::min(cpuMs, cpuMilliseconds() - cpuStart);
-      wallMs = std::min(wallMs, millisecondsSince(start));
+      cpuMs = std::min(cpuMs, (benchfigures::cpuSeconds() - cpuStart) * 1e3);
+      wallMs = std::min(wallMs, benchfigures::since(start) * 1e3);
     }
   }
   void print(const std::string& name) const {

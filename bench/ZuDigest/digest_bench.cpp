@@ -7,29 +7,23 @@
 //     another
 //
 // Prints "key=value" lines: seconds, the digest, and the process's peak resident memory in KiB.
-#include <sys/resource.h>
-
-#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <string>
 
 #include "KivSDK/Model/KivReport.hpp"
+#include "ProcessFigures.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 
 namespace {
 
+using benchfigures::peakResidentKiB;
+
 template <class Work>
 double secondsOf(const Work& work) {
-  const auto start = std::chrono::steady_clock::now();
+  const auto start = benchfigures::Clock::now();
   work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-long peakResidentKiB() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
+  return benchfigures::since(start);
 }
 
 int timeFile(const std::string& fileName) {
