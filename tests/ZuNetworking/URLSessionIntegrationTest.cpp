@@ -471,6 +471,8 @@ TEST(ZuNetworkingIntegration, ADownloadWithNoTemporaryFolderFailsOnceWithoutAFil
   }
   task->resume();
   ASSERT_TRUE(calls.waitFor(1));
+  flushSharedSession();
+  EXPECT_EQ(calls.count(), 1);
   EXPECT_FALSE(location);
   EXPECT_EQ(error->code(), zu::URLError::cannotWriteToFile);
 }
