@@ -15,7 +15,7 @@
 
 #include "KivSDK/Model/detail/BinaryPlistReader.hpp"
 #include "KivSDK/Model/detail/BinaryPlistWriter.hpp"
-#include "ZuFoundation/detail/Plist.hpp"
+#include "ZuFoundation/internal/Plist.hpp"
 
 namespace kiv::detail {
 namespace {

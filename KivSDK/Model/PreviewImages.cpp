@@ -7,7 +7,7 @@
 #include "KivSDK/Model/KivModel.hpp"
 #include "KivSDK/Model/detail/PreviewDecoding.hpp"
 #include "ZuFoundation/DispatchQueue.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 #include "ZuImage/Screen.hpp"
 
 namespace kiv {

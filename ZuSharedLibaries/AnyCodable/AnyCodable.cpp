@@ -10,7 +10,7 @@
 #include <unordered_map>
 
 #include "ZuFoundation/Result.hpp"
-#include "ZuFoundation/detail/TypeName.hpp"
+#include "ZuFoundation/internal/TypeName.hpp"
 
 namespace zu {
 namespace {

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "ZuFoundation/FatalError.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
-#include "ZuFoundation/detail/UniqueHandle.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
+#include "ZuFoundation/internal/UniqueHandle.hpp"
 
 namespace zu {
 namespace {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "ZuFoundation/FatalError.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 
 namespace zu {
 namespace {

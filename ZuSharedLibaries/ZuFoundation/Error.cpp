@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 
 namespace zu {
 namespace {

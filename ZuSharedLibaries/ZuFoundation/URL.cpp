@@ -7,7 +7,7 @@
 #include <cctype>
 #include <cstdlib>
 
-#include "ZuFoundation/detail/UniqueHandle.hpp"
+#include "ZuFoundation/internal/UniqueHandle.hpp"
 
 namespace zu {
 

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <utility>
 
-#include "ZuFoundation/detail/TypeName.hpp"
+#include "ZuFoundation/internal/TypeName.hpp"
 
 namespace zu {
 namespace {

@@ -7,7 +7,7 @@
 #include "AnyCodable/JSONSerialization.hpp"
 #include "ZuFoundation/DispatchQueue.hpp"
 #include "ZuFoundation/FatalError.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 #include "ZuLogger/ZuLogger.hpp"
 
 namespace zu {

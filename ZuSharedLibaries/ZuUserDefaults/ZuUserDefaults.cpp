@@ -10,8 +10,8 @@
 
 #include "ZuDate/ZuDate.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
-#include "ZuFoundation/detail/Plist.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Plist.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 #include "ZuLogger/ZuLogger.hpp"
 
 namespace zu {

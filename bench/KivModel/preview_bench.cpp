@@ -20,7 +20,7 @@
 
 #include "KivSDK/Model/KivModel.hpp"
 #include "ProcessFigures.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 #include "ZuGStreamer/detail/FirstPicture.hpp"
 #include "support/TemporaryDirectory.hpp"
 

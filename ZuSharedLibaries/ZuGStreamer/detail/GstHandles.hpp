@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ZuFoundation/detail/UniqueHandle.hpp"
+#include "ZuFoundation/internal/UniqueHandle.hpp"
 
 #include <gst/gst.h>
 

@@ -16,7 +16,7 @@
 #include <utility>
 
 #include "ZuFoundation/FatalError.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 #include "ZuNetworking/detail/TransportError.hpp"
 
 namespace zu::detail {

@@ -6,7 +6,7 @@
 #include <memory>
 #include <thread>
 
-#include "ZuFoundation/detail/UniqueHandle.hpp"
+#include "ZuFoundation/internal/UniqueHandle.hpp"
 
 namespace zu::detail {
 

@@ -9,7 +9,7 @@
 #include "AnyCodable/JSONSerialization.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuFoundation/UUID.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 
 namespace zu::detail {
 namespace {

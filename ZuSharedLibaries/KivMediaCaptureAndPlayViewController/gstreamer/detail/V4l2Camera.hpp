@@ -5,7 +5,7 @@
 #include <string>
 
 #include "ZuFoundation/Error.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 
 namespace zu::detail {
 

@@ -7,7 +7,7 @@
 #include <type_traits>
 
 #include "ZuFoundation/Data.hpp"
-#include "ZuFoundation/detail/UniqueHandle.hpp"
+#include "ZuFoundation/internal/UniqueHandle.hpp"
 
 // libplist stays behind this header: public headers never see `plist_t`.
 namespace zu::detail {

@@ -1,10 +1,10 @@
-#include "ZuFoundation/detail/TypeName.hpp"
+#include "ZuFoundation/internal/TypeName.hpp"
 
 #include <cxxabi.h>
 
 #include <cstdlib>
 
-#include "ZuFoundation/detail/UniqueHandle.hpp"
+#include "ZuFoundation/internal/UniqueHandle.hpp"
 
 namespace zu::detail {
 

@@ -1,4 +1,4 @@
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 
 #include <sys/stat.h>
 #include <unistd.h>
