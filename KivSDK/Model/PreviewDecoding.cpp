@@ -1,7 +1,7 @@
 #include "KivSDK/Model/detail/PreviewDecoding.hpp"
 
 #include "KivSDK/Model/detail/JpegDecoder.hpp"
-#include "ZuGStreamer/detail/FirstPicture.hpp"
+#include "ZuGStreamer/FirstPicture.hpp"
 
 namespace kiv::detail {
 namespace {

@@ -1,4 +1,4 @@
-#include "ZuGStreamer/detail/BusWatch.hpp"
+#include "ZuGStreamer/BusWatch.hpp"
 
 #include <condition_variable>
 #include <deque>

@@ -1,4 +1,4 @@
-#include "ZuGStreamer/detail/FirstPicture.hpp"
+#include "ZuGStreamer/FirstPicture.hpp"
 
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
@@ -6,8 +6,8 @@
 #include <atomic>
 #include <string_view>
 
-#include "ZuGStreamer/detail/GStreamer.hpp"
-#include "ZuGStreamer/detail/GstHandles.hpp"
+#include "ZuGStreamer/GstHandles.hpp"
+#include "ZuGStreamer/ZuGStreamer.hpp"
 
 namespace zu::detail {
 namespace {

@@ -21,7 +21,7 @@
 #include "KivSDK/Model/KivModel.hpp"
 #include "ProcessFigures.hpp"
 #include "ZuFoundation/internal/Posix.hpp"
-#include "ZuGStreamer/detail/FirstPicture.hpp"
+#include "ZuGStreamer/FirstPicture.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace {

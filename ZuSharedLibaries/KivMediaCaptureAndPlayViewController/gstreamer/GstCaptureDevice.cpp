@@ -8,7 +8,7 @@
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/CameraPipeline.hpp"
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/Recorder.hpp"
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/V4l2Camera.hpp"
-#include "ZuGStreamer/detail/GStreamer.hpp"
+#include "ZuGStreamer/ZuGStreamer.hpp"
 #include "ZuLogger/ZuLogger.hpp"
 
 namespace zu {

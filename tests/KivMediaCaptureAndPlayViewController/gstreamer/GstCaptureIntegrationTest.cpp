@@ -16,7 +16,7 @@
 
 #include "KivMediaCaptureAndPlayViewController/core/LocalizedStrings.hpp"
 #include "KivMediaCaptureAndPlayViewController/gstreamer/GstCaptureWidget.hpp"
-#include "ZuGStreamer/detail/GStreamer.hpp"
+#include "ZuGStreamer/ZuGStreamer.hpp"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include "KivSDK/Model/KivModel.hpp"
 #include "ZuFoundation/DispatchQueue.hpp"
-#include "ZuGStreamer/detail/GStreamer.hpp"
+#include "ZuGStreamer/ZuGStreamer.hpp"
 #include "ZuImage/Screen.hpp"
 #include "support/TemporaryDirectory.hpp"
 

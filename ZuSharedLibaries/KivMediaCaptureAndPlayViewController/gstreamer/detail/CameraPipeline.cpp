@@ -6,7 +6,7 @@
 #include <cmath>
 #include <utility>
 
-#include "ZuGStreamer/detail/GStreamer.hpp"
+#include "ZuGStreamer/ZuGStreamer.hpp"
 
 namespace zu::detail {
 namespace {

@@ -12,8 +12,8 @@
 
 #include "ZuFoundation/Error.hpp"
 #include "ZuFoundation/Result.hpp"
-#include "ZuGStreamer/detail/BusWatch.hpp"
-#include "ZuGStreamer/detail/GstHandles.hpp"
+#include "ZuGStreamer/BusWatch.hpp"
+#include "ZuGStreamer/GstHandles.hpp"
 
 namespace zu::detail {
 

@@ -6,7 +6,7 @@
 #include <limits>
 #include <utility>
 
-#include "ZuGStreamer/detail/GStreamer.hpp"
+#include "ZuGStreamer/ZuGStreamer.hpp"
 
 namespace zu::detail {
 

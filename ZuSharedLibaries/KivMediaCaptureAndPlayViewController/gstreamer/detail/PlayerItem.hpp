@@ -9,8 +9,8 @@
 
 #include "ZuFoundation/Error.hpp"
 #include "ZuFoundation/Result.hpp"
-#include "ZuGStreamer/detail/BusWatch.hpp"
-#include "ZuGStreamer/detail/GstHandles.hpp"
+#include "ZuGStreamer/BusWatch.hpp"
+#include "ZuGStreamer/GstHandles.hpp"
 #include "ZuImage/Image.hpp"
 
 namespace zu::detail {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "ZuGStreamer/detail/GStreamer.hpp"
+#include "ZuGStreamer/ZuGStreamer.hpp"
 
 namespace zu::detail {
 namespace {

@@ -13,7 +13,7 @@
 
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/CameraPipeline.hpp"
 #include "ZuFoundation/Error.hpp"
-#include "ZuGStreamer/detail/GstHandles.hpp"
+#include "ZuGStreamer/GstHandles.hpp"
 
 namespace zu::detail {
 

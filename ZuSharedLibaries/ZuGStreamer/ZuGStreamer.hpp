@@ -8,7 +8,7 @@
 
 #include "ZuFoundation/Error.hpp"
 #include "ZuFoundation/Result.hpp"
-#include "ZuGStreamer/detail/GstHandles.hpp"
+#include "ZuGStreamer/GstHandles.hpp"
 #include "ZuImage/Image.hpp"
 
 namespace zu::detail {

@@ -6,7 +6,7 @@
 #include <memory>
 #include <thread>
 
-#include "ZuGStreamer/detail/GstHandles.hpp"
+#include "ZuGStreamer/GstHandles.hpp"
 
 namespace zu::detail {
 

@@ -1,5 +1,5 @@
 // GStreamer support shared by the capture screen's camera and player and by the preview images.
-#include "ZuGStreamer/detail/GStreamer.hpp"
+#include "ZuGStreamer/ZuGStreamer.hpp"
 
 #include <gst/video/video.h>
 
