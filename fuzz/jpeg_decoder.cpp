@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "KivSDK/Model/detail/JpegDecoder.hpp"
+#include "KivSDK/Previews/detail/JpegDecoder.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const zu::Data bytes(data, data + size);

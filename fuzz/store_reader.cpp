@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "KivSDK/Model/detail/BinaryPlistReader.hpp"
-#include "KivSDK/Model/detail/PersistedForm.hpp"
+#include "KivSDK/Store/detail/BinaryPlistReader.hpp"
+#include "KivSDK/Store/detail/PersistedForm.hpp"
 
 namespace {
 

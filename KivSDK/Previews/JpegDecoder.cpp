@@ -1,7 +1,7 @@
 // JPEG photos decode with libjpeg-turbo directly, straight into RGBA: for a 12-megapixel photo that is
 // several times quicker than a GStreamer pipeline, which decodes to YUV and converts afterwards (the previews
 // benchmark measures both).
-#include "KivSDK/Model/detail/JpegDecoder.hpp"
+#include "KivSDK/Previews/detail/JpegDecoder.hpp"
 
 // jpeglib.h needs FILE and size_t declared before it.
 #include <csetjmp>

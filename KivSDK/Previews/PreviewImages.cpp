@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "KivSDK/Model/KivModel.hpp"
-#include "KivSDK/Model/detail/PreviewDecoding.hpp"
+#include "KivSDK/Previews/detail/PreviewDecoding.hpp"
 #include "ZuFoundation/DispatchQueue.hpp"
 #include "ZuFoundation/internal/Posix.hpp"
 #include "ZuImage/Screen.hpp"

@@ -1,6 +1,6 @@
 #include "KivSDK/Model/KivModel.hpp"
 
-#include "KivSDK/Model/detail/PersistedForm.hpp"
+#include "KivSDK/Store/detail/PersistedForm.hpp"
 #include "ZuUserDefaults/ZuUserDefaults.hpp"
 
 namespace kiv {

@@ -1,4 +1,4 @@
-#include "KivSDK/Model/detail/PersistedForm.hpp"
+#include "KivSDK/Store/detail/PersistedForm.hpp"
 
 #include <algorithm>
 #include <array>
@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "KivSDK/Model/detail/BinaryPlistReader.hpp"
-#include "KivSDK/Model/detail/BinaryPlistWriter.hpp"
+#include "KivSDK/Store/detail/BinaryPlistReader.hpp"
+#include "KivSDK/Store/detail/BinaryPlistWriter.hpp"
 #include "ZuFoundation/internal/Plist.hpp"
 
 namespace kiv::detail {

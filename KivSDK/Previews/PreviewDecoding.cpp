@@ -1,6 +1,6 @@
-#include "KivSDK/Model/detail/PreviewDecoding.hpp"
+#include "KivSDK/Previews/detail/PreviewDecoding.hpp"
 
-#include "KivSDK/Model/detail/JpegDecoder.hpp"
+#include "KivSDK/Previews/detail/JpegDecoder.hpp"
 #include "ZuGStreamer/FirstPicture.hpp"
 
 namespace kiv::detail {

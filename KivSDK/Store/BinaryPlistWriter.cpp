@@ -1,4 +1,4 @@
-#include "KivSDK/Model/detail/BinaryPlistWriter.hpp"
+#include "KivSDK/Store/detail/BinaryPlistWriter.hpp"
 
 #include <algorithm>
 #include <bit>

@@ -1,5 +1,5 @@
 // The SDK without preview images (KIV_BUILD_PREVIEWS off): nothing decodes.
-#include "KivSDK/Model/detail/PreviewDecoding.hpp"
+#include "KivSDK/Previews/detail/PreviewDecoding.hpp"
 
 namespace kiv::detail {
 

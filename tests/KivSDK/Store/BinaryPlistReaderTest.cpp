@@ -1,4 +1,4 @@
-#include "KivSDK/Model/detail/BinaryPlistReader.hpp"
+#include "KivSDK/Store/detail/BinaryPlistReader.hpp"
 
 #include <gtest/gtest.h>
 
