@@ -11,6 +11,7 @@
 #include "KivSDK/Model/KivFile.hpp"
 #include "KivSDK/Model/KivReport.hpp"
 #include "ZuFoundation/Error.hpp"
+#include "ZuFoundation/Result.hpp"
 #include "ZuFoundation/URL.hpp"
 #include "ZuMailList/ZuMailList.hpp"
 #include "ZuNetworking/ZuNetworking.hpp"
@@ -126,6 +127,21 @@ class KivAPI {
   /// `zu::ZuNetworking` whose sessions trust the system's authorities and
   /// `serviceCertificateAuthorityFile()`.
   static NetworkingType standardNetworkingType();
+  /**
+   * `zu::ZuNetworking` for a certification service at `baseURL` instead of the one the SDK was built for (a
+   * staging service, the `kiv` command line's `--service`, a test's own): requests for
+   * `APIEndpoint::baseURL()` go to `baseURL`, and sessions trust the authorities in `caFile` (PEM) besides
+   * the system's; without `caFile`, those `standardNetworkingType()` trusts. Certificates are always
+   * verified. Trailing "/" of `baseURL` are dropped; an address that is not https with a host fails with
+   * `zu::URLError::badURL` (domain "NSURLErrorDomain").
+   *
+   * @code
+   * auto staging = kiv::KivAPI::redirectedNetworkingType("https://staging.example.com", "staging-ca.pem");
+   * if (staging) kiv::KivAPI::set_ZuNetworkingType(*staging);
+   * @endcode
+   */
+  static zu::Result<NetworkingType> redirectedNetworkingType(const std::string& baseURL,
+                                                             const std::optional<std::string>& caFile = {});
   /**
    * The CA file of the local reference service, for builds that talk to it: KIV_SERVICE_CA_FILE, a relative
    * path taken from the user's data folder ($XDG_DATA_HOME, else ~/.local/share) at run time. Nothing in a

@@ -23,7 +23,6 @@
 #include "KivSDK/API/KivAPI.hpp"
 #include "ProcessFigures.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
-#include "integration/ServiceNetworking.hpp"
 
 namespace {
 
@@ -107,7 +106,12 @@ int main(int argc, char** argv) {
     return 2;
   }
   zu::ZuFileManager::setApplicationDataDirectory(argv[4]);
-  kiv::KivAPI::set_ZuNetworkingType(kivtest::serviceNetworkingType({argv[1], argv[2], argv[3], -1}));
+  const auto service = kiv::KivAPI::redirectedNetworkingType(argv[1], argv[2]);
+  if (!service) {
+    std::cerr << service.error().localizedDescription() << "\n";
+    return 2;
+  }
+  kiv::KivAPI::set_ZuNetworkingType(*service);
   kiv::KivAPI::setup(argv[3]);
   const kiv::KivReport local = mediaReport();
   std::uintmax_t bytes = 0;

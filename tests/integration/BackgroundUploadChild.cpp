@@ -11,12 +11,11 @@
 
 #include "KivSDK/API/KivAPI.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
-#include "integration/ServiceNetworking.hpp"
 
 int main(int argc, char** argv) {
   if (argc != 9) return 2;
   zu::ZuFileManager::setApplicationDataDirectory(argv[1]);
-  kiv::KivAPI::set_ZuNetworkingType(kivtest::serviceNetworkingType({argv[2], argv[3], argv[4], -1}));
+  kiv::KivAPI::set_ZuNetworkingType(kiv::KivAPI::redirectedNetworkingType(argv[2], argv[3]).value());
   kiv::KivAPI::setup(argv[4]);
   kiv::KivReport report("Interrupted");
   report.slug = argv[5];

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "KivSDK/API/detail/APIState.hpp"
-#include "integration/ServiceNetworking.hpp"
 #include "integration/ServiceUnderTest.hpp"
 
 extern char** environ;
@@ -51,7 +50,7 @@ TEST_P(BackgroundUpload, FinishesInTheNextProcessAndCallsTheHandler) {
 
   // The relaunched application: nothing made yet, no token before the wake-up is handed over.
   kiv::detail::resetAPIState();
-  KivAPI::set_ZuNetworkingType(kivtest::serviceNetworkingType(service));
+  KivAPI::set_ZuNetworkingType(KivAPI::redirectedNetworkingType(service.baseURL, service.caFile).value());
   Awaited<bool> handled;
   KivAPI::setBackgroundCompletionHandler([done = handled.completion()] { done(true, std::nullopt); },
                                          GetParam());

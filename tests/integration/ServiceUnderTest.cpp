@@ -1,7 +1,5 @@
 #include "integration/ServiceUnderTest.hpp"
 
-#include "integration/ServiceNetworking.hpp"
-
 #include <cstdlib>
 #include <filesystem>
 #include <utility>
@@ -59,7 +57,9 @@ void clearFault(const std::string& route) { administer("DELETE", route, std::nul
 
 void ServiceTest::SetUp() {
   kiv::detail::resetAPIState();
-  kiv::KivAPI::set_ZuNetworkingType(serviceNetworkingType(ServiceEnvironment::address()));
+  const ServiceAddress& address = ServiceEnvironment::address();
+  kiv::KivAPI::set_ZuNetworkingType(
+      kiv::KivAPI::redirectedNetworkingType(address.baseURL, address.caFile).value());
   kiv::KivAPI::setup(ServiceEnvironment::address().token);
 }
 

@@ -8,7 +8,6 @@
 #include "AnyCodable/JSONSerialization.hpp"
 #include "KivSDK/API/APIEndpoint.hpp"
 #include "KivSDK/API/KivAPI.hpp"
-#include "ServiceRedirect.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuLogger/ZuLogger.hpp"
 
@@ -30,10 +29,11 @@ void Context::apply() const {
 void Context::connect(bool needsToken) const {
   if (needsToken && token.empty()) reject("no application token: pass --token TOKEN or set KIV_APP_TOKEN");
   if (!service.empty() || !ca.empty()) {
-    std::string base = service.empty() ? std::string(kiv::KivAPI::APIEndpoint::baseURL()) : service;
-    if (!base.starts_with("https://")) reject("--service needs an https address, not \"" + base + "\"");
-    while (base.ends_with('/')) base.pop_back();
-    kiv::KivAPI::set_ZuNetworkingType(redirectedNetworkingType(base, ca));
+    const std::string base = service.empty() ? std::string(kiv::KivAPI::APIEndpoint::baseURL()) : service;
+    auto redirected =
+        kiv::KivAPI::redirectedNetworkingType(base, ca.empty() ? std::nullopt : std::optional(ca));
+    if (!redirected) reject("--service needs an https address, not \"" + base + "\"");
+    kiv::KivAPI::set_ZuNetworkingType(*redirected);
   }
   if (!token.empty()) kiv::KivAPI::setup(token);
 }

@@ -1,11 +1,11 @@
-#include "ServiceRedirect.hpp"
-
 #include <memory>
 #include <utility>
 
 #include "KivSDK/API/APIEndpoint.hpp"
+#include "KivSDK/API/KivAPI.hpp"
+#include "ZuNetworking/URLError.hpp"
 
-namespace kivcli {
+namespace kiv {
 namespace {
 
 /// A session that sends requests for the SDK's built-in service address to another address.
@@ -13,7 +13,7 @@ class RedirectingSession final : public zu::URLSession {
  public:
   RedirectingSession(std::shared_ptr<zu::URLSession> session, const std::string& to)
       : session_(std::move(session)),
-        from_(std::string(kiv::KivAPI::APIEndpoint::baseURL()) + "/"),
+        from_(std::string(KivAPI::APIEndpoint::baseURL()) + "/"),
         to_(to + "/") {}
 
   const zu::URLSessionConfiguration& configuration() const override { return session_->configuration(); }
@@ -30,6 +30,7 @@ class RedirectingSession final : public zu::URLSession {
   }
 
  private:
+  // The new base is a URL and the rest of the text already stood in one, so the joined text is a URL too.
   zu::URLRequest redirected(zu::URLRequest request) const {
     const std::string& text = request.url.absoluteString();
     if (text.starts_with(from_)) request.url = *zu::URL::fromString(to_ + text.substr(from_.size()));
@@ -41,25 +42,40 @@ class RedirectingSession final : public zu::URLSession {
   std::string to_;
 };
 
-zu::ZuNetworking::URLSessionType trustedSessions(const std::string& caFile) {
-  if (!caFile.empty()) return zu::ZuNetworking::URLSessionType::trusting(caFile);
-  const auto builtIn = kiv::KivAPI::serviceCertificateAuthorityFile();
+zu::ZuNetworking::URLSessionType trustedSessions(const std::optional<std::string>& caFile) {
+  if (caFile) return zu::ZuNetworking::URLSessionType::trusting(*caFile);
+  const auto builtIn = KivAPI::serviceCertificateAuthorityFile();
   return builtIn ? zu::ZuNetworking::URLSessionType::trusting(*builtIn)
                  : zu::ZuNetworking::URLSessionType::standard();
 }
 
+// The address without trailing "/", when it is an https URL with a host.
+std::optional<std::string> serviceAddress(std::string baseURL) {
+  while (baseURL.ends_with('/')) baseURL.pop_back();
+  const auto url = zu::URL::fromString(baseURL);
+  if (!url || url->scheme() != "https" || url->host().empty()) return std::nullopt;
+  return baseURL;
+}
+
 }  // namespace
 
-kiv::KivAPI::NetworkingType redirectedNetworkingType(const std::string& baseURL, const std::string& caFile) {
+zu::Result<KivAPI::NetworkingType> KivAPI::redirectedNetworkingType(
+    const std::string& baseURL, const std::optional<std::string>& caFile) {
+  const auto address = serviceAddress(baseURL);
+  if (!address) {
+    return zu::Error(std::string(zu::Error::urlDomain), zu::URLError::badURL,
+                     {{std::string(zu::Error::localizedDescriptionKey),
+                       "The service's address must be an https address, not \"" + baseURL + "\"."}});
+  }
   auto trusting = trustedSessions(caFile);
   // Storage addresses the service hands out already name it, so only the shared session redirects.
-  auto redirecting = std::make_shared<RedirectingSession>(trusting.sharedSession(), baseURL);
+  auto redirecting = std::make_shared<RedirectingSession>(trusting.sharedSession(), *address);
   const zu::ZuNetworking::URLSessionType sessions{[redirecting] { return redirecting; }, trusting.make};
-  return [sessions](std::optional<std::string> authToken, std::string identifier) {
+  return NetworkingType([sessions](std::optional<std::string> authToken, std::string identifier) {
     auto networking = std::make_shared<zu::ZuNetworking>(std::move(authToken), std::move(identifier));
     networking->set_URLSessionType(sessions);
     return networking;
-  };
+  });
 }
 
-}  // namespace kivcli
+}  // namespace kiv
