@@ -22,10 +22,10 @@
 #include <string>
 #include <vector>
 
-#include "KivMediaCaptureAndPlayViewController/gstreamer/GstCaptureWidget.hpp"
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/CameraPipeline.hpp"
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/Recorder.hpp"
 #include "ProcessFigures.hpp"
+#include "support/GstCaptureWidget.hpp"
 
 namespace {
 

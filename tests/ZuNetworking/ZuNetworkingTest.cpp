@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "AnyCodable/JSONSerialization.hpp"
-#include "FakeURLSession.hpp"
 #include "ZuFoundation/DispatchQueue.hpp"
 #include "ZuLogger/ZuLogger.hpp"
+#include "support/FakeURLSession.hpp"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "KivSDK/API/detail/APIState.hpp"
-#include "integration/ServiceUnderTest.hpp"
+#include "support/ServiceUnderTest.hpp"
 
 extern char** environ;
 

@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "integration/ServiceUnderTest.hpp"
 #include "support/PdfText.hpp"
+#include "support/ServiceUnderTest.hpp"
 
 namespace {
 

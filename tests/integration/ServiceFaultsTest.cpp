@@ -9,7 +9,7 @@
 #include <string>
 
 #include "ZuNetworking/ZuError.hpp"
-#include "integration/ServiceUnderTest.hpp"
+#include "support/ServiceUnderTest.hpp"
 
 namespace {
 

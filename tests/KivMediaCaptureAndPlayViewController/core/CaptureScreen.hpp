@@ -5,9 +5,9 @@
 #include <set>
 #include <string>
 
-#include "KivMediaCaptureAndPlayViewController/CaptureTestSupport.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/FakeCaptureDevice.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/FakeMediaPlayer.hpp"
+#include "support/CaptureTestSupport.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace testing_support {

@@ -15,8 +15,8 @@
 #include <string>
 
 #include "KivMediaCaptureAndPlayViewController/core/LocalizedStrings.hpp"
-#include "KivMediaCaptureAndPlayViewController/gstreamer/GstCaptureWidget.hpp"
 #include "ZuGStreamer/ZuGStreamer.hpp"
+#include "support/GstCaptureWidget.hpp"
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <functional>
 #include <set>
 
-#include "KivMediaCaptureAndPlayViewController/CaptureTestSupport.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/FakeCaptureDevice.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/FakeMediaPlayer.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/TestPattern.hpp"
-#include "KivMediaCaptureAndPlayViewController/qt/CaptureWidgetHarness.hpp"
+#include "support/CaptureTestSupport.hpp"
+#include "support/CaptureWidgetHarness.hpp"
 
 namespace {
 

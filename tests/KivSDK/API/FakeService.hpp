@@ -12,7 +12,7 @@
 #include "AnyCodable/JSONSerialization.hpp"
 #include "KivSDK/API/KivAPI.hpp"
 #include "KivSDK/API/detail/APIState.hpp"
-#include "ZuNetworking/FakeURLSession.hpp"
+#include "support/FakeURLSession.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace kivtest {

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "support/ServiceProcess.hpp"
 #include "tools/kiv-service/Http.hpp"
-#include "tools/kiv-service/ServiceProcess.hpp"
 
 namespace kiv::service::test {
 

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest-spi.h>
 
-#include "tools/kiv-service/ServiceProcess.hpp"
+#include "support/ServiceProcess.hpp"
 
 namespace kiv::service::test {
 namespace {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "integration/ServiceUnderTest.hpp"
+#include "support/ServiceUnderTest.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX names it nowhere else

@@ -4,7 +4,7 @@
 
 #include "KivMediaCaptureAndPlayViewController/gstreamer/GstCaptureDevice.hpp"
 #include "KivMediaCaptureAndPlayViewController/gstreamer/GstMediaPlayer.hpp"
-#include "KivMediaCaptureAndPlayViewController/qt/CaptureWidgetHarness.hpp"
+#include "support/CaptureWidgetHarness.hpp"
 
 namespace testing_support {
 

@@ -1,4 +1,4 @@
-#include "integration/ServiceUnderTest.hpp"
+#include "support/ServiceUnderTest.hpp"
 
 #include <cstdlib>
 #include <filesystem>

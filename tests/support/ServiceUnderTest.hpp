@@ -12,9 +12,9 @@
 #include <thread>
 
 #include "KivSDK/API/KivAPI.hpp"
-#include "integration/ServiceAddress.hpp"
+#include "support/ServiceAddress.hpp"
+#include "support/ServiceProcess.hpp"
 #include "support/TemporaryDirectory.hpp"
-#include "tools/kiv-service/ServiceProcess.hpp"
 
 namespace kivtest {
 

@@ -10,7 +10,7 @@
 #include <set>
 #include <string>
 
-#include "KivMediaCaptureAndPlayViewController/CaptureTestSupport.hpp"
+#include "support/CaptureTestSupport.hpp"
 #include "KivMediaCaptureAndPlayViewController/qt/KivMediaCaptureAndPlayWidget.hpp"
 #include "support/TemporaryDirectory.hpp"
 

@@ -1,4 +1,4 @@
-#include "KivMediaCaptureAndPlayViewController/qt/CaptureWidgetHarness.hpp"
+#include "support/CaptureWidgetHarness.hpp"
 
 #include <QAbstractButton>
 #include <QCoreApplication>

@@ -1,4 +1,4 @@
-#include "tools/kiv-service/ServiceProcess.hpp"
+#include "support/ServiceProcess.hpp"
 
 #include <cerrno>
 #include <chrono>

@@ -12,8 +12,8 @@
 #include <fstream>
 #include <string>
 
-#include "integration/ServiceAddress.hpp"
-#include "tools/kiv-service/ServiceProcess.hpp"
+#include "support/ServiceAddress.hpp"
+#include "support/ServiceProcess.hpp"
 
 namespace {
 
