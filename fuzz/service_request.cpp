@@ -12,10 +12,10 @@
 #include <string_view>
 
 #include "HttpsServer.hpp"
-#include "ScratchFolder.hpp"
 #include "Storage.hpp"
 #include "TlsConnection.hpp"
 #include "Wire.hpp"
+#include "support/TemporaryDirectory.hpp"
 
 namespace {
 
@@ -56,7 +56,8 @@ void frameHead(std::string_view text) {
 }
 
 const UrlSigner& signer() {
-  static const ScratchFolder scratch("kiv-fuzz-signer");
+  static const testing_support::TemporaryDirectory scratch(
+      testing_support::TemporaryDirectory::Place::memory);
   static const UrlSigner instance(scratch.path() / "key");
   return instance;
 }

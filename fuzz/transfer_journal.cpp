@@ -7,14 +7,15 @@
 #include <fstream>
 #include <string>
 
-#include "ScratchFolder.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuNetworking/detail/Journal.hpp"
+#include "support/TemporaryDirectory.hpp"
 
 namespace {
 
 const zu::detail::Journal& journal() {
-  static const ScratchFolder scratch("kiv-fuzz-journal");
+  static const testing_support::TemporaryDirectory scratch(
+      testing_support::TemporaryDirectory::Place::memory);
   static const zu::detail::Journal instance = [] {
     zu::ZuFileManager::setApplicationDataDirectory(scratch.path().string());
     return zu::detail::Journal("fuzz");

@@ -9,17 +9,17 @@
 #include <fstream>
 #include <string>
 
-#include "ScratchFolder.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuUserDefaults/ZuUserDefaults.hpp"
+#include "support/TemporaryDirectory.hpp"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 // The application data folder of every input.
-struct DataFolder : ScratchFolder {
-  DataFolder() : ScratchFolder("kiv-fuzz-defaults") {
+struct DataFolder : testing_support::TemporaryDirectory {
+  DataFolder() : TemporaryDirectory(Place::memory) {
     zu::ZuFileManager::setApplicationDataDirectory(path().string());
   }
 };

@@ -55,17 +55,6 @@ int exitStatus(int waitStatus) {
 
 }  // namespace
 
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "kiv-service-test-XXXXXX").string();
-  if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-  path_ = pattern;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
-
 ServiceProcess::ServiceProcess(std::filesystem::path dataDir, std::vector<std::string> extraArguments)
     : dataDir_(std::move(dataDir)), arguments_(std::move(extraArguments)) {}
 

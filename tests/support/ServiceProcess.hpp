@@ -8,19 +8,6 @@
 
 namespace kiv::service::test {
 
-/// A temporary folder, removed with everything in it on destruction.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
-
 /**
  * The built kiv-service running on 127.0.0.1 with a port of its own choosing. Its stderr (the request log)
  * goes to `logFile()` in the data folder. Start and stop wait with time bounds and fail the test when

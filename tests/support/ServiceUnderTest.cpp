@@ -37,7 +37,7 @@ void ServiceEnvironment::SetUp() {
     address_ = *address;
     return;
   }
-  dir_ = std::make_unique<kiv::service::test::TempDir>();
+  dir_ = std::make_unique<testing_support::TemporaryDirectory>();
   own_ = std::make_unique<kiv::service::test::ServiceProcess>(
       dir_->path() / "data", std::vector<std::string>{"--token", kServiceToken});
   own_->start();

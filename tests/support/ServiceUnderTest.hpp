@@ -29,7 +29,7 @@ class ServiceEnvironment : public ::testing::Environment {
   static const ServiceAddress& address();
 
  private:
-  std::unique_ptr<kiv::service::test::TempDir> dir_;
+  std::unique_ptr<testing_support::TemporaryDirectory> dir_;
   std::unique_ptr<kiv::service::test::ServiceProcess> own_;
   ServiceAddress address_;
 };

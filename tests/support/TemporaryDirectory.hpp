@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -10,12 +11,21 @@
 
 namespace testing_support {
 
-/// A fresh folder under the system's temporary folder, removed with everything in it when destroyed.
+/// A fresh folder, removed with everything in it when destroyed. It is made under the system's temporary
+/// folder or, for a program that writes files for every input it tries (a fuzz target), in memory where the
+/// system has a folder for that.
 class TemporaryDirectory {
  public:
-  TemporaryDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kivsdk-test-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
+  enum class Place { disk, memory };
+
+  explicit TemporaryDirectory(Place place = Place::disk) {
+    namespace fs = std::filesystem;
+    const bool inMemory = place == Place::memory && fs::is_directory("/dev/shm");
+    const fs::path base = inMemory ? fs::path("/dev/shm") : fs::temp_directory_path();
+    std::string pattern = (base / "kivsdk-test-XXXXXX").string();
+    if (!::mkdtemp(pattern.data()))
+      throw std::runtime_error("cannot make a temporary folder in " + base.string());
+    path_ = pattern;
   }
   ~TemporaryDirectory() {
     std::error_code ignored;

@@ -111,7 +111,7 @@ TEST_F(FaultTest, SwitchesAreCheckedAndCanBeSetFromTheCommandLine) {
   EXPECT_EQ(fetch("PUT", admin + "get", R"({"kind": "status", "status": 42})").status, 400);
   EXPECT_EQ(fetch("GET", service().baseUrl() + "/admin/faults").json(), json::object());
 
-  const TempDir dir;
+  const TemporaryDirectory dir;
   ServiceProcess faulty(dir.path(),
                         {"--open", "--fault", "create=status:418", "--fault", "get=file-name:a/b"});
   faulty.start();

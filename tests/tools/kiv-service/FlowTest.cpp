@@ -93,7 +93,7 @@ TEST_F(ServiceTest, CertificateListsReportAndDigestsInTheAskedLanguage) {
   const json report = createReport({{"IMG_0001.jpg", "one"}, {"Übersicht.png", "two"}}, "Garage damage");
   upload(report, 0, "one");
   const std::string pdfPath = "/v1/reports/" + slugOf(report) + "/pdf/";
-  const TempDir dir;
+  const TemporaryDirectory dir;
   for (const auto& [language, heading] : {std::pair{"de-CH, en;q=0.5", "Beweiszertifikat"},
                                           std::pair{"fr, en;q=0.8", "Evidence certificate"}}) {
     const Reply reply = call("POST", pdfPath, {}, {std::string("Accept-Language: ") + language});

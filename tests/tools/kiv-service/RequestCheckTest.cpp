@@ -32,7 +32,7 @@ TEST_F(ServiceTest, ApiRefusesMissingAndWrongTokens) {
 // The defaults are what a default build of the SDK expects: the user's own folder (whose CA it trusts) and
 // the fixed loopback port. Read from the help text, so that no test binds that port.
 TEST(ServiceDefaults, TheUsersFolderAndTheFixedPort) {
-  const TempDir home;
+  const TemporaryDirectory home;
   const std::string command =
       "XDG_DATA_HOME='" + home.path().string() + "' '" + KIV_SERVICE_PROGRAM + "' --help 2>&1";
   std::unique_ptr<FILE, decltype(&pclose)> pipe(popen(command.c_str(), "r"), pclose);
@@ -130,7 +130,7 @@ TEST_F(ServiceTest, StorageUrlsNeedAValidUnexpiredSignature) {
   EXPECT_EQ(fetch("PUT", target["file"], "content").status, 403) << "a file URL does not write";
 
   // A service whose URLs live zero minutes hands out addresses that are already expired.
-  const TempDir dir;
+  const TemporaryDirectory dir;
   ServiceProcess shortLived(dir.path(), {"--open", "--upload-url-ttl", "0"});
   shortLived.start();
   const Reply created =

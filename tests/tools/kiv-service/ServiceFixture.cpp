@@ -13,7 +13,7 @@ std::string jsonHeader() { return "Content-Type: application/json"; }
 }  // namespace
 
 void ServiceEnvironment::SetUp() {
-  dir_ = std::make_unique<TempDir>();
+  dir_ = std::make_unique<TemporaryDirectory>();
   service_ = std::make_unique<ServiceProcess>(
       dir_->path() / "data", std::vector<std::string>{"--token", "another-token", "--token", kToken});
   service_->start();

@@ -7,9 +7,12 @@
 #include <nlohmann/json.hpp>
 
 #include "support/ServiceProcess.hpp"
+#include "support/TemporaryDirectory.hpp"
 #include "tools/kiv-service/Http.hpp"
 
 namespace kiv::service::test {
+
+using testing_support::TemporaryDirectory;
 
 inline constexpr const char* kToken = "test-token-7f3a";
 
@@ -21,7 +24,7 @@ class ServiceEnvironment : public ::testing::Environment {
   static ServiceProcess& service();
 
  private:
-  std::unique_ptr<TempDir> dir_;
+  std::unique_ptr<TemporaryDirectory> dir_;
   std::unique_ptr<ServiceProcess> service_;
 };
 

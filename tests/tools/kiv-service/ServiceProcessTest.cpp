@@ -4,12 +4,13 @@
 #include <gtest/gtest-spi.h>
 
 #include "support/ServiceProcess.hpp"
+#include "support/TemporaryDirectory.hpp"
 
 namespace kiv::service::test {
 namespace {
 
 TEST(ServiceProcessTest, AServiceThatCrashesOrReportsAFaultFailsTheTest) {
-  const TempDir dir;
+  const testing_support::TemporaryDirectory dir;
   ServiceProcess crashing(dir.path() / "crashing", {"--open"});
   crashing.start();
   ::kill(crashing.pid(), SIGSEGV);
