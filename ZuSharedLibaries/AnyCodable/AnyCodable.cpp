@@ -160,12 +160,12 @@ std::string joined(const Items& items, Render render) {
 
 }  // namespace
 
-AnyCodable::Dictionary::Dictionary(std::initializer_list<Entry> entries) {
+AnyCodableDictionary::AnyCodableDictionary(std::initializer_list<Entry> entries) {
   for (const auto& [key, value] : entries) insert(key, value);
 }
 
 AnyCodable::Dictionary AnyCodable::Dictionary::fromEntries(std::vector<Entry>&& entries) {
-  Dictionary dictionary;
+  AnyCodableDictionary dictionary;
   // Reserved up front: the positions' keys view the texts where they stay.
   dictionary.entries_.reserve(entries.size());
   std::unordered_map<std::string_view, std::size_t> positions;

@@ -14,17 +14,50 @@
 #include <vector>
 
 #include "ZuFoundation/Date.hpp"
+#include "ZuFoundation/Result.hpp"
 #include "ZuFoundation/URL.hpp"
 
 namespace zu {
 
-// An Error's user info is made of AnyCodable values, so Result (which carries an Error) comes after this
-// header: the coding functions below are declared with it, and their callers include
-// "ZuFoundation/Result.hpp".
-template <class T>
-class Result;
+class AnyCodable;
 class SingleValueEncoder;
 class SingleValueDecoder;
+
+/// A map from text keys to values that keeps the order in which keys were first set:
+/// `AnyCodable::Dictionary`, the form of JSON objects and of an error's user info.
+class AnyCodableDictionary {
+ public:
+  using Entry = std::pair<std::string, AnyCodable>;
+  using const_iterator = std::vector<Entry>::const_iterator;
+
+  AnyCodableDictionary() = default;
+  /// Like a dictionary literal: when a key is repeated, the first value given for it is kept.
+  AnyCodableDictionary(std::initializer_list<Entry> entries);
+  /// The entries in their order, built in time linear in their number (a decoded document's members); a
+  /// repeated key keeps its first position and takes its last value, as repeated `set` calls would.
+  static AnyCodableDictionary fromEntries(std::vector<Entry>&& entries);
+
+  std::size_t size() const;
+  bool empty() const;
+  const_iterator begin() const;
+  const_iterator end() const;
+
+  /// The value under `key`, or null when the key is absent.
+  const AnyCodable* find(std::string_view key) const;
+  bool contains(std::string_view key) const { return find(key) != nullptr; }
+  /// Sets `key` to `value`; a key already present keeps its position.
+  void set(std::string key, AnyCodable value);
+  /// Adds `key` only when it is absent; answers whether it was added.
+  bool insert(std::string key, AnyCodable value);
+  /// The value under `key`, added as an empty value when absent.
+  AnyCodable& operator[](std::string_view key);
+
+  /// Equal when both hold the same keys with equal values, in any order.
+  friend bool operator==(const AnyCodableDictionary& lhs, const AnyCodableDictionary& rhs);
+
+ private:
+  std::vector<Entry> entries_;
+};
 
 /**
  * A JSON-like value of any kind, for free-form metadata and service answers.
@@ -69,40 +102,7 @@ class AnyCodable {
 
   using Array = std::vector<AnyCodable>;
 
-  /// A map from text keys to values that keeps the order in which keys were first set.
-  class Dictionary {
-   public:
-    using Entry = std::pair<std::string, AnyCodable>;
-    using const_iterator = std::vector<Entry>::const_iterator;
-
-    Dictionary() = default;
-    /// Like a dictionary literal: when a key is repeated, the first value given for it is kept.
-    Dictionary(std::initializer_list<Entry> entries);
-    /// The entries in their order, built in time linear in their number (a decoded document's members); a
-    /// repeated key keeps its first position and takes its last value, as repeated `set` calls would.
-    static Dictionary fromEntries(std::vector<Entry>&& entries);
-
-    std::size_t size() const { return entries_.size(); }
-    bool empty() const { return entries_.empty(); }
-    const_iterator begin() const { return entries_.begin(); }
-    const_iterator end() const { return entries_.end(); }
-
-    /// The value under `key`, or null when the key is absent.
-    const AnyCodable* find(std::string_view key) const;
-    bool contains(std::string_view key) const { return find(key) != nullptr; }
-    /// Sets `key` to `value`; a key already present keeps its position.
-    void set(std::string key, AnyCodable value);
-    /// Adds `key` only when it is absent; answers whether it was added.
-    bool insert(std::string key, AnyCodable value);
-    /// The value under `key`, added as an empty value when absent.
-    AnyCodable& operator[](std::string_view key);
-
-    /// Equal when both hold the same keys with equal values, in any order.
-    friend bool operator==(const Dictionary& lhs, const Dictionary& rhs);
-
-   private:
-    std::vector<Entry> entries_;
-  };
+  using Dictionary = AnyCodableDictionary;
 
   /// The empty kind (JSON null).
   AnyCodable() = default;
@@ -193,6 +193,12 @@ class AnyCodable {
   Kind kind_ = Kind::Empty;
   Storage storage_;
 };
+
+// Defined once AnyCodable is complete: the entries' layout depends on it.
+inline std::size_t AnyCodableDictionary::size() const { return entries_.size(); }
+inline bool AnyCodableDictionary::empty() const { return entries_.empty(); }
+inline AnyCodableDictionary::const_iterator AnyCodableDictionary::begin() const { return entries_.begin(); }
+inline AnyCodableDictionary::const_iterator AnyCodableDictionary::end() const { return entries_.end(); }
 
 /// The encode-only twin of `AnyCodable`: the same kinds, encoding, equality and texts.
 class AnyEncodable {

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "AnyCodable/AnyCodable.hpp"
 #include "ZuFoundation/internal/Posix.hpp"
 
 namespace zu {
@@ -21,15 +22,26 @@ std::optional<std::string_view> cocoaText(long code) {
   }
 }
 
+// Shared by the errors made without user info.
+const std::shared_ptr<const Error::UserInfo>& noUserInfo() {
+  static const auto empty = std::make_shared<const Error::UserInfo>();
+  return empty;
+}
+
 }  // namespace
 
+Error::Error(std::string domain, long code)
+    : domain_(std::move(domain)), code_(code), userInfo_(noUserInfo()) {}
+
 Error::Error(std::string domain, long code, UserInfo userInfo)
-    : domain_(std::move(domain)), code_(code), userInfo_(std::move(userInfo)) {}
+    : domain_(std::move(domain)),
+      code_(code),
+      userInfo_(std::make_shared<const UserInfo>(std::move(userInfo))) {}
 
 Error Error::posix(int errorNumber) { return Error(std::string(posixDomain), errorNumber); }
 
 std::string Error::localizedDescription() const {
-  if (const auto* value = userInfo_.find(localizedDescriptionKey)) {
+  if (const auto* value = userInfo_->find(localizedDescriptionKey)) {
     if (const auto* text = value->stringValue()) return *text;
   }
   if (domain_ == posixDomain) {
@@ -39,6 +51,10 @@ std::string Error::localizedDescription() const {
     if (auto text = cocoaText(code_)) return std::string(*text);
   }
   return std::string(kCouldNotComplete) + " (" + domain_ + " error " + std::to_string(code_) + ".)";
+}
+
+bool operator==(const Error& lhs, const Error& rhs) {
+  return lhs.domain_ == rhs.domain_ && lhs.code_ == rhs.code_ && *lhs.userInfo_ == *rhs.userInfo_;
 }
 
 }  // namespace zu

@@ -1,13 +1,13 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "AnyCodable/AnyCodable.hpp"
-
 namespace zu {
 
+class AnyCodableDictionary;
 class ZuError;
 
 /// The codes of domain "NSCocoaErrorDomain" that the SDK reports, named as on the platform. Compare them with
@@ -28,10 +28,14 @@ struct CocoaError {
  *
  * Domains used by the SDK: "NSPOSIXErrorDomain" (file operations, code = errno), "NSCocoaErrorDomain"
  * (JSON and coding failures), "NSURLErrorDomain" (transport failures) and the networking layer's own.
+ *
+ * The user info is an `AnyCodable::Dictionary`, only declared here so that the foundation does not build on
+ * the JSON values above it: include "AnyCodable/AnyCodable.hpp" to make or read one. Copies of an error
+ * share it.
  */
 class Error {
  public:
-  using UserInfo = AnyCodable::Dictionary;
+  using UserInfo = AnyCodableDictionary;
 
   static constexpr std::string_view posixDomain = "NSPOSIXErrorDomain";
   static constexpr std::string_view cocoaDomain = "NSCocoaErrorDomain";
@@ -40,13 +44,14 @@ class Error {
   static constexpr std::string_view debugDescriptionKey = "NSDebugDescription";
   static constexpr std::string_view codingPathKey = "NSCodingPath";
 
-  Error(std::string domain, long code, UserInfo userInfo = {});
+  Error(std::string domain, long code);
+  Error(std::string domain, long code, UserInfo userInfo);
   /// A file-system error from an `errno` value.
   static Error posix(int errorNumber);
 
   const std::string& domain() const { return domain_; }
   long code() const { return code_; }
-  const UserInfo& userInfo() const { return userInfo_; }
+  const UserInfo& userInfo() const { return *userInfo_; }
 
   /**
    * The text for people: the user info's "NSLocalizedDescription" when it is a string; else the domain's
@@ -58,12 +63,12 @@ class Error {
   /// Defined with `ZuError` (include "ZuNetworking/ZuError.hpp" to call it).
   std::optional<ZuError> zuError() const;
 
-  friend bool operator==(const Error&, const Error&) = default;
+  friend bool operator==(const Error& lhs, const Error& rhs);
 
  private:
   std::string domain_;
   long code_;
-  UserInfo userInfo_;
+  std::shared_ptr<const UserInfo> userInfo_;  // never null
 };
 
 }  // namespace zu

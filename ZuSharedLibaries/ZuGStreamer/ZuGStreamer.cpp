@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "AnyCodable/AnyCodable.hpp"
 #include "ZuFoundation/FatalError.hpp"
 
 namespace zu::detail {

@@ -65,7 +65,7 @@ std::optional<ZuError> Error::zuError() const {
   if (domain_ != ZuError::errorDomain() || code_ < 1000 || code_ > 1004) return std::nullopt;
   const auto kind = static_cast<ZuError::Kind>(code_);
   std::optional<std::string> description;
-  if (const auto* value = userInfo_.find(localizedDescriptionKey); value && value->stringValue()) {
+  if (const auto* value = userInfo().find(localizedDescriptionKey); value && value->stringValue()) {
     description = *value->stringValue();
   }
   // The default text of an empty answer is filled in by errorUserInfo(), not given by the thrower.
@@ -74,7 +74,7 @@ std::optional<ZuError> Error::zuError() const {
   }
   std::optional<int> statusCode;
   if (kind == ZuError::Kind::unsuccesfullHTTPResponseCode) {
-    const auto* value = userInfo_.find(ZuError::statusCodeKey);
+    const auto* value = userInfo().find(ZuError::statusCodeKey);
     statusCode = static_cast<int>(value && value->intValue() ? *value->intValue() : 0);
   }
   return ZuError(kind, std::move(description), statusCode);

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "AnyCodable/AnyCodable.hpp"
 #include "ZuFoundation/Error.hpp"
 
 namespace zu {

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "AnyCodable/AnyCodable.hpp"
 #include "ZuFoundation/Result.hpp"
 
 namespace {

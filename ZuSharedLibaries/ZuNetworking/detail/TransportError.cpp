@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "AnyCodable/AnyCodable.hpp"
+
 namespace zu::detail {
 namespace {
 
