@@ -28,6 +28,12 @@ void DispatchQueue::setMainDispatcher(Dispatcher dispatcher) {
   queue.dispatcher_ = std::move(dispatcher);
 }
 
+bool DispatchQueue::hasMainDispatcher() {
+  DispatchQueue& queue = main();
+  std::lock_guard lock(queue.mutex_);
+  return static_cast<bool>(queue.dispatcher_);
+}
+
 void DispatchQueue::async(Task task) {
   std::unique_lock lock(mutex_);
   if (Dispatcher dispatcher = dispatcher_) {

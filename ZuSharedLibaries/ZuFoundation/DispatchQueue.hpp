@@ -35,6 +35,8 @@ class DispatchQueue {
   static DispatchQueue& main();
   /// Hands every later main-queue task to `dispatcher` (for example the host's GUI thread).
   static void setMainDispatcher(Dispatcher dispatcher);
+  /// Whether a host has installed a dispatcher (screens that must run on the host's UI thread ask).
+  static bool hasMainDispatcher();
 
   const std::string& label() const { return label_; }
   /// Posts `task`; it runs after every task posted before it.

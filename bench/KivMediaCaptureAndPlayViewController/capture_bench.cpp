@@ -24,6 +24,7 @@
 
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/CameraPipeline.hpp"
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/Recorder.hpp"
+#include "KivMediaCaptureAndPlayViewController/qt/QtCapturePlatform.hpp"
 #include "ProcessFigures.hpp"
 #include "support/GstCaptureWidget.hpp"
 
@@ -155,6 +156,7 @@ int main(int argc, char** argv) {
   const auto number = [&](std::size_t at) { return std::stoi(arguments.at(at)); };
   if (arguments.size() == 3 && arguments[0] == "reference") return reference(number(1), arguments[2]);
   QApplication application(argc, argv);
+  zu::installQtMainDispatcher();
   if (arguments.size() == 2 && arguments[0] == "photo") return photos(number(1));
   if (arguments.size() == 3 && arguments[0] == "record") return record(number(1), arguments[2]);
   if (arguments.size() == 3 && arguments[0] == "playback") return playbacks(number(1), arguments[2]);

@@ -31,6 +31,7 @@ class Host final : public zu::KivMediaCaptureAndPlayViewControllerDelegate {
 // links.
 int main(int argc, char** argv) {
   QApplication application(argc, argv);
+  zu::installQtMainDispatcher();
   Host host;
   const zu::GstCaptureDevice synthetic({.synthetic = true});
   auto screen = std::make_unique<zu::KivMediaCaptureAndPlayViewController>(

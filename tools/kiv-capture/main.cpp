@@ -126,6 +126,7 @@ int run(int argc, char** argv, const Options& options) {
   }
 
   QApplication application(argc, argv);
+  zu::installQtMainDispatcher();
   Host host(options);
   auto camera =
       std::make_shared<zu::GstCaptureDevice>(zu::GstCaptureDevice::Settings{.synthetic = options.synthetic});

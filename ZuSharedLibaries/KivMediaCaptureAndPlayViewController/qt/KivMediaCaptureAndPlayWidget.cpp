@@ -9,6 +9,8 @@
 
 #include "KivMediaCaptureAndPlayViewController/qt/QtCapturePlatform.hpp"
 #include "KivMediaCaptureAndPlayViewController/qt/detail/ControlWidgets.hpp"
+#include "ZuFoundation/DispatchQueue.hpp"
+#include "ZuFoundation/FatalError.hpp"
 
 // Resources compiled into a static library register only when asked to (outside any namespace).
 static void initialiseCaptureAssets() { Q_INIT_RESOURCE(KivCaptureAssets); }
@@ -47,8 +49,13 @@ QString labelStyleSheet(const Label& label) {
 KivMediaCaptureAndPlayWidget::KivMediaCaptureAndPlayWidget(std::unique_ptr<Controller> controller,
                                                            QWidget* parent)
     : QWidget(parent), controller_(std::move(controller)) {
+  // Without it the screen's main-queue work would touch these widgets from another thread.
+  if (!DispatchQueue::hasMainDispatcher()) {
+    fatalError(
+        "The capture screen needs the main queue on the GUI thread: call zu::installQtMainDispatcher() "
+        "once, after making the QApplication");
+  }
   initialiseCaptureAssets();
-  installQtMainDispatcher();
   setWindowTitle(QStringLiteral("Capture"));
   setMinimumSize(360, 360);
   grabGesture(Qt::PinchGesture);

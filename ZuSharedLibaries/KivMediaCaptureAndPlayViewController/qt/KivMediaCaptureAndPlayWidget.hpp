@@ -21,10 +21,13 @@ class SegmentedControlWidget;
 /**
  * The capture screen on Qt 6 Widgets: a full-screen widget that mirrors its screen's view model and passes
  * presses, segment picks, pinches and Ctrl+wheel zoom back to it. It owns the screen, loads it when made,
- * and tells it when it appears and disappears. It installs the main-queue dispatcher that runs main-queue
- * tasks on the Qt GUI thread.
+ * and tells it when it appears and disappears. The application installs the main-queue dispatcher that
+ * runs main-queue tasks on the Qt GUI thread before it makes the first screen; a screen made without one
+ * stops the program.
  *
  * @code
+ * QApplication application(argc, argv);
+ * zu::installQtMainDispatcher();
  * auto platform = zu::qtCapturePlatform(camera, player);
  * auto screen = std::make_unique<zu::KivMediaCaptureAndPlayViewController>(host, folder, std::nullopt, false,
  *                                                                          platform);

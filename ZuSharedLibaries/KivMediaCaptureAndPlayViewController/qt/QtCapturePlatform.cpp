@@ -115,7 +115,6 @@ void installQtMainDispatcher() {
 
 CapturePlatform qtCapturePlatform(std::shared_ptr<CaptureDevice> device,
                                   std::shared_ptr<MediaPlayer> player) {
-  installQtMainDispatcher();
   return {.captureDevice = std::move(device),
           .player = std::move(player),
           .timerSource = std::make_shared<QtTimerSource>(),

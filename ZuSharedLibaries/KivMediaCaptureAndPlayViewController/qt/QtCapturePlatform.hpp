@@ -27,13 +27,14 @@ class QtTimerSource final : public TimerSource {
 };
 
 /**
- * Makes `zu::DispatchQueue::main()` hand its tasks to the Qt GUI thread's event loop. Idempotent; needs a
- * `QCoreApplication`.
+ * Makes `zu::DispatchQueue::main()` hand its tasks to the Qt GUI thread's event loop. An application calls it
+ * once, after making its `QApplication` and before its first capture screen; later calls change nothing.
  */
 void installQtMainDispatcher();
 
 /// A capture platform for a Qt application: `device` and `player`, Qt timers, Qt image decoding, the main
-/// queue on the GUI thread (installed here) and a session queue of the screen's own.
+/// queue (on the GUI thread once the application has installed its dispatcher) and a session queue of the
+/// screen's own.
 CapturePlatform qtCapturePlatform(std::shared_ptr<CaptureDevice> device, std::shared_ptr<MediaPlayer> player);
 
 }  // namespace zu

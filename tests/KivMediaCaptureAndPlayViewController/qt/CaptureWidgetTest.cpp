@@ -11,6 +11,7 @@
 #include "KivMediaCaptureAndPlayViewController/fake/FakeCaptureDevice.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/FakeMediaPlayer.hpp"
 #include "KivMediaCaptureAndPlayViewController/fake/TestPattern.hpp"
+#include "ZuFoundation/DispatchQueue.hpp"
 #include "support/CaptureTestSupport.hpp"
 #include "support/CaptureWidgetHarness.hpp"
 
@@ -227,6 +228,17 @@ TEST(CaptureWidget, ControlWheelZoomsAndThePanelAnimatesToItsHeight) {
 
   screen.click("mainControlButton");
   EXPECT_TRUE(screen.waitUntil([&] { return screen.widget->bottomPanelHeight() == 100; }));
+}
+
+// A host that forgot the dispatcher would have the screen's main-queue work touch widgets off the GUI thread.
+TEST(CaptureWidget, StopsAtOnceWithoutTheMainQueueOnTheGuiThread) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        zu::DispatchQueue::setMainDispatcher(nullptr);
+        const CaptureWidget screen({});
+      },
+      "call zu::installQtMainDispatcher\\(\\) once, after making the QApplication");
 }
 
 }  // namespace

@@ -42,7 +42,6 @@ TEST(QtCapturePlatform, ImagesConvertBothWaysAndTurnUpright) {
 }
 
 TEST(QtCapturePlatform, MainQueueTasksRunOnTheGuiThread) {
-  zu::installQtMainDispatcher();
   std::atomic<bool> ran = false;
   std::atomic<bool> onGuiThread = false;
   std::thread poster([&] {
