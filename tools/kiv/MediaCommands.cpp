@@ -25,12 +25,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct AddOptions {
-  std::string report;
-  std::vector<std::string> files;
-  bool move = false;
-};
-
 /// A media file on its way into the media folder.
 struct Import {
   fs::path source;
@@ -114,6 +108,8 @@ void undo(const Import& import, bool move) {
   }
 }
 
+}  // namespace
+
 void addFiles(const Context& context, const AddOptions& options) {
   const ReportStore store = ReportStore::load();
   kiv::KivReport report = store.find(options.report);
@@ -148,6 +144,8 @@ void addFiles(const Context& context, const AddOptions& options) {
 
 // ---- verify ----
 
+namespace {
+
 /// What became of one file since its digest was recorded.
 std::string fileVerdict(const kiv::KivFile& file) {
   if (!file.hasLocalFile()) return "missing";
@@ -156,6 +154,8 @@ std::string fileVerdict(const kiv::KivFile& file) {
   fresh.hash.reset();
   return fresh.withCalculatedHash().hash == file.hash ? "ok" : "changed";
 }
+
+}  // namespace
 
 void verifyReport(const Context& context, const std::string& selector) {
   const ReportStore store = ReportStore::load();
@@ -196,25 +196,6 @@ void verifyReport(const Context& context, const std::string& selector) {
     for (const std::string& problem : problems) summary += (summary.empty() ? "" : "; ") + problem;
     fail("verification of " + report.name + " failed: " + summary);
   }
-}
-
-}  // namespace
-
-void addMediaCommands(CLI::App& app, Context& context) {
-  auto add = std::make_shared<AddOptions>();
-  CLI::App* adding =
-      addCommand(app, context, "add", "Copy media files into a report, named by capture time, and hash them",
-                 [&context, add] { addFiles(context, *add); });
-  addReportArgument(*adding, add->report);
-  adding->add_option("FILE", add->files, "Photos and videos to add")->required();
-  adding->add_flag("--move", add->move, "Move the files instead of copying them");
-
-  auto selector = std::make_shared<std::string>();
-  addReportArgument(
-      *addCommand(app, context, "verify",
-                  "Hash every file again and compare with the recorded digests and the service's status",
-                  [&context, selector] { verifyReport(context, *selector); }),
-      *selector);
 }
 
 }  // namespace kivcli

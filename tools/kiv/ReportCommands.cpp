@@ -15,13 +15,6 @@
 namespace kivcli {
 namespace {
 
-struct NewReport {
-  std::string name;
-  std::string note;
-  std::string email;
-  std::vector<std::string> metadata;
-};
-
 zu::AnyCodable::Dictionary metadataFrom(const std::vector<std::string>& pairs) {
   zu::AnyCodable::Dictionary metadata;
   for (const std::string& pair : pairs) {
@@ -32,7 +25,9 @@ zu::AnyCodable::Dictionary metadataFrom(const std::vector<std::string>& pairs) {
   return metadata;
 }
 
-void createReport(const Context& context, const NewReport& options) {
+}  // namespace
+
+void createReport(const Context& context, const NewReportOptions& options) {
   // The name also names the certificate's file, so it must be one plain file name.
   if (!zu::ZuFileManager::isPlainPathComponent(options.name)) {
     reject("a report name cannot be empty, \".\" or \"..\", or contain \"/\": \"" + options.name + "\"");
@@ -75,6 +70,8 @@ void showReport(const Context& context, const std::string& selector) {
   context.print(reportDocument(report), reportText(report));
 }
 
+namespace {
+
 /// The report's media and certificate, leaving out what another report also uses.
 std::vector<zu::URL> ownedFiles(const kiv::KivReport& report, const std::vector<kiv::KivReport>& all) {
   std::set<std::string> shared;
@@ -91,6 +88,8 @@ std::vector<zu::URL> ownedFiles(const kiv::KivReport& report, const std::vector<
   if (report.hasLocalPDF() && !pdfShared) owned.push_back(report.pdfURL());
   return owned;
 }
+
+}  // namespace
 
 void removeReport(const Context& context, const std::string& selector) {
   const ReportStore store = ReportStore::load();
@@ -110,32 +109,6 @@ void removeReport(const Context& context, const std::string& selector) {
   if (!problems.empty()) fail("removed report " + report.name + " but not all of its files" + problems);
   context.print({{"removed", reportSummary(report)}, {"deletedFiles", std::move(removed)}},
                 "removed " + report.name + " and " + std::to_string(files.size()) + " file(s)");
-}
-
-}  // namespace
-
-void addReportCommands(CLI::App& app, Context& context) {
-  CLI::App* report = app.add_subcommand("report", "Create, list, show and remove the reports on this device");
-  report->require_subcommand(1);
-
-  auto created = std::make_shared<NewReport>();
-  CLI::App* make = addCommand(*report, context, "new", "Create a report and print its id",
-                              [&context, created] { createReport(context, *created); });
-  make->add_option("NAME", created->name, "The report's title")->required();
-  make->add_option("--note", created->note, "A note kept with the report");
-  make->add_option("--email", created->email, "Where the service sends the certificate");
-  make->add_option("--meta", created->metadata, "Metadata, key=value (repeatable)");
-
-  addCommand(*report, context, "list", "List the reports: id, name, files, status, slug",
-             [&context] { listReports(context); });
-
-  auto selector = std::make_shared<std::string>();
-  addReportArgument(*addCommand(*report, context, "show", "Show a report and its files",
-                                [&context, selector] { showReport(context, *selector); }),
-                    *selector);
-  addReportArgument(*addCommand(*report, context, "rm", "Remove a report with its media and certificate",
-                                [&context, selector] { removeReport(context, *selector); }),
-                    *selector);
 }
 
 }  // namespace kivcli

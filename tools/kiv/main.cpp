@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <iostream>
+#include <string>
 
 #include <CLI/CLI.hpp>
 
@@ -11,7 +13,9 @@
 #include "Context.hpp"
 
 namespace kivcli {
+namespace {
 
+/// Adds the subcommand `name` to `parent`; `body` runs when it is chosen, after the context is applied.
 CLI::App* addCommand(CLI::App& parent, Context& context, const std::string& name,
                      const std::string& description, std::function<void()> body) {
   CLI::App* command = parent.add_subcommand(name, description);
@@ -22,11 +26,10 @@ CLI::App* addCommand(CLI::App& parent, Context& context, const std::string& name
   return command;
 }
 
+/// Adds the required argument REPORT (see `ReportStore::find`), stored in `selector`.
 void addReportArgument(CLI::App& command, std::string& selector) {
   command.add_option("REPORT", selector, "Id, id prefix, slug or name")->required();
 }
-
-namespace {
 
 void addGlobalOptions(CLI::App& app, Context& context) {
   app.add_flag("--json", context.json, "Print one JSON document on standard output, for scripts");
@@ -46,50 +49,150 @@ void addGlobalOptions(CLI::App& app, Context& context) {
       ->capture_default_str();
 }
 
-}  // namespace
-}  // namespace kivcli
+/// What the commands read from the command line; CLI11 fills it while it parses.
+struct Options {
+  Context context;
+  std::string report;  ///< the REPORT of report show, report rm and verify
+  NewReportOptions newReport;
+  AddOptions add;
+  ReportOptions service;
+  NewsletterOptions newsletter;
+  TransferOptions transfer;
+};
 
-namespace {
+void addReportCommands(CLI::App& app, Options& options) {
+  Context& context = options.context;
+  CLI::App* report = app.add_subcommand("report", "Create, list, show and remove the reports on this device");
+  report->require_subcommand(1);
+
+  NewReportOptions& created = options.newReport;
+  CLI::App* make = addCommand(*report, context, "new", "Create a report and print its id",
+                              [&context, &created] { createReport(context, created); });
+  make->add_option("NAME", created.name, "The report's title")->required();
+  make->add_option("--note", created.note, "A note kept with the report");
+  make->add_option("--email", created.email, "Where the service sends the certificate");
+  make->add_option("--meta", created.metadata, "Metadata, key=value (repeatable)");
+
+  addCommand(*report, context, "list", "List the reports: id, name, files, status, slug",
+             [&context] { listReports(context); });
+
+  std::string& selector = options.report;
+  addReportArgument(*addCommand(*report, context, "show", "Show a report and its files",
+                                [&context, &selector] { showReport(context, selector); }),
+                    selector);
+  addReportArgument(*addCommand(*report, context, "rm", "Remove a report with its media and certificate",
+                                [&context, &selector] { removeReport(context, selector); }),
+                    selector);
+}
+
+void addMediaCommands(CLI::App& app, Options& options) {
+  Context& context = options.context;
+  AddOptions& add = options.add;
+  CLI::App* adding =
+      addCommand(app, context, "add", "Copy media files into a report, named by capture time, and hash them",
+                 [&context, &add] { addFiles(context, add); });
+  addReportArgument(*adding, add.report);
+  adding->add_option("FILE", add.files, "Photos and videos to add")->required();
+  adding->add_flag("--move", add.move, "Move the files instead of copying them");
+
+  std::string& selector = options.report;
+  addReportArgument(
+      *addCommand(app, context, "verify",
+                  "Hash every file again and compare with the recorded digests and the service's status",
+                  [&context, &selector] { verifyReport(context, selector); }),
+      selector);
+}
+
+void addServiceCommands(CLI::App& app, Options& options) {
+  Context& context = options.context;
+  ReportOptions& report = options.service;
+  const auto withReport = [&](const std::string& name, const std::string& description, auto body) {
+    CLI::App* command =
+        addCommand(app, context, name, description, [&context, &report, body] { body(context, report); });
+    addReportArgument(*command, report.report);
+    return command;
+  };
+  withReport("send", "Submit the report to the service (create or update it) and keep its slugs", sendReport)
+      ->add_option("--lang", report.language, "The language of the service's answers")
+      ->capture_default_str();
+  CLI::App* status = withReport("status", "Fetch the report's proof status", reportStatus);
+  status->add_flag("--force", report.force, "Have the service check the content again");
+  status->add_option("--wait", report.wait, "Poll for up to this many seconds until confirmed or failed")
+      ->check(CLI::NonNegativeNumber);
+  withReport("pdf", "Download the report's certificate and print its path", fetchCertificate)
+      ->add_option("--lang", report.language, "The certificate's language")
+      ->capture_default_str();
+
+  NewsletterOptions& newsletter = options.newsletter;
+  CLI::App* subscribe = addCommand(app, context, "newsletter", "Register the user's newsletter subscriptions",
+                                   [&context, &newsletter] { updateNewsletters(context, newsletter); });
+  subscribe->add_option("--email", newsletter.email, "The user's e-mail address")->required();
+  subscribe->add_option("--phone", newsletter.phone, "The user's phone number");
+  subscribe->add_option("--list", newsletter.lists, "NAME=on or NAME=off (repeatable)")->required();
+  subscribe->add_option("--lang", newsletter.language, "The language of the service's answers")
+      ->capture_default_str();
+}
+
+void addTransferCommands(CLI::App& app, Options& options) {
+  Context& context = options.context;
+  TransferOptions& transfer = options.transfer;
+  CLI::App* upload =
+      addCommand(app, context, "upload", "Upload the content of every file not on the service yet",
+                 [&context, &transfer] { uploadFiles(context, transfer); });
+  addReportArgument(*upload, transfer.report);
+  upload->add_flag("--force", transfer.force, "Try again now, even within 30 minutes of the last attempt");
+
+  addReportArgument(
+      *addCommand(app, context, "download", "Download the content of every file missing on this device",
+                  [&context, &transfer] { downloadFiles(context, transfer); }),
+      transfer.report);
+}
+
+/// The whole command line: the global options, then every command with its own.
+void defineCommandLine(CLI::App& app, Options& options) {
+  app.fallthrough();
+  app.require_subcommand(1);
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return std::string(error.what()) + "; kiv --help shows the commands and options\n";
+  });
+  app.footer(
+      "REPORT is a report's id, a unique prefix of it, its slug or its exact name.\n"
+      "Exit codes: 0 success, 1 the operation failed, 2 usage error.");
+  addGlobalOptions(app, options.context);
+  addReportCommands(app, options);
+  addMediaCommands(app, options);
+  addServiceCommands(app, options);
+  addTransferCommands(app, options);
+}
 
 int run(int argc, char** argv) {
-  kivcli::Context context;
+  Options options;
   CLI::App app("kiv: capture evidence into reports, certify them with the service, fetch certificates");
   try {
-    app.fallthrough();
-    app.require_subcommand(1);
-    app.failure_message([](const CLI::App*, const CLI::Error& error) {
-      return std::string(error.what()) + "; kiv --help shows the commands and options\n";
-    });
-    app.footer(
-        "REPORT is a report's id, a unique prefix of it, its slug or its exact name.\n"
-        "Exit codes: 0 success, 1 the operation failed, 2 usage error.");
-    kivcli::addGlobalOptions(app, context);
-    kivcli::addReportCommands(app, context);
-    kivcli::addMediaCommands(app, context);
-    kivcli::addServiceCommands(app, context);
-    kivcli::addTransferCommands(app, context);
+    defineCommandLine(app, options);
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);
     std::cerr << "kiv: ";
     app.exit(error);
-    return kivcli::ExitCode::usage;
-  } catch (const kivcli::CommandError& error) {
+    return ExitCode::usage;
+  } catch (const CommandError& error) {
     std::cerr << "kiv: " << error.what() << std::endl;
     // Operations may still be running on the SDK's threads: leave without waiting for them.
     std::_Exit(error.exitCode());
   } catch (const std::exception& error) {
     std::cerr << "kiv: " << error.what() << std::endl;
-    std::_Exit(kivcli::ExitCode::failed);
+    std::_Exit(ExitCode::failed);
   }
-  return kivcli::ExitCode::success;
+  return ExitCode::success;
 }
 
 }  // namespace
+}  // namespace kivcli
 
 int main(int argc, char** argv) {
   try {
-    return run(argc, argv);
+    return kivcli::run(argc, argv);
   } catch (...) {
     return kivcli::ExitCode::failed;  // the program's set-up failed before a line could be written
   }
