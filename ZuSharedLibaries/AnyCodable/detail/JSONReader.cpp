@@ -14,11 +14,11 @@
 #include <utility>
 #include <vector>
 
-// The reader is our own rather than a library's tree. Building a library's document and then copying it
-// into `AnyCodable` cost three times the work of building the values while reading (the tree, the copy and
-// freeing the tree); a SIMD parser reads its tape faster but leaves the same copy, adds a shared library
-// to every host's link, and decides itself how large integers, lone surrogates and overflowing numbers
-// read. Here the bytes become values once, and those rules are ours to keep.
+// Why a reader of our own: on a typical report answer (655 KB, 2,000 files), with a warm heap, building a
+// library's tree and copying it into `AnyCodable` took 9 ms; this reader takes 0.9 ms. A SIMD parser's tape
+// plus the same copy took 0.7 ms, but the values' allocations cost the same either way, it refuses the
+// integers past 64 bits that we read as doubles (a second reader would be needed), and it comes as a shared
+// library that every host of this static SDK would then have to link.
 
 namespace zu::detail {
 namespace {
@@ -81,9 +81,11 @@ bool isAtLeastOne(std::string_view text) {
   const bool negativeExponent = exponent.front() == '-';
   if (exponent.front() == '-' || exponent.front() == '+') exponent.remove_prefix(1);
   // Past this, no mantissa a document can hold moves the first digit back across the units place.
-  constexpr long long kSaturated = 1LL << 60;
+  constexpr long long kSaturated = 1LL << 50;
   long long magnitude = 0;
-  for (char digit : exponent) magnitude = std::min(kSaturated, magnitude * 10 + (digit - '0'));
+  for (char digit : exponent) {
+    if (magnitude < kSaturated) magnitude = magnitude * 10 + (digit - '0');
+  }
   power += negativeExponent ? -magnitude : magnitude;
   return power >= 0;
 }
@@ -126,7 +128,7 @@ class Reader {
       : begin_(text.data()), at_(text.data()), end_(text.data() + text.size()), maximumDepth_(maximumDepth) {}
 
   AnyCodable document() {
-    skipByteOrderMark();
+    skipPastText("\xEF\xBB\xBF");  // a UTF-8 byte order mark
     AnyCodable value = readValue(0);
     skipWhitespace();
     if (at_ != end_) fail("Garbage at end");
@@ -372,10 +374,7 @@ class Reader {
   }
 
   AnyCodable readLiteral(std::string_view word, AnyCodable value) {
-    if (static_cast<std::size_t>(end_ - at_) < word.size() || !std::equal(word.begin(), word.end(), at_)) {
-      fail("Invalid value");
-    }
-    at_ += word.size();
+    if (!skipPastText(word)) fail("Invalid value");
     return value;
   }
 
@@ -383,12 +382,14 @@ class Reader {
     while (at_ != end_ && (*at_ == ' ' || *at_ == '\n' || *at_ == '\r' || *at_ == '\t')) ++at_;
   }
 
-  void skipByteOrderMark() {
-    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-    if (static_cast<std::size_t>(end_ - at_) >= kByteOrderMark.size() &&
-        std::equal(kByteOrderMark.begin(), kByteOrderMark.end(), at_)) {
-      at_ += kByteOrderMark.size();
+  // Skips `text` when the bytes under the cursor spell it.
+  bool skipPastText(std::string_view text) {
+    if (static_cast<std::size_t>(end_ - at_) < text.size() ||
+        std::memcmp(at_, text.data(), text.size()) != 0) {
+      return false;
     }
+    at_ += text.size();
+    return true;
   }
 
   bool skipPastByte(char byte) {
