@@ -165,8 +165,7 @@ class Reader {
     const std::size_t first = elements_.size();
     if (!skipPast(']')) {
       do {
-        AnyCodable element = readValue(depth);
-        elements_.push_back(std::move(element));
+        elements_.push_back(readValue(depth));
       } while (skipPast(','));
       expect(']', "Expected ',' or ']' after an array element");
     }
@@ -182,8 +181,7 @@ class Reader {
         if (at_ == end_ || *at_ != '"') fail("Expected a string key");
         std::string key = readString();
         expect(':', "Expected ':' after a dictionary key");
-        AnyCodable value = readValue(depth);
-        members_.emplace_back(std::move(key), std::move(value));
+        members_.emplace_back(std::move(key), readValue(depth));
       } while (skipPast(','));
       expect('}', "Expected ',' or '}' after a dictionary value");
     }
@@ -216,7 +214,7 @@ class Reader {
       for (; end_ - at_ >= 8; at_ += 8) {
         if (const std::uint64_t special = specialBytes(at_)) {
           at_ += std::countr_zero(special) / 8;
-          return {reinterpret_cast<const char*>(run), static_cast<std::size_t>(at_ - run)};
+          break;
         }
       }
     }
