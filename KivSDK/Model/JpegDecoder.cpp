@@ -3,6 +3,8 @@
 // benchmark measures both).
 #include "KivSDK/Model/detail/JpegDecoder.hpp"
 
+#include "ZuImage/detail/PixelBuffer.hpp"
+
 // jpeglib.h needs FILE and size_t declared before it.
 #include <csetjmp>
 #include <cstddef>
@@ -137,7 +139,7 @@ bool decompress(jpeg_decompress_struct& info, ErrorHandling& errors, const zu::D
   info.scale_denom = 8;
   jpeg_start_decompress(&info);
   const std::size_t rowBytes = static_cast<std::size_t>(info.output_width) * 4;
-  pixels.resize(rowBytes * info.output_height);
+  pixels = zu::detail::pixelBuffer(rowBytes * info.output_height);
   while (info.output_scanline < info.output_height) {
     JSAMPROW row = pixels.data() + rowBytes * info.output_scanline;
     jpeg_read_scanlines(&info, &row, 1);
