@@ -12,11 +12,11 @@ constexpr std::size_t kHugePage = std::size_t{2} << 20;
 /// Asks for huge pages behind the whole pages of `bytes` bytes at `start`, none of them touched yet. Only
 /// advice: without transparent huge pages the buffer fills page by page, as any other.
 void adviseHugePages(std::uint8_t* start, std::size_t bytes) {
-  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-  const auto first = (reinterpret_cast<std::uintptr_t>(start) + page - 1) / page * page;
-  const auto end = reinterpret_cast<std::uintptr_t>(start) + bytes;
-  if (end <= first) return;
-  static_cast<void>(::madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE));
+  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  const std::size_t intoPage = reinterpret_cast<std::uintptr_t>(start) % page;
+  const std::size_t skipped = intoPage == 0 ? 0 : page - intoPage;
+  if (bytes <= skipped) return;
+  static_cast<void>(::madvise(start + skipped, bytes - skipped, MADV_HUGEPAGE));
 }
 
 }  // namespace

@@ -59,7 +59,7 @@ KivFile mp4Video(const std::string& name, const std::string& pattern = "blue") {
 
 /// An MP4 file of AAC sound, with pictures of `pattern` when `pattern` is given.
 KivFile mp4WithSound(const std::string& name, std::optional<std::string> pattern) {
-  const KivFile file(name, "mp4", zu::Date(0));
+  KivFile file(name, "mp4", zu::Date(0));
   std::string description =
       "audiotestsrc num-buffers=20 ! avenc_aac ! mp4mux name=mux ! filesink location=\"" +
       file.fileURL().path() + "\"";
