@@ -68,13 +68,18 @@ class KivModel {
   /**
    * The size a preview is shown at: the length, in points, of its longer side; `Const::defaultPreviewSize`
    * (320) until the host sets another. Photos and video frames whose longer side has more pixels than this
-   * size on the main screen (times `zu::Screen::mainScale()`) are decoded smaller, and their previews are
-   * reduced images (`zu::Image::isReduced`): JPEG photos at the fewest eighths of their size that still
-   * cover it, which saves most of the decoding, other pictures at exactly that size. A host that shows a
-   * picture bigger, a photo on a screen of its own, asks the preview for `atFullSize()`, which decodes the
-   * file again at full size and is not kept.
+   * size on the main screen (times `zu::Screen::mainScale()`, at least one pixel) are decoded smaller, and
+   * their previews are reduced images (`zu::Image::isReduced`): JPEG photos at the fewest eighths of their
+   * size that still cover it (libjpeg leaves out the finer detail as it decodes), other pictures at exactly
+   * that size. A host that shows a picture bigger, a photo on a screen of its own, asks the preview for
+   * `atFullSize()`, which decodes the file again at full size and is not kept.
    *
    * Set it once, at start-up with the screen's scale: previews already made keep the size they were made at.
+   *
+   * @code
+   * zu::Screen::setMainScale(2);
+   * kiv::KivModel::setPreviewSize(160);  // thumbnails of 320 pixels
+   * @endcode
    */
   static double previewSize();
   static void setPreviewSize(double points);

@@ -24,6 +24,8 @@ constexpr const char* kPictures = "pictures";
 struct Size {
   int width = 0;
   int height = 0;
+
+  bool operator==(const Size&) const = default;
 };
 
 /// The size a picture of `full` size is decoded at to show `longerSide` pixels on its longer side: its
@@ -37,20 +39,24 @@ Size shownSize(Size full, std::optional<int> longerSide) {
   return {.width = shown(full.width), .height = shown(full.height)};
 }
 
-/// What the decoder's streaming threads share with the decoding call. `full` is written before the
-/// picture stream is linked and read once the pipeline has prerolled.
+/// What the decoder's streaming threads share with the decoding call. The sizes are written before the
+/// picture stream is linked and read once the pipeline has stopped.
 struct Decoding {
   GstElement* pipeline = nullptr;
   std::optional<int> longerSide;
   std::atomic<bool> hasPictureStream = false;
   Size full;
+  Size shown;
+
+  bool reduced() const { return shown != full; }
 };
 
-/// The pixels' caps for a picture of `shown` size: RGBA, and the size when it is not the full one.
-std::string pictureCaps(Size shown, Size full) {
+/// The pixels' caps: RGBA, and the size when the picture is reduced.
+std::string pictureCaps(const Decoding& decoding) {
   std::string caps = "video/x-raw,format=RGBA";
-  if (shown.width == full.width && shown.height == full.height) return caps;
-  return caps + ",width=" + std::to_string(shown.width) + ",height=" + std::to_string(shown.height);
+  if (!decoding.reduced()) return caps;
+  return caps + ",width=" + std::to_string(decoding.shown.width) +
+         ",height=" + std::to_string(decoding.shown.height);
 }
 
 /// Sends the first picture stream that `decodebin` finds to the pictures sink, as RGBA at the size shown;
@@ -65,9 +71,9 @@ void linkPictureStream(GstElement* /*decoder*/, GstPad* pad, gpointer data) {
   if (!mediaType.starts_with("video/") || decoding.hasPictureStream.exchange(true)) return;
   gst_structure_get_int(format, "width", &decoding.full.width);
   gst_structure_get_int(format, "height", &decoding.full.height);
-  auto bin = parseBin("videoconvertscale name=input ! " +
-                      pictureCaps(shownSize(decoding.full, decoding.longerSide), decoding.full) +
-                      " ! appsink name=" + kPictures);
+  decoding.shown = shownSize(decoding.full, decoding.longerSide);
+  auto bin =
+      parseBin("videoconvertscale name=input ! " + pictureCaps(decoding) + " ! appsink name=" + kPictures);
   if (!bin) return;  // without a sink nothing prerolls: the stream fails on the bus
   GstPad* input = exposePad(bin->get(), childByName(bin->get(), "input").get(), "sink", "sink");
   gst_bin_add(GST_BIN(decoding.pipeline), bin->get());
@@ -111,7 +117,7 @@ Result<Image> prerolledPicture(GstElement* pipeline) {
 /// A picture decoded smaller than its full size is reduced from it, which `decodeFullSize` decodes.
 Result<Image> firstPicture(GstElement* pipeline, std::optional<int> longerSide,
                            Image::FullSizeDecoder decodeFullSize) {
-  Decoding decoding{.pipeline = pipeline, .longerSide = longerSide, .full = {}};
+  Decoding decoding{.pipeline = pipeline, .longerSide = longerSide, .full = {}, .shown = {}};
   const GstElementHandle decoder = childByName(pipeline, "decoder");
   g_signal_connect(decoder.get(), "pad-added", G_CALLBACK(&linkPictureStream), &decoding);
   g_signal_connect(decoder.get(), "autoplug-continue", G_CALLBACK(&decodesStream), nullptr);
@@ -125,9 +131,7 @@ Result<Image> firstPicture(GstElement* pipeline, std::optional<int> longerSide,
   Result<Image> picture =
       failed ? Result<Image>(errorFromMessage(outcome.get())) : prerolledPicture(pipeline);
   static_cast<void>(gst_element_set_state(pipeline, GST_STATE_NULL));
-  if (!picture || (picture->width() == decoding.full.width && picture->height() == decoding.full.height)) {
-    return picture;
-  }
+  if (!picture || !decoding.reduced()) return picture;
   return picture->reducedFrom(decoding.full.width, decoding.full.height, std::move(decodeFullSize));
 }
 
