@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -19,6 +20,7 @@
 #include "ZuNetworking/ZuNetworking.hpp"
 #include "support/Completions.hpp"
 #include "support/LoopbackServer.hpp"
+#include "support/RequestRecorder.hpp"
 #include "support/ScopedEnvironment.hpp"
 
 namespace {
@@ -332,6 +334,36 @@ TEST(ZuNetworkingIntegration, SendsJSONQueriesAndJudgesStatusesOverTLS) {
   networking->sendRequest(url("/garbage"), "GET", {}, std::nullopt, false, garbage.completion());
   ASSERT_TRUE(garbage.calls.waitFor(1));
   EXPECT_EQ(garbage.error->code(), zu::CocoaError::propertyListReadCorrupt);
+}
+
+TEST(ZuNetworkingIntegration, AHeaderWithAnEmptyValueGoesOnTheWireWithTheEmptyValue) {
+  zutest::RequestRecorder recorder;
+  const auto target = *zu::URL::fromString(recorder.url("/certificate"));
+  const zu::ZuNetworking::Headers emptyLanguage{{"Accept-Language", ""}};
+  const auto file = zu::URL::fileURLWithPath(makeFile("typeless.bin", 100'000));
+  auto networking = std::make_shared<zu::ZuNetworking>(std::nullopt, "Tests.EmptyHeader");
+  CallCounter calls;
+  const auto counted = [&calls](auto, auto) { calls.called(); };
+  // Every way a request leaves, one after another: the recorder serves one connection at a time.
+  const std::vector<std::pair<std::string, std::function<void()>>> carriers{
+      {"POST", [&] { networking->sendRequest(target, "POST", emptyLanguage, std::nullopt, false, counted); }},
+      {"GET", [&] { networking->sendRequest(target, "GET", emptyLanguage, std::nullopt, false, counted); }},
+      {"download", [&] { networking->downloadRequest(target, false, "POST", emptyLanguage, counted); }},
+      {"background download",
+       [&] { networking->downloadRequest(target, true, "POST", emptyLanguage, counted); }},
+      {"background upload", [&] { networking->uploadRequest(target, true, "PUT", "", {}, file, counted); }},
+  };
+  for (std::size_t i = 0; i < carriers.size(); ++i) {
+    carriers[i].second();
+    ASSERT_TRUE(calls.waitFor(static_cast<int>(i + 1))) << carriers[i].first;
+  }
+  const auto heads = recorder.heads();
+  ASSERT_EQ(heads.size(), carriers.size());
+  for (std::size_t i = 0; i < carriers.size(); ++i) {
+    // The upload is given no extra header but an empty content type, which travels the same way.
+    const std::string line = i + 1 < carriers.size() ? "\r\nAccept-Language:\r\n" : "\r\nContent-Type:\r\n";
+    EXPECT_NE(heads[i].find(line), std::string::npos) << carriers[i].first << ":\n" << heads[i];
+  }
 }
 
 TEST(ZuNetworkingIntegration, ForegroundUploadStreamsTheFileAndMissingFilesFail) {

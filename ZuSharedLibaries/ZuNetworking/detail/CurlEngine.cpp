@@ -268,6 +268,12 @@ void setMethodAndBody(Transfer& transfer, const URLRequest& request) {
   }
 }
 
+// curl leaves out a header written "Name:" with nothing after it (that form removes a header of its own), so
+// an empty value is written "Name;", which curl sends as the header with the empty value.
+std::string headerLine(const std::string& name, const std::string& value) {
+  return value.empty() ? name + ";" : name + ": " + value;
+}
+
 CurlSlist headerList(const URLRequest& request, bool withContentType) {
   curl_slist* list = nullptr;
   auto append = [&](const std::string& line) {
@@ -276,8 +282,7 @@ CurlSlist headerList(const URLRequest& request, bool withContentType) {
     list = longer;
   };
   for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
-    if (withContentType || ::strcasecmp(name.c_str(), "Content-Type") != 0)
-      append(std::string(name).append(": ").append(value));
+    if (withContentType || ::strcasecmp(name.c_str(), "Content-Type") != 0) append(headerLine(name, value));
   }
   // No "Expect: 100-continue" round trip before a body: it only delays uploads.
   append("Expect:");
