@@ -175,15 +175,30 @@ TEST(URLSessionIntegration, TransportFailuresCompleteOnceWithPlatformCodes) {
   }
 }
 
-TEST(URLSessionIntegration, UntrustedCertificateIsRejected) {
+TEST(URLSessionIntegration, EachConnectionTrustsTheAuthorityFileAsItStandsThen) {
+  // The server closes every connection after its answer, so each request below opens one of its own.
+  const auto authorities = server->folder() / "authorities.pem";
   auto configuration = zu::URLSessionConfiguration::defaultConfiguration();
-  configuration.additionalCertificateAuthorityFile = server->strangerCAFile();
+  configuration.additionalCertificateAuthorityFile = authorities.string();
   auto session = zu::URLSession::make(configuration);
-  Exchange exchange;
-  session->dataTask(zu::URLRequest(url("/json")), exchange.completion())->resume();
-  ASSERT_TRUE(exchange.calls.waitFor(1));
-  EXPECT_EQ(exchange.errorCode(), zu::URLError::serverCertificateUntrusted);
-  EXPECT_EQ(exchange.error->localizedDescription(), "The certificate for this server is invalid.");
+  struct Step {
+    const char* authority;
+    std::string copiedFrom;  // empty: the file is left as it is
+    long code;
+  };
+  constexpr long untrusted = zu::URLError::serverCertificateUntrusted;
+  for (const Step& step :
+       {Step{"missing", "", untrusted}, Step{"a stranger", server->strangerCAFile(), untrusted},
+        Step{"the server's", server->caFile(), 0},
+        Step{"a stranger again", server->strangerCAFile(), untrusted}}) {
+    if (!step.copiedFrom.empty()) {
+      std::filesystem::copy_file(step.copiedFrom, authorities,
+                                 std::filesystem::copy_options::overwrite_existing);
+    }
+    Exchange exchange;
+    run(zu::URLRequest(url("/json")), exchange, session);
+    EXPECT_EQ(exchange.errorCode(), step.code) << step.authority;
+  }
 }
 
 TEST(URLSessionIntegration, IdleTimeoutSparesATransferThatKeepsMoving) {
