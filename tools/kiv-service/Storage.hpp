@@ -59,10 +59,10 @@ struct StoredContent {
  * and change times), so that a digest is only taken again from a file that changed on disk since. Kept in
  * memory: a restarted service reads each file once more.
  *
- * A change through the file system gives the file a new change time. Kernels with fine-grained change times
- * (Linux 6.13 and later on the common file systems) tell apart even two changes within one clock tick once
- * the time has been read, which `remember` and `digestOf` do; on older ones a change of the same size within
- * the tick of the upload goes unseen. Damage below the file system, which no time shows, goes unseen too.
+ * A change through the file system gives the file a new change time. Recent Linux kernels make it a
+ * fine-grained one when the old time has been read (as `remember` and `digestOf` do), so even a change within
+ * the same clock tick shows; on older kernels a change that keeps the size, made within the clock tick of the
+ * last read, goes unseen. Damage below the file system, which no time shows, goes unseen too.
  *
  * @par Thread Safety
  * All members may be called from any thread.
