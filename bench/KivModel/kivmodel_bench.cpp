@@ -1,14 +1,17 @@
 // Measures the report store on a large list: reports of 10 files each, all with metadata.
 //
-//   kivmodel_bench persist <data folder> [reports]  time KivModel::persist of the list into <data folder>
-//   kivmodel_bench load <data folder> [reports]     time KivModel::loadFromStore
-//   kivmodel_bench parse <data folder>               time libplist's bare parse of the same stored bytes, the
-//                                                   reference for the load
+//   kivmodel_bench persist <data folder> [reports]  time KivModel::persist of the list into <data folder>,
+//   the
+//                                                   best of five in one process, as an application persists
+//   kivmodel_bench load <data folder> [reports]     time one KivModel::loadFromStore, as at start-up
+//   kivmodel_bench parse <data folder>               time one bare parse of the same stored bytes by
+//   libplist,
+//                                                   the reference for the load
 //
 // The list has 10,000 reports unless a number is given. Run each in its own process (run.sh does), so that
-// the peak memory printed belongs to that operation, and so that the load and the parse each start from a
-// fresh heap. Prints "key=value" lines: times are the best of five runs, in wall-clock and CPU seconds (the
-// machine may be shared); memory is the peak resident size in KiB.
+// the peak memory printed belongs to that operation and the load and the parse each start from a fresh heap.
+// Prints "key=value" lines: times in wall-clock and CPU seconds (the machine may be shared), memory as the
+// peak resident size in KiB.
 #include <plist/plist.h>
 
 #include <algorithm>
@@ -88,34 +91,29 @@ int persist(int count) {
   return 0;
 }
 
-// Neither time includes freeing what was read.
+// One load, the process's first, as an application's at start-up.
 int load(int count) {
+  std::vector<kiv::KivReport> reports;
   Best best;
-  long peakKiB = 0;
-  for (int run = 0; run < kRuns; ++run) {
-    std::vector<kiv::KivReport> reports;
-    best.time([&] { reports = kiv::KivModel::loadFromStore(); });
-    if (reports.size() != static_cast<std::size_t>(count)) return 1;
-    peakKiB = std::max(peakKiB, peakResidentKiB());
-  }
+  best.time([&] { reports = kiv::KivModel::loadFromStore(); });
+  if (reports.size() != static_cast<std::size_t>(count)) return 1;
   std::cout << "load_seconds=" << best.seconds << "\nload_cpu_seconds=" << best.cpuSeconds
-            << "\nload_peak_kib=" << peakKiB << "\n";
+            << "\nload_peak_kib=" << peakResidentKiB() << "\n";
   return 0;
 }
 
+// One parse, the process's first, as the load's.
 int parse() {
   const auto bytes = zu::ZuUserDefaults::standard().data(kiv::KivModel::Const::UD::reports);
   if (!bytes) return 1;
+  plist_t root = nullptr;
   Best best;
-  for (int run = 0; run < kRuns; ++run) {
-    plist_t root = nullptr;
-    best.time([&] {
-      plist_from_bin(reinterpret_cast<const char*>(bytes->data()), static_cast<std::uint32_t>(bytes->size()),
-                     &root);
-    });
-    if (!root) return 1;
-    plist_free(root);
-  }
+  best.time([&] {
+    plist_from_bin(reinterpret_cast<const char*>(bytes->data()), static_cast<std::uint32_t>(bytes->size()),
+                   &root);
+  });
+  if (!root) return 1;
+  plist_free(root);
   std::cout << "bare_parse_seconds=" << best.seconds << "\nbare_parse_cpu_seconds=" << best.cpuSeconds
             << "\n";
   return 0;
