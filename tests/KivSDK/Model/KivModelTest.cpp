@@ -209,6 +209,43 @@ INSTANTIATE_TEST_SUITE_P(
             false}),
     [](const auto& info) { return std::string(info.param.label); });
 
+struct MetadataCase {
+  const char* label;
+  std::string stored;  // one metadata value, as a property list element
+  AnyCodable expected;
+};
+
+class KivModelMetadataTest : public KivModelTest, public ::testing::WithParamInterface<MetadataCase> {};
+
+// Metadata values read with the kinds their JSON form would have, and keep them through a persist (a whole
+// number beyond the signed range stays a real: as an unsigned integer it could not be stored again).
+TEST_P(KivModelMetadataTest, ValuesReadAsTheirJsonKinds) {
+  storeBytes(xmlReports(kFiles + kStatus + "<key>_metadata</key><array><array><string>k</string></array>" +
+                        GetParam().stored + "</array>"));
+  const zu::FlatMetadata expected{{{"k"}, GetParam().expected}};
+  const auto loaded = KivModel::loadFromStore();
+  ASSERT_EQ(loaded.size(), 1u);
+  EXPECT_EQ(loaded[0]._metadata, expected);
+  KivModel::persist(loaded);
+  EXPECT_EQ(KivModel::loadFromStore().at(0)._metadata, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, KivModelMetadataTest,
+    ::testing::Values(MetadataCase{"Text", "<string>v</string>", AnyCodable("v")},
+                      MetadataCase{"Null", "<string>$null</string>", AnyCodable()},
+                      MetadataCase{"Boolean", "<true/>", AnyCodable(true)},
+                      MetadataCase{"Integer", "<integer>-3</integer>", AnyCodable(-3)},
+                      MetadataCase{"WholeReal", "<real>2.0</real>", AnyCodable(2)},
+                      MetadataCase{"Fraction", "<real>2.5</real>", AnyCodable(2.5)},
+                      MetadataCase{"WholeBeyondSigned", "<real>1e19</real>", AnyCodable(1e19)},
+                      MetadataCase{"Array", "<array><string>a</string><integer>1</integer></array>",
+                                   AnyCodable(AnyCodable::Array{"a", 1})},
+                      MetadataCase{"Dictionary",
+                                   "<dict><key>b</key><false/><key>a</key><real>0.5</real></dict>",
+                                   AnyCodable(AnyCodable::Dictionary{{"b", false}, {"a", 0.5}})}),
+    [](const auto& info) { return std::string(info.param.label); });
+
 // A date among the metadata reads as its seconds, as a number does, and reads the same once written back.
 TEST_F(KivModelTest, DateInMetadataReadsAsItsSecondsBeforeAndAfterAPersist) {
   storeBytes(xmlReports(kFiles + kStatus +
