@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -89,9 +90,11 @@ zu::Date decodeDate(double seconds) {
   return zu::Date((writtenHere ? nearest : std::trunc(seconds * 1e6)) / 1e6);
 }
 
-// The platform's encoding of a URL.
+// The platform's encoding of a URL. Its text is stored before its key, as in every list stored so far.
 Ref writeURL(BinaryPlistWriter& out, const zu::URL& url) {
-  return out.dictionary({out.string("relative")}, {out.string(url.absoluteString())});
+  const Ref value = out.string(url.absoluteString());
+  const Ref key = out.string("relative");
+  return out.dictionary(std::span(&key, 1), std::span(&value, 1));
 }
 
 // ---- AnyCodable values, with the same kind rules as their JSON form.
@@ -579,7 +582,8 @@ zu::Result<zu::Data> encodeReports(const std::vector<KivReport>& reports) {
     std::vector<Ref> elements;
     elements.reserve(reports.size());
     for (const auto& report : reports) elements.push_back(writeRecord(out, report));
-    return out.finish(out.array(elements));
+    const Ref root = out.array(elements);
+    return std::move(out).finish(root);
   } catch (const CodingFailure& failure) {
     return codingError(failure);
   }

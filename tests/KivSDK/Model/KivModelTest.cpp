@@ -14,6 +14,7 @@
 #include <tuple>
 #include <vector>
 
+#include "ZuDigest/ZuDigest.hpp"
 #include "ZuUserDefaults/ZuUserDefaults.hpp"
 #include "support/TemporaryDirectory.hpp"
 
@@ -132,6 +133,40 @@ TEST_F(KivModelTest, KeepsEveryFieldAndTheOrderAsGiven) {
   KivModel::persist({});
   ASSERT_TRUE(storedBytes());  // an empty list is stored, not removed
   EXPECT_TRUE(KivModel::loadFromStore().empty());
+}
+
+// `count` different reports sharing some texts, with metadata of every kind.
+std::vector<KivReport> pinnedList(int count) {
+  std::vector<KivReport> list;
+  for (int i = 0; i < count; ++i) {
+    KivReport report = fullReport();
+    report.name = "Evidence " + std::to_string(i % 7);
+    report.created = Date(700000000.25 + i);
+    report.files.push_back(KivFile("Käse " + std::to_string(i), "mov", Date(-i)));
+    report._metadata =
+        zu::FlatMetadata{{{"n"}, AnyCodable(i)},
+                         {{"r"}, AnyCodable(0.5 * i)},
+                         {{"b", "€"}, AnyCodable(i % 2 == 0)},
+                         {{"a"}, AnyCodable(AnyCodable::Array{"x", i, AnyCodable()})},
+                         {{"d"}, AnyCodable(AnyCodable::Dictionary{{"k", "v"}, {"when", Date(1e8)}})}};
+    list.push_back(report);
+  }
+  return list;
+}
+
+// The stored bytes are the platform encoder's: pinned by their digests for one report, for enough to need
+// references of 2 bytes, and of 4.
+TEST_F(KivModelTest, StoredBytesStayAsTheyAre) {
+  const std::pair<int, std::string_view> pinned[] = {
+      {1, "a4ffefa75c163c3486f31480de6eb2cbb4e1443adc0a15358afa562a00f71ff3"},
+      {300, "418f049833ec64de827b87ab20f6738b3a58bcb2139ffe528658c14dc96e29fa"},
+      {2500, "40113f138b322fc9a2bd8d849ad9f88feb99f214bfdc6832570899bb880433b0"}};
+  for (const auto& [count, digest] : pinned) {
+    KivModel::persist(pinnedList(count));
+    const auto bytes = storedBytes();
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(zu::hexString(zu::sha256(*bytes)), digest) << count << " reports";
+  }
 }
 
 TEST_F(KivModelTest, TextThatIsNotUtf8IsStoredWithReplacementCharacters) {
