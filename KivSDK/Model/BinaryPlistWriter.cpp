@@ -14,6 +14,10 @@ namespace bplist = zu::detail::bplist;
 
 // Containers are written with references this wide until the number of objects is known.
 constexpr unsigned kProvisionalRefWidth = 4;
+// The offset table's bytes for one object, in a document below 4 GiB.
+constexpr std::size_t kOffsetRoom = 4;
+// The most bytes a scalar other than a text takes.
+constexpr std::size_t kLargestScalar = 9;
 constexpr std::uint64_t kMaxObjects = 0xFFFFFFFF;
 constexpr std::uint32_t kNoText = 0xFFFFFFFF;
 constexpr std::size_t kFirstTextSlots = 1024;
@@ -37,6 +41,17 @@ void writeBigEndian(std::uint8_t* at, std::uint64_t value, unsigned width) {
 
 BinaryPlistWriter::BinaryPlistWriter() : out_(bplist::kMagic.begin(), bplist::kMagic.end()) {}
 
+// The document grows to twice what it needs with its offset table, so that the table never moves it.
+void BinaryPlistWriter::makeRoom(std::size_t bytes) {
+  const std::size_t needed = out_.size() + bytes + kOffsetRoom * (offsets_.size() + 1) + bplist::kTrailerSize;
+  if (needed > out_.capacity()) out_.reserve(2 * needed);
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::begin(std::size_t largest, bool container) {
+  makeRoom(largest);
+  return record(out_.size(), container);
+}
+
 BinaryPlistWriter::Ref BinaryPlistWriter::record(std::size_t start, bool container) {
   if (offsets_.size() == kMaxObjects)
     throw std::length_error("A binary property list holds under 2^32 objects");
@@ -46,25 +61,25 @@ BinaryPlistWriter::Ref BinaryPlistWriter::record(std::size_t start, bool contain
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::boolean(bool value) {
-  const Ref ref = record(out_.size(), false);
+  const Ref ref = begin(1, false);
   out_.push_back(value ? bplist::kTrue : bplist::kFalse);
   return ref;
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::integer(std::int64_t value) {
-  const Ref ref = record(out_.size(), false);
+  const Ref ref = begin(kLargestScalar, false);
   bplist::appendInteger(out_, value);
   return ref;
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::real(double value) {
-  const Ref ref = record(out_.size(), false);
+  const Ref ref = begin(kLargestScalar, false);
   bplist::appendDouble(out_, bplist::kReal, value);
   return ref;
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::date(double seconds) {
-  const Ref ref = record(out_.size(), false);
+  const Ref ref = begin(kLargestScalar, false);
   bplist::appendDouble(out_, bplist::kDate, seconds);
   return ref;
 }
@@ -91,6 +106,7 @@ void BinaryPlistWriter::growTextSlots() {
 // texts have equal stored bytes).
 BinaryPlistWriter::Ref BinaryPlistWriter::string(std::string_view text) {
   if (2 * (textCount_ + 1) > textSlots_.size()) growTextSlots();
+  makeRoom(1 + kLargestScalar + 2 * text.size());  // UTF-16 takes at most 2 bytes for each of UTF-8's
   const std::size_t start = out_.size();
   bplist::appendString(out_, text);
   const std::span<const std::uint8_t> stored(out_.data() + start, out_.size() - start);
@@ -112,7 +128,7 @@ BinaryPlistWriter::Ref BinaryPlistWriter::string(std::string_view text) {
 
 BinaryPlistWriter::Ref BinaryPlistWriter::container(std::uint8_t marker, std::uint64_t count,
                                                     std::span<const Ref> first, std::span<const Ref> second) {
-  const Ref ref = record(out_.size(), true);
+  const Ref ref = begin(1 + kLargestScalar + kProvisionalRefWidth * (first.size() + second.size()), true);
   bplist::appendMarker(out_, marker, count);
   for (const Ref element : first) bplist::appendBigEndian(out_, element, kProvisionalRefWidth);
   for (const Ref element : second) bplist::appendBigEndian(out_, element, kProvisionalRefWidth);
@@ -149,7 +165,8 @@ zu::Data BinaryPlistWriter::finish(Ref root) && {
   if (refWidth < kProvisionalRefWidth) narrowReferences(refWidth);
   textSlots_ = {};
   containers_ = {};
-  bplist::appendTable(out_, offsets_, refWidth, root);
+  const bplist::Trailer trailer{bplist::widthFor(out_.size()), refWidth, offsets_.size(), root, out_.size()};
+  bplist::appendTable(out_, offsets_, trailer);
   return std::move(out_);
 }
 

@@ -51,6 +51,9 @@ class BinaryPlistWriter {
     std::uint32_t hash;
   };
 
+  void makeRoom(std::size_t bytes);
+  /// Records an object that starts at the document's end and takes at most `largest` bytes.
+  Ref begin(std::size_t largest, bool container);
   /// Records an object that starts at `start`.
   Ref record(std::size_t start, bool container);
   Ref container(std::uint8_t marker, std::uint64_t count, std::span<const Ref> first,

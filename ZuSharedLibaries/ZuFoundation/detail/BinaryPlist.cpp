@@ -7,7 +7,6 @@
 namespace zu::detail::bplist {
 namespace {
 
-constexpr std::size_t kTrailerSize = 32;
 constexpr std::uint32_t kReplacementCharacter = 0xFFFD;
 
 // The kind of a marker's high nibble, with the size of one unit of its payload (0: the size is fixed by
@@ -57,35 +56,6 @@ std::uint64_t fixedSize(Kind kind, std::uint8_t info) {
   }
 }
 
-// The object whose marker is at `at`, its payload ending no later than `end`.
-Object objectAt(const std::uint8_t* at, const std::uint8_t* end, unsigned refWidth) {
-  const std::uint8_t* begin = at;
-  const std::uint8_t marker = *at++;
-  const auto info = static_cast<std::uint8_t>(marker & 0x0F);
-  if (marker >> 4 == 0) {
-    if (marker == kFalse || marker == kTrue) return {Kind::Boolean, marker, begin, at, 0, at};
-    if (marker == 0x00 || marker == 0x0F) return {Kind::Other, marker, begin, at, 0, at};  // null and fill
-    return {};
-  }
-  const Layout layout = layoutOf(static_cast<std::uint8_t>(marker >> 4), refWidth);
-  if (layout.kind == Kind::Invalid) return {};
-  if (layout.unit == 0) {
-    const std::uint64_t size = fixedSize(layout.kind, info);
-    if (size == 0 || size > static_cast<std::uint64_t>(end - at)) return {};
-    return {layout.kind, marker, begin, at, size, at + size};
-  }
-  std::uint64_t count = info;
-  if (info == 0x0F) {  // the count follows as an integer of 1, 2, 4 or 8 bytes
-    if (end - at < 1 || *at >> 4 != kInteger >> 4 || (*at & 0x0F) > 3) return {};
-    const unsigned width = 1u << (*at++ & 0x0F);
-    if (static_cast<std::uint64_t>(end - at) < width) return {};
-    count = readBigEndian(at, width);
-    at += width;
-  }
-  if (count > static_cast<std::uint64_t>(end - at) / layout.unit) return {};
-  return {layout.kind, marker, begin, at, count, at + count * layout.unit};
-}
-
 void appendUtf8(std::string& out, std::uint32_t point) {
   if (point < 0x80) {
     out.push_back(static_cast<char>(point));
@@ -104,7 +74,9 @@ void appendUtf8(std::string& out, std::uint32_t point) {
   }
 }
 
-void utf16ToUtf8(const std::uint8_t* units, std::uint64_t count, std::string& out) {
+// Answers whether every unit was paired as it should be (nothing replaced).
+bool utf16ToUtf8(const std::uint8_t* units, std::uint64_t count, std::string& out) {
+  bool exact = true;
   out.clear();
   out.reserve(count);
   const auto unit = [&](std::uint64_t i) {
@@ -117,9 +89,12 @@ void utf16ToUtf8(const std::uint8_t* units, std::uint64_t count, std::string& ou
       appendUtf8(out, 0x10000 + ((first - 0xD800) << 10) + (unit(i + 1) - 0xDC00));
       ++i;
     } else {
-      appendUtf8(out, first >= 0xD800 && first <= 0xDFFF ? kReplacementCharacter : first);
+      const bool unpaired = first >= 0xD800 && first <= 0xDFFF;
+      exact = exact && !unpaired;
+      appendUtf8(out, unpaired ? kReplacementCharacter : first);
     }
   }
+  return exact;
 }
 
 bool isAscii(std::string_view text) {
@@ -212,18 +187,43 @@ std::optional<Trailer> readTrailer(std::span<const std::uint8_t> bytes) {
   return valid ? std::optional(trailer) : std::nullopt;
 }
 
-void appendTable(Data& out, const std::vector<std::uint64_t>& offsets, unsigned refWidth,
-                 std::uint64_t root) {
-  const std::uint64_t offsetTable = out.size();
-  const unsigned offsetWidth = widthFor(offsetTable);
-  out.reserve(out.size() + offsets.size() * offsetWidth + kTrailerSize);
-  for (const std::uint64_t offset : offsets) appendBigEndian(out, offset, offsetWidth);
+void appendTable(Data& out, const std::vector<std::uint64_t>& offsets, const Trailer& trailer) {
+  out.reserve(out.size() + offsets.size() * trailer.offsetWidth + kTrailerSize);
+  for (const std::uint64_t offset : offsets) appendBigEndian(out, offset, trailer.offsetWidth);
   out.insert(out.end(), 6, 0);  // unused, then the sort version
-  out.push_back(static_cast<std::uint8_t>(offsetWidth));
-  out.push_back(static_cast<std::uint8_t>(refWidth));
-  appendBigEndian(out, offsets.size(), 8);
-  appendBigEndian(out, root, 8);
-  appendBigEndian(out, offsetTable, 8);
+  out.push_back(static_cast<std::uint8_t>(trailer.offsetWidth));
+  out.push_back(static_cast<std::uint8_t>(trailer.refWidth));
+  appendBigEndian(out, trailer.objectCount, 8);
+  appendBigEndian(out, trailer.root, 8);
+  appendBigEndian(out, trailer.offsetTable, 8);
+}
+
+Object objectAt(const std::uint8_t* at, const std::uint8_t* end, unsigned refWidth) {
+  const std::uint8_t* begin = at;
+  const std::uint8_t marker = *at++;
+  const auto info = static_cast<std::uint8_t>(marker & 0x0F);
+  if (marker >> 4 == 0) {
+    if (marker == kFalse || marker == kTrue) return {Kind::Boolean, marker, begin, at, 0, at};
+    if (marker == 0x00 || marker == 0x0F) return {Kind::Other, marker, begin, at, 0, at};  // null and fill
+    return {};
+  }
+  const Layout layout = layoutOf(static_cast<std::uint8_t>(marker >> 4), refWidth);
+  if (layout.kind == Kind::Invalid) return {};
+  if (layout.unit == 0) {
+    const std::uint64_t size = fixedSize(layout.kind, info);
+    if (size == 0 || size > static_cast<std::uint64_t>(end - at)) return {};
+    return {layout.kind, marker, begin, at, size, at + size};
+  }
+  std::uint64_t count = info;
+  if (info == 0x0F) {  // the count follows as an integer of 1, 2, 4 or 8 bytes
+    if (end - at < 1 || *at >> 4 != kInteger >> 4 || (*at & 0x0F) > 3) return {};
+    const unsigned width = 1u << (*at++ & 0x0F);
+    if (static_cast<std::uint64_t>(end - at) < width) return {};
+    count = readBigEndian(at, width);
+    at += width;
+  }
+  if (count > static_cast<std::uint64_t>(end - at) / layout.unit) return {};
+  return {layout.kind, marker, begin, at, count, at + count * layout.unit};
 }
 
 Object objectOf(std::span<const std::uint8_t> bytes, const Trailer& trailer, std::uint64_t ref) {
@@ -261,6 +261,13 @@ std::string_view text(const Object& string, std::string& buffer) {
     utf16ToUtf8(string.payload, string.count, buffer);
   }
   return buffer;
+}
+
+bool isExactText(const Object& string) {
+  if (string.marker >> 4 == kAsciiString >> 4)
+    return isAscii(std::string_view(reinterpret_cast<const char*>(string.payload), string.count));
+  std::string decoded;
+  return utf16ToUtf8(string.payload, string.count, decoded);
 }
 
 void appendMarker(Data& out, std::uint8_t marker, std::uint64_t count) {

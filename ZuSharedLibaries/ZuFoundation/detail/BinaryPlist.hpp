@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -16,6 +17,7 @@
 namespace zu::detail::bplist {
 
 constexpr std::string_view kMagic = "bplist00";
+constexpr std::size_t kTrailerSize = 32;
 
 // Markers: the high nibble is the type, the low one a size or a count.
 constexpr std::uint8_t kFalse = 0x08;
@@ -46,9 +48,9 @@ struct Trailer {
 /// The trailer of `bytes`; nothing when the magic is missing, a width is not 1 to 8 bytes, or the offset
 /// table or the root lies outside the document.
 std::optional<Trailer> readTrailer(std::span<const std::uint8_t> bytes);
-/// Appends the offset table of objects starting at `offsets` and the trailer: `out` holds the magic and the
-/// objects, references are `refWidth` bytes wide, `root` is the top object.
-void appendTable(Data& out, const std::vector<std::uint64_t>& offsets, unsigned refWidth, std::uint64_t root);
+/// Appends the offset table of objects starting at `offsets`, then `trailer`, to `out` (which holds the
+/// document from `trailer.offsetTable` on, where the table goes).
+void appendTable(Data& out, const std::vector<std::uint64_t>& offsets, const Trailer& trailer);
 
 enum class Kind : std::uint8_t {
   Invalid,
@@ -73,6 +75,10 @@ struct Object {
   const std::uint8_t* end = nullptr;
 };
 
+/// The object whose marker is at `at`, with references of `refWidth` bytes; `Kind::Invalid` when it is
+/// malformed or reaches past `end`.
+Object objectAt(const std::uint8_t* at, const std::uint8_t* end, unsigned refWidth);
+
 /**
  * The object `ref` of the document `bytes`. `Kind::Invalid` when `ref` is not an object of the document, or
  * its offset, marker or count leads outside the objects: hostile bytes give wrong kinds, never a read out of
@@ -89,6 +95,9 @@ double floatingPoint(const Object& object);
 /// The UTF-8 text of a string object: a view into the document for ASCII, else into `buffer` (unpaired
 /// UTF-16 surrogates, and bytes above 0x7F in an ASCII string, become U+FFFD).
 std::string_view text(const Object& string, std::string& buffer);
+/// Whether a string object's text reads without a replacement: no byte above 0x7F in ASCII, no unpaired
+/// surrogate in UTF-16.
+bool isExactText(const Object& string);
 
 /// Appends a marker with its object count: in the low nibble when below 15, else as an integer that follows.
 void appendMarker(Data& out, std::uint8_t marker, std::uint64_t count);
