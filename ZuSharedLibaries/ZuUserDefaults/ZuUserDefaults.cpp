@@ -34,17 +34,18 @@ std::optional<Error> writeNewFileDurably(const std::string& path, const Data& by
   return std::nullopt;
 }
 
-// A store that cannot be read, or not whole, is about to be replaced: its bytes are first copied beside it,
-// to "<store>.corrupt-<UTC time>" (with "-2", "-3", ... when that name is taken, so no earlier copy is ever
-// overwritten), and a warning says where. The replacement's folder flush makes the copy durable too.
-std::optional<Error> keepAside(const std::string& path, const Data& bytes) {
+// A store that cannot be read, or not whole (`problem` says which), is about to be replaced: its bytes are
+// first copied beside it, to "<store>.corrupt-<UTC time>" (with "-2", "-3", ... when that name is taken, so
+// no earlier copy is ever overwritten), and a warning says where. The replacement's folder flush makes the
+// copy durable too.
+std::optional<Error> keepAside(const std::string& path, const Data& bytes, std::string_view problem) {
   constexpr int kAttempts = 1000;
   const std::string stem = path + ".corrupt-" + stringWithLocalDateTimeForFileNames(Date::now());
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     const std::string aside = attempt == 1 ? stem : stem + "-" + std::to_string(attempt);
     auto error = writeNewFileDurably(aside, bytes);
     if (!error) {
-      std::string message = "Could not read ";
+      std::string message(problem);
       message.append(path).append("; its bytes are kept in ").append(aside);
       ZuLogger::log(message, &typeid(ZuUserDefaults), ZuLogger::LogLevel::warning);
       return std::nullopt;
@@ -88,7 +89,8 @@ Result<std::vector<StoredEntry>> storedEntries(const std::string& path, std::str
   const auto bytes = ZuFileManager::contents(path);
   const auto stored = bytes ? DefaultsFile::read(*bytes) : std::nullopt;
   if (bytes && !bytes->empty() && (!stored || !stored->whole())) {
-    if (auto error = keepAside(path, *bytes)) return *error;
+    const auto problem = stored ? "Could not carry over all of " : "Could not read ";
+    if (auto error = keepAside(path, *bytes, problem)) return *error;
   }
   std::vector<StoredEntry> entries;
   for (const auto& entry : stored ? stored->entries() : std::span<const DefaultsFile::Entry>()) {
