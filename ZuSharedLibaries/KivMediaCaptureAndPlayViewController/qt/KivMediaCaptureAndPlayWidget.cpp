@@ -68,7 +68,7 @@ KivMediaCaptureAndPlayWidget::KivMediaCaptureAndPlayWidget(std::unique_ptr<Contr
   message_->setAlignment(Qt::AlignCenter);
   message_->setWordWrap(true);
   message_->setStyleSheet(QStringLiteral(
-      "QLabel { color: white; background: rgba(0, 0, 0, 0.7); border-radius: 12px; padding: 20px; "
+      "QLabel { color: white; background: rgba(48, 48, 48, 0.85); border-radius: 12px; padding: 20px; "
       "font-size: 20px; }"));
   message_->hide();
   panel_ = new detail::FilledWidget(this);
