@@ -67,7 +67,8 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
       app.add_option("--report", options.report,
                      "Add the saved file to this report: its id, a prefix of it, its slug or its name");
   review->excludes(report);
-  app.add_option("--data", options.data, "The application data folder shared with kiv (default: the user's)")
+  app.add_option("--data", options.data,
+                 "The application data folder, shared with kiv (default: kiv in the user's data folder)")
       ->envname("KIV_DATA_DIR");
   app.add_option("--directory", options.directory,
                  "Folder for new captures (default: Captures in the application data folder)");

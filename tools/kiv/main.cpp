@@ -43,7 +43,9 @@ void addGlobalOptions(CLI::App& app, Context& context) {
       ->envname("KIV_SERVICE_URL");
   app.add_option("--ca", context.ca, "A CA certificate (PEM) to trust for the service, besides the system's")
       ->envname("KIV_SERVICE_CA");
-  app.add_option("--data", context.data, "The application data folder (default: the user's data folder)")
+  app.add_option(
+         "--data", context.data,
+         "The application data folder, shared with kiv-capture (default: kiv in the user's data folder)")
       ->envname("KIV_DATA_DIR");
   app.add_option("--timeout", context.timeout,
                  "Seconds an operation may go without any answer or progress before kiv gives up")
