@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include <nlohmann/json.hpp>
+
 #include "HttpsServer.hpp"
 #include "Storage.hpp"
 #include "TlsConnection.hpp"

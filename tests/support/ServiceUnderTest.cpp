@@ -38,8 +38,7 @@ void ServiceEnvironment::SetUp() {
     return;
   }
   dir_ = std::make_unique<testing_support::TemporaryDirectory>();
-  own_ = std::make_unique<kiv::service::test::ServiceProcess>(
-      dir_->path() / "data", std::vector<std::string>{"--token", kServiceToken});
+  own_ = std::make_unique<kiv::service::test::ServiceProcess>(dir_->path() / "data", testServiceOptions());
   own_->start();
   address_ = {own_->baseUrl(), own_->caFile().string(), kServiceToken, -1};
 }
@@ -55,11 +54,15 @@ void setFault(const std::string& route, const std::string& fault) { administer("
 
 void clearFault(const std::string& route) { administer("DELETE", route, std::nullopt); }
 
-void ServiceTest::SetUp() {
-  kiv::detail::resetAPIState();
+void useTestService() {
   const ServiceAddress& address = ServiceEnvironment::address();
   kiv::KivAPI::set_ZuNetworkingType(
       kiv::KivAPI::redirectedNetworkingType(address.baseURL, address.caFile).value());
+}
+
+void ServiceTest::SetUp() {
+  kiv::detail::resetAPIState();
+  useTestService();
   kiv::KivAPI::setup(ServiceEnvironment::address().token);
 }
 

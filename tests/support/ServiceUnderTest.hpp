@@ -34,6 +34,9 @@ class ServiceEnvironment : public ::testing::Environment {
   ServiceAddress address_;
 };
 
+/// Makes KivAPI's networking instances reach the test service (with its CA) instead of the SDK's own.
+void useTestService();
+
 /// Switches a fault on for a route of the test service: `fault` is its JSON, as kiv-service's README says.
 void setFault(const std::string& route, const std::string& fault);
 void clearFault(const std::string& route);

@@ -3,6 +3,8 @@
 #include <regex>
 #include <set>
 
+#include <nlohmann/json.hpp>
+
 namespace kiv::service {
 namespace {
 

@@ -1,6 +1,9 @@
 // kiv report new|list|show|rm: the report list on this device.
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -15,13 +18,6 @@
 namespace kivcli {
 namespace {
 
-struct NewReport {
-  std::string name;
-  std::string note;
-  std::string email;
-  std::vector<std::string> metadata;
-};
-
 zu::AnyCodable::Dictionary metadataFrom(const std::vector<std::string>& pairs) {
   zu::AnyCodable::Dictionary metadata;
   for (const std::string& pair : pairs) {
@@ -32,17 +28,14 @@ zu::AnyCodable::Dictionary metadataFrom(const std::vector<std::string>& pairs) {
   return metadata;
 }
 
-void createReport(const Context& context, const NewReport& options) {
-  // The name also names the certificate's file, so it must be one plain file name.
-  if (!zu::ZuFileManager::isPlainPathComponent(options.name)) {
-    reject("a report name cannot be empty, \".\" or \"..\", or contain \"/\": \"" + options.name + "\"");
-  }
+}  // namespace
+
+void createReport(const Context& context, const NewReportOptions& options) {
   kiv::KivReport report(options.name);
   if (!options.note.empty()) report.note = options.note;
   if (!options.email.empty()) report.email = options.email;
   if (!options.metadata.empty()) report.setMetadata(metadataFrom(options.metadata));
-  ReportStore::load();
-  ReportStore::save(report);
+  ReportStore::create(report);
   context.print(reportDocument(report), report.id->uuidString());
 }
 
@@ -75,6 +68,8 @@ void showReport(const Context& context, const std::string& selector) {
   context.print(reportDocument(report), reportText(report));
 }
 
+namespace {
+
 /// The report's media and certificate, leaving out what another report also uses.
 std::vector<zu::URL> ownedFiles(const kiv::KivReport& report, const std::vector<kiv::KivReport>& all) {
   std::set<std::string> shared;
@@ -92,10 +87,26 @@ std::vector<zu::URL> ownedFiles(const kiv::KivReport& report, const std::vector<
   return owned;
 }
 
-void removeReport(const Context& context, const std::string& selector) {
+/// Asks at the terminal before evidence is deleted; refuses when there is no terminal to ask at.
+void confirmRemoval(const kiv::KivReport& report, std::size_t fileCount) {
+  const std::string what =
+      "report " + report.name + " and its " + std::to_string(fileCount) + " file(s) on this device";
+  if (::isatty(STDIN_FILENO) != 1)
+    reject("kiv report rm deletes " + what + ": add --yes to confirm when not at a terminal");
+  std::cerr << "Remove " << what << "? [y/N] " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer != "y" && answer != "Y" && answer != "yes")
+    fail("kept " + report.name + ": nothing was removed");
+}
+
+}  // namespace
+
+void removeReport(const Context& context, const RemoveOptions& options) {
   const ReportStore store = ReportStore::load();
-  const kiv::KivReport& report = store.find(selector);
+  const kiv::KivReport& report = store.find(options.report);
   const std::vector<zu::URL> files = ownedFiles(report, store.reports());
+  if (!options.yes) confirmRemoval(report, files.size());
   // The record goes first: a command stopped in between leaves unused files, never a report without them.
   ReportStore::remove(report);
   zu::AnyCodable::Array removed;
@@ -110,32 +121,6 @@ void removeReport(const Context& context, const std::string& selector) {
   if (!problems.empty()) fail("removed report " + report.name + " but not all of its files" + problems);
   context.print({{"removed", reportSummary(report)}, {"deletedFiles", std::move(removed)}},
                 "removed " + report.name + " and " + std::to_string(files.size()) + " file(s)");
-}
-
-}  // namespace
-
-void addReportCommands(CLI::App& app, Context& context) {
-  CLI::App* report = app.add_subcommand("report", "Create, list, show and remove the reports on this device");
-  report->require_subcommand(1);
-
-  auto created = std::make_shared<NewReport>();
-  CLI::App* make = addCommand(*report, context, "new", "Create a report and print its id",
-                              [&context, created] { createReport(context, *created); });
-  make->add_option("NAME", created->name, "The report's title")->required();
-  make->add_option("--note", created->note, "A note kept with the report");
-  make->add_option("--email", created->email, "Where the service sends the certificate");
-  make->add_option("--meta", created->metadata, "Metadata, key=value (repeatable)");
-
-  addCommand(*report, context, "list", "List the reports: id, name, files, status, slug",
-             [&context] { listReports(context); });
-
-  auto selector = std::make_shared<std::string>();
-  addReportArgument(*addCommand(*report, context, "show", "Show a report and its files",
-                                [&context, selector] { showReport(context, *selector); }),
-                    *selector);
-  addReportArgument(*addCommand(*report, context, "rm", "Remove a report with its media and certificate",
-                                [&context, selector] { removeReport(context, *selector); }),
-                    *selector);
 }
 
 }  // namespace kivcli

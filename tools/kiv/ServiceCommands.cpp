@@ -13,21 +13,41 @@
 #include "Waiter.hpp"
 
 namespace kivcli {
+
+kiv::KivReport sentReport(const ReportStore& store, const std::string& selector) {
+  const kiv::KivReport& report = store.find(selector);
+  if (!report.hasSlug()) fail("report " + report.name + " has not been sent yet: kiv send it first");
+  return report;
+}
+
 namespace {
 
-struct ReportOptions {
-  std::string report;
-  std::string language = "en";
-  bool force = false;
-  double wait = 0;
-};
+bool isFinal(const kiv::KivReport& report) {
+  const auto status = report.proofStatus();
+  return status == kiv::KivReport::ProofStatus::confirmed || status == kiv::KivReport::ProofStatus::failed;
+}
 
-struct NewsletterOptions {
-  std::string email;
-  std::string phone;
-  std::vector<std::string> lists;
-  std::string language = "en";
-};
+kiv::KivReport fetchStatus(const Context& context, const kiv::KivReport& report, bool force) {
+  return *awaitOne<std::optional<kiv::KivReport>>(
+      context, "fetching the status of " + report.name, [&](auto completion) {
+        if (force) {
+          kiv::KivAPI::forceStatusUpdate(report, std::move(completion));
+        } else {
+          kiv::KivAPI::update(report, std::move(completion));
+        }
+      });
+}
+
+zu::ZuMailList mailList(const std::string& setting) {
+  const auto equals = setting.rfind('=');
+  const std::string state = equals == std::string::npos ? "" : setting.substr(equals + 1);
+  if (equals == 0 || (state != "on" && state != "off")) {
+    reject("--list takes NAME=on or NAME=off, not \"" + setting + "\"");
+  }
+  return {setting.substr(0, equals), "", state == "on"};
+}
+
+}  // namespace
 
 void sendReport(const Context& context, const ReportOptions& options) {
   const ReportStore store = ReportStore::load();
@@ -47,22 +67,6 @@ void sendReport(const Context& context, const ReportOptions& options) {
   ReportStore::save(merged);
   context.print(reportDocument(merged), "sent " + merged.name + ": slug " + merged.slug.value_or("-") +
                                             ", status " + statusText(merged));
-}
-
-bool isFinal(const kiv::KivReport& report) {
-  const auto status = report.proofStatus();
-  return status == kiv::KivReport::ProofStatus::confirmed || status == kiv::KivReport::ProofStatus::failed;
-}
-
-kiv::KivReport fetchStatus(const Context& context, const kiv::KivReport& report, bool force) {
-  return *awaitOne<std::optional<kiv::KivReport>>(
-      context, "fetching the status of " + report.name, [&](auto completion) {
-        if (force) {
-          kiv::KivAPI::forceStatusUpdate(report, std::move(completion));
-        } else {
-          kiv::KivAPI::update(report, std::move(completion));
-        }
-      });
 }
 
 void reportStatus(const Context& context, const ReportOptions& options) {
@@ -101,15 +105,6 @@ void fetchCertificate(const Context& context, const ReportOptions& options) {
   context.print({{"report", reportSummary(report)}, {"pdf", path}}, path);
 }
 
-zu::ZuMailList mailList(const std::string& setting) {
-  const auto equals = setting.rfind('=');
-  const std::string state = equals == std::string::npos ? "" : setting.substr(equals + 1);
-  if (equals == 0 || (state != "on" && state != "off")) {
-    reject("--list takes NAME=on or NAME=off, not \"" + setting + "\"");
-  }
-  return {setting.substr(0, equals), "", state == "on"};
-}
-
 void updateNewsletters(const Context& context, const NewsletterOptions& options) {
   std::vector<zu::ZuMailList> lists;
   for (const std::string& setting : options.lists) lists.push_back(mailList(setting));
@@ -126,43 +121,6 @@ void updateNewsletters(const Context& context, const NewsletterOptions& options)
     text += " " + name + (subscribed ? " on" : " off");
   }
   context.print({{"email", options.email}, {"subscriptions", std::move(subscriptions)}}, text);
-}
-
-}  // namespace
-
-kiv::KivReport sentReport(const ReportStore& store, const std::string& selector) {
-  const kiv::KivReport& report = store.find(selector);
-  if (!report.hasSlug()) fail("report " + report.name + " has not been sent yet: kiv send it first");
-  return report;
-}
-
-void addServiceCommands(CLI::App& app, Context& context) {
-  auto report = std::make_shared<ReportOptions>();
-  const auto withReport = [&](const std::string& name, const std::string& description, auto body) {
-    CLI::App* command =
-        addCommand(app, context, name, description, [&context, report, body] { body(context, *report); });
-    addReportArgument(*command, report->report);
-    return command;
-  };
-  withReport("send", "Submit the report to the service (create or update it) and keep its slugs", sendReport)
-      ->add_option("--lang", report->language, "The language of the service's answers")
-      ->capture_default_str();
-  CLI::App* status = withReport("status", "Fetch the report's proof status", reportStatus);
-  status->add_flag("--force", report->force, "Have the service check the content again");
-  status->add_option("--wait", report->wait, "Poll for up to this many seconds until confirmed or failed")
-      ->check(CLI::NonNegativeNumber);
-  withReport("pdf", "Download the report's certificate and print its path", fetchCertificate)
-      ->add_option("--lang", report->language, "The certificate's language")
-      ->capture_default_str();
-
-  auto newsletter = std::make_shared<NewsletterOptions>();
-  CLI::App* subscribe = addCommand(app, context, "newsletter", "Register the user's newsletter subscriptions",
-                                   [&context, newsletter] { updateNewsletters(context, *newsletter); });
-  subscribe->add_option("--email", newsletter->email, "The user's e-mail address")->required();
-  subscribe->add_option("--phone", newsletter->phone, "The user's phone number");
-  subscribe->add_option("--list", newsletter->lists, "NAME=on or NAME=off (repeatable)")->required();
-  subscribe->add_option("--lang", newsletter->language, "The language of the service's answers")
-      ->capture_default_str();
 }
 
 }  // namespace kivcli

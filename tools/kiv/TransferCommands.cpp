@@ -17,11 +17,6 @@
 namespace kivcli {
 namespace {
 
-struct TransferOptions {
-  std::string report;
-  bool force = false;
-};
-
 /// The outcome of one file's transfer, as printed.
 struct Outcome {
   std::string name;
@@ -115,6 +110,8 @@ void finish(const Context& context, const kiv::KivReport& report, const std::vec
   if (!problems.empty()) fail(report.name + ": " + problems + advice);
 }
 
+}  // namespace
+
 void uploadFiles(const Context& context, const TransferOptions& options) {
   const ReportStore store = ReportStore::load();
   kiv::KivReport report = sentReport(store, options.report);
@@ -180,22 +177,6 @@ void downloadFiles(const Context& context, const TransferOptions& options) {
   }
   finish(context, report, selection.outcomes, "downloaded",
          "; kiv verify compares the content with its digests");
-}
-
-}  // namespace
-
-void addTransferCommands(CLI::App& app, Context& context) {
-  auto options = std::make_shared<TransferOptions>();
-  CLI::App* upload =
-      addCommand(app, context, "upload", "Upload the content of every file not on the service yet",
-                 [&context, options] { uploadFiles(context, *options); });
-  addReportArgument(*upload, options->report);
-  upload->add_flag("--force", options->force, "Try again now, even within 30 minutes of the last attempt");
-
-  addReportArgument(
-      *addCommand(app, context, "download", "Download the content of every file missing on this device",
-                  [&context, options] { downloadFiles(context, *options); }),
-      options->report);
 }
 
 }  // namespace kivcli
