@@ -19,8 +19,8 @@ int main(int argc, char** argv) {
   kiv::KivAPI::setup("my-app-token");
 
   // A report's name also names its certificate's file: no two reports may share one.
-  if (const auto taken = kiv::checkNewReportName(reports, argv[1])) {
-    std::cerr << taken->localizedDescription() << "\n";
+  if (const auto usable = kiv::checkNewReportName(reports, argv[1]); !usable) {
+    std::cerr << usable.error().localizedDescription() << "\n";
     return 1;
   }
   kiv::KivReport report(argv[1]);

@@ -77,12 +77,12 @@ zu::Result<std::string> copyInto(const fs::path& source, const std::string& fold
 }
 
 /// Refuses `digest` when a file of `report` has it already.
-std::optional<zu::Error> checkNotInReport(const std::string& digest, const fs::path& source,
-                                          const KivReport& report) {
+zu::Result<void> checkNotInReport(const std::string& digest, const fs::path& source,
+                                  const KivReport& report) {
   const auto same = std::find_if(report.files.begin(), report.files.end(), [&](const KivFile& file) {
     return file.withCalculatedHash().hash == digest;
   });
-  if (same == report.files.end()) return std::nullopt;
+  if (same == report.files.end()) return {};
   return zu::Error::posix(
       EEXIST, source.string() + " is already in report \"" + report.name + "\", as " + fileName(*same));
 }
@@ -111,7 +111,7 @@ zu::Result<KivFile> place(const std::string& staged, const fs::path& source, Kiv
   const auto digest = zu::sha256OfFile(staged);
   if (!digest) return failed("cannot read " + source.string());
   record.hash = zu::hexString(*digest);
-  if (auto duplicate = checkNotInReport(*record.hash, source, report)) return *duplicate;
+  if (auto fresh = checkNotInReport(*record.hash, source, report); !fresh) return fresh.error();
   std::set<std::string> taken;
   for (const KivFile& file : report.files) taken.insert(fileName(file));
   for (const KivReport& other : reports) {

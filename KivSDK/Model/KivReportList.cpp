@@ -45,14 +45,14 @@ zu::Result<std::size_t> findReport(const std::vector<KivReport>& reports, std::s
   return zu::Error::posix(ENOENT, "no report " + quoted(selector));
 }
 
-std::optional<zu::Error> checkNewReportName(const std::vector<KivReport>& reports, std::string_view name) {
+zu::Result<void> checkNewReportName(const std::vector<KivReport>& reports, std::string_view name) {
   if (!zu::ZuFileManager::isPlainPathComponent(name)) {
     return zu::Error::posix(
         EINVAL, "a report name cannot be empty, \".\" or \"..\", or contain \"/\": " + quoted(name));
   }
   const auto taken = std::find_if(reports.begin(), reports.end(),
                                   [&](const KivReport& report) { return report.name == name; });
-  if (taken == reports.end()) return std::nullopt;
+  if (taken == reports.end()) return {};
   return zu::Error::posix(EEXIST, "a report named " + quoted(name) + " exists already (id " +
                                       (taken->id ? taken->id->uuidString() : std::string("none")) +
                                       "): two reports of one name would replace each other's certificate");

@@ -26,11 +26,11 @@ namespace kiv {
 zu::Result<std::size_t> findReport(const std::vector<KivReport>& reports, std::string_view selector);
 
 /**
- * Why `name` cannot name a new report beside `reports`, or nothing when it can. A report's name is also its
- * certificate's file name (`KivReport::pdfURL()`), so it must be one plain file name (else EINVAL), and no
- * report may have it already (else EEXIST, naming that report): two reports of one name would replace each
- * other's certificate. Call it before creating a report from a name a person typed.
+ * Succeeds when `name` can name a new report beside `reports`; else the error says why not. A report's name
+ * is also its certificate's file name (`KivReport::pdfURL()`), so it must be one plain file name (else
+ * EINVAL), and no report may have it already (else EEXIST, naming that report): two reports of one name would
+ * replace each other's certificate. Call it before creating a report from a name a person typed.
  */
-std::optional<zu::Error> checkNewReportName(const std::vector<KivReport>& reports, std::string_view name);
+zu::Result<void> checkNewReportName(const std::vector<KivReport>& reports, std::string_view name);
 
 }  // namespace kiv

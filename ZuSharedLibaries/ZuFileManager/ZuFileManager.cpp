@@ -28,46 +28,47 @@ void ensureDirectory(const std::string& path) {
   if (error) fatalError("Cannot create the folder " + path + ": " + error.message());
 }
 
-std::optional<Error> copyAll(int from, int to) {
+Result<void> copyAll(int from, int to) {
   std::vector<char> buffer(1 << 20);
   while (true) {
     const ssize_t count = detail::readSome(from, buffer.data(), buffer.size());
     if (count < 0) return Error::posix(errno);
-    if (count == 0) return std::nullopt;
-    if (auto error = detail::writeAll(to, buffer.data(), static_cast<std::size_t>(count))) return error;
+    if (count == 0) return {};
+    if (auto written = detail::writeAll(to, buffer.data(), static_cast<std::size_t>(count)); !written) {
+      return written;
+    }
   }
 }
 
 // The cross-file-system move: a flushed copy renamed into place, then the source removed.
-std::optional<Error> copyIntoPlace(const std::string& from, const std::string& to,
-                                   const std::string& folder) {
+Result<void> copyIntoPlace(const std::string& from, const std::string& to, const std::string& folder) {
   const auto source = FileDescriptor::open(from, O_RDONLY);
   if (!source) return Error::posix(errno);
   std::string temporary = folder + "/.moving.XXXXXX";
   const FileDescriptor target(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!target) return Error::posix(errno);
-  std::optional<Error> error = copyAll(source.get(), target.get());
-  if (!error && ::fsync(target.get()) != 0) error = Error::posix(errno);
-  if (!error && ::rename(temporary.c_str(), to.c_str()) != 0) error = Error::posix(errno);
-  if (error) {
+  Result<void> copied = copyAll(source.get(), target.get());
+  if (copied && ::fsync(target.get()) != 0) copied = Error::posix(errno);
+  if (copied && ::rename(temporary.c_str(), to.c_str()) != 0) copied = Error::posix(errno);
+  if (!copied) {
     ::unlink(temporary.c_str());
-    return error;
+    return copied;
   }
   ::unlink(from.c_str());
-  return std::nullopt;
+  return {};
 }
 
-std::optional<Error> move(const std::string& from, const std::string& to) {
+Result<void> move(const std::string& from, const std::string& to) {
   const std::string folder = std::filesystem::path(to).parent_path().string();
   const auto lock = FileDescriptor::open(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
   if (!lock) return Error::posix(errno);
   // Released when `lock` closes. A folder that cannot be locked is moved into all the same.
   (void)detail::retryingInterrupted([&] { return ::flock(lock.get(), LOCK_EX); });
-  std::optional<Error> error;
   if (::rename(from.c_str(), to.c_str()) != 0) {
-    error = errno == EXDEV ? copyIntoPlace(from, to, folder) : Error::posix(errno);
+    if (errno != EXDEV) return Error::posix(errno);
+    if (auto copied = copyIntoPlace(from, to, folder); !copied) return copied;
   }
-  return error ? error : detail::syncFolder(folder);
+  return detail::syncFolder(folder);
 }
 
 }  // namespace
@@ -118,21 +119,22 @@ std::optional<Data> ZuFileManager::contents(const std::string& atPath) {
   return bytes ? std::optional(std::move(*bytes)) : std::nullopt;
 }
 
-std::optional<Error> ZuFileManager::write(const Data& bytes, const URL& to) {
+Result<void> ZuFileManager::write(const Data& bytes, const URL& to) {
   const std::filesystem::path path = to.path();
   const std::filesystem::path temporary = path.parent_path() / ("." + path.filename().string() + ".writing");
   return detail::replaceFileDurably(path.string(), temporary.string(), bytes);
 }
 
-std::optional<Error> ZuFileManager::removeItem(const URL& at) {
+Result<void> ZuFileManager::removeItem(const URL& at) {
   if (::unlink(at.path().c_str()) != 0) return Error::posix(errno);
-  return std::nullopt;
+  return {};
 }
 
 void ZuFileManager::moveFile(const URL& fromURL, const URL& to, const MoveCompletion& completion) {
   ::unlink(to.path().c_str());  // a destination that cannot be removed makes the move below fail
-  const std::optional<Error> error = move(fromURL.path(), to.path());
-  completion(!error, error);
+  const Result<void> moved = move(fromURL.path(), to.path());
+  if (!moved) return completion(false, moved.error());
+  completion(true, std::nullopt);
 }
 
 }  // namespace zu

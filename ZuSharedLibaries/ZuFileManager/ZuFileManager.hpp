@@ -7,6 +7,7 @@
 
 #include "ZuFoundation/Data.hpp"
 #include "ZuFoundation/Error.hpp"
+#include "ZuFoundation/Result.hpp"
 #include "ZuFoundation/URL.hpp"
 
 namespace zu {
@@ -52,11 +53,11 @@ class ZuFileManager {
   /**
    * Writes `bytes` as the file at `to`, replacing whatever is there so that a crash at any moment leaves the
    * old or the new content (a flushed temporary file beside it, renamed into place). The file is readable by
-   * its owner only. Nothing when it worked, else why not; the destination is then untouched.
+   * its owner only. On failure, the error says why and the destination is untouched.
    */
-  static std::optional<Error> write(const Data& bytes, const URL& to);
-  /// Removes the file at `at`; nothing when it worked, else why not.
-  static std::optional<Error> removeItem(const URL& at);
+  static Result<void> write(const Data& bytes, const URL& to);
+  /// Removes the file at `at`; on failure, the error says why.
+  static Result<void> removeItem(const URL& at);
 
   /**
    * Moves the file at `fromURL` to `to`, replacing whatever is there. Within one file system the move is a

@@ -14,9 +14,9 @@
 
 namespace zu::detail {
 
-std::optional<Error> initializeGStreamer() {
+Result<void> initializeGStreamer() {
   static std::once_flag once;
-  static std::optional<Error> outcome;
+  static Result<void> outcome;
   std::call_once(once, [] {
     GError* error = nullptr;
     if (gst_init_check(nullptr, nullptr, &error)) return;
@@ -52,18 +52,18 @@ Error missingPluginError(const char* factory) {
 }  // namespace
 
 Result<GstElementHandle> makeElement(const char* factory, const char* name) {
-  if (auto error = initializeGStreamer()) return *error;
+  if (auto initialized = initializeGStreamer(); !initialized) return initialized.error();
   if (GstElement* element = gst_element_factory_make(factory, name)) return sinkFloating(element);
   return missingPluginError(factory);
 }
 
-std::optional<Error> missingElement(std::initializer_list<const char*> factories) {
-  if (auto error = initializeGStreamer()) return error;
+Result<void> requireElements(std::initializer_list<const char*> factories) {
+  if (auto initialized = initializeGStreamer(); !initialized) return initialized;
   for (const char* factory : factories) {
     const GstObjectHandle<GstElementFactory> found(gst_element_factory_find(factory));
     if (!found) return missingPluginError(factory);
   }
-  return std::nullopt;
+  return {};
 }
 
 namespace {
@@ -80,7 +80,7 @@ Result<GstElementHandle> parsed(GstElement* element, GError* error) {
 }  // namespace
 
 Result<GstElementHandle> parseLaunch(const std::string& description) {
-  if (auto error = initializeGStreamer()) return *error;
+  if (auto initialized = initializeGStreamer(); !initialized) return initialized.error();
   GError* error = nullptr;
   GstElement* element =
       gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &error);
@@ -88,7 +88,7 @@ Result<GstElementHandle> parseLaunch(const std::string& description) {
 }
 
 Result<GstElementHandle> parseBin(const std::string& description) {
-  if (auto error = initializeGStreamer()) return *error;
+  if (auto initialized = initializeGStreamer(); !initialized) return initialized.error();
   GError* error = nullptr;
   GstElement* bin = gst_parse_bin_from_description_full(description.c_str(), FALSE, nullptr,
                                                         GST_PARSE_FLAG_FATAL_ERRORS, &error);

@@ -14,7 +14,7 @@
 namespace zu::detail {
 
 /// Initialises GStreamer once per process; every later call gives the first call's outcome. Any thread.
-std::optional<Error> initializeGStreamer();
+Result<void> initializeGStreamer();
 
 /// An error in GStreamer's terms: the GLib domain's name, the code, `message` as the text for people and
 /// `debug` (where it happened), when given, as the debug description.
@@ -24,8 +24,9 @@ Error errorFromMessage(GstMessage* message);
 
 /// A new element of the factory `factory`, or a missing-plugin error that names it.
 Result<GstElementHandle> makeElement(const char* factory, const char* name = nullptr);
-/// The missing-plugin error for the first of `factories` that is not installed; nothing when all are.
-std::optional<Error> missingElement(std::initializer_list<const char*> factories);
+/// Succeeds when every one of `factories` is installed; else fails with the missing-plugin error of the first
+/// that is not.
+Result<void> requireElements(std::initializer_list<const char*> factories);
 /// A bin or pipeline built from a launch description ("videotestsrc ! appsink name=frames"), or why not.
 Result<GstElementHandle> parseLaunch(const std::string& description);
 /// A bin of the elements of a launch description, their pads unexposed, or why not.

@@ -26,31 +26,31 @@ using detail::FileDescriptor;
 constexpr std::string_view kFileName = "UserDefaults.plist";
 
 // Writes `bytes` to a new file at `path`, never over an existing one (EEXIST then).
-std::optional<Error> writeNewFileDurably(const std::string& path, const Data& bytes) {
+Result<void> writeNewFileDurably(const std::string& path, const Data& bytes) {
   const auto file = FileDescriptor::open(path, O_WRONLY | O_CREAT | O_EXCL, 0600);
   if (!file) return Error::posix(errno);
-  if (auto error = detail::writeAll(file.get(), bytes.data(), bytes.size())) return error;
+  if (auto written = detail::writeAll(file.get(), bytes.data(), bytes.size()); !written) return written;
   if (::fsync(file.get()) != 0) return Error::posix(errno);
-  return std::nullopt;
+  return {};
 }
 
 // A store that cannot be read, or not whole (`problem` says which), is about to be replaced: its bytes are
 // first copied beside it, to "<store>.corrupt-<UTC time>" (with "-2", "-3", ... when that name is taken, so
 // no earlier copy is ever overwritten), and a warning says where. The replacement's folder flush makes the
 // copy durable too.
-std::optional<Error> keepAside(const std::string& path, const Data& bytes, std::string_view problem) {
+Result<void> keepAside(const std::string& path, const Data& bytes, std::string_view problem) {
   constexpr int kAttempts = 1000;
   const std::string stem = path + ".corrupt-" + stringWithLocalDateTimeForFileNames(Date::now());
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     const std::string aside = attempt == 1 ? stem : stem + "-" + std::to_string(attempt);
-    auto error = writeNewFileDurably(aside, bytes);
-    if (!error) {
+    auto written = writeNewFileDurably(aside, bytes);
+    if (written) {
       std::string message(problem);
       message.append(path).append("; its bytes are kept in ").append(aside);
       ZuLogger::log(message, &typeid(ZuUserDefaults), ZuLogger::LogLevel::warning);
-      return std::nullopt;
+      return written;
     }
-    if (error->code() != EEXIST) return error;
+    if (written.error().code() != EEXIST) return written;
   }
   return Error::posix(EEXIST);
 }
@@ -90,7 +90,7 @@ Result<std::vector<StoredEntry>> storedEntries(const std::string& path, std::str
   const auto stored = bytes ? DefaultsFile::read(*bytes) : std::nullopt;
   if (bytes && !bytes->empty() && (!stored || !stored->whole())) {
     const auto problem = stored ? "Could not carry over all of " : "Could not read ";
-    if (auto error = keepAside(path, *bytes, problem)) return *error;
+    if (auto kept = keepAside(path, *bytes, problem); !kept) return kept.error();
   }
   std::vector<StoredEntry> entries;
   for (const auto& entry : stored ? stored->entries() : std::span<const DefaultsFile::Entry>()) {
@@ -137,8 +137,7 @@ Result<void> update(std::mutex& mutex, std::string_view key, const MakeValue& ma
   // The temporary file's name is fixed: writers hold the lock, so a crashed writer leaves at most one stale
   // temporary file, which the next write replaces.
   const auto write = [&](int fd) { return detail::writeDefaultsFile(fd, entries); };
-  if (auto error = detail::replaceFileDurably(path, path + ".tmp", write)) return *error;
-  return {};
+  return detail::replaceFileDurably(path, path + ".tmp", write);
 }
 
 }  // namespace

@@ -121,18 +121,22 @@ TEST(ZuFileManager, WriteReadAndRemoveFiles) {
   testing_support::TemporaryDirectory folder;
   const zu::URL file = zu::URL::fileURLWithPath((folder.path() / "photo 1.jpg").string());
   EXPECT_FALSE(ZuFileManager::contents(file.path()));
-  EXPECT_FALSE(ZuFileManager::write({1, 2, 3}, file));
-  EXPECT_FALSE(ZuFileManager::write({4, 5}, file));  // replaces
+  EXPECT_TRUE(ZuFileManager::write({1, 2, 3}, file));
+  EXPECT_TRUE(ZuFileManager::write({4, 5}, file));  // replaces
   EXPECT_EQ(ZuFileManager::contents(file.path()), (zu::Data{4, 5}));
   EXPECT_EQ(fs::status(file.path()).permissions() & fs::perms::all,
             fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()), 1);
 
-  EXPECT_FALSE(ZuFileManager::removeItem(file));
+  EXPECT_TRUE(ZuFileManager::removeItem(file));
   EXPECT_FALSE(ZuFileManager::fileExists(file));
-  EXPECT_EQ(ZuFileManager::removeItem(file), zu::Error::posix(ENOENT));
+  const auto removedAgain = ZuFileManager::removeItem(file);
+  ASSERT_FALSE(removedAgain);
+  EXPECT_EQ(removedAgain.error(), zu::Error::posix(ENOENT));
   const zu::URL nowhere = zu::URL::fileURLWithPath((folder.path() / "gone" / "x.jpg").string());
-  EXPECT_EQ(ZuFileManager::write({1}, nowhere), zu::Error::posix(ENOENT));
+  const auto writtenNowhere = ZuFileManager::write({1}, nowhere);
+  ASSERT_FALSE(writtenNowhere);
+  EXPECT_EQ(writtenNowhere.error(), zu::Error::posix(ENOENT));
 }
 
 }  // namespace

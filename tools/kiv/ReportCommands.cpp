@@ -112,8 +112,8 @@ void removeReport(const Context& context, const RemoveOptions& options) {
   zu::AnyCodable::Array removed;
   std::string problems;
   for (const zu::URL& file : files) {
-    if (const auto error = zu::ZuFileManager::removeItem(file)) {
-      problems += "; " + file.path() + ": " + error->localizedDescription();
+    if (const auto removedFile = zu::ZuFileManager::removeItem(file); !removedFile) {
+      problems += "; " + file.path() + ": " + removedFile.error().localizedDescription();
     } else {
       removed.emplace_back(file.path());
     }

@@ -61,9 +61,9 @@ const kiv::KivReport& ReportStore::find(std::string_view selector) const {
 
 void ReportStore::create(const kiv::KivReport& report) {
   commit([&](std::vector<kiv::KivReport>& reports) {
-    if (const auto problem = kiv::checkNewReportName(reports, report.name)) {
-      const std::string text = problem->localizedDescription();
-      if (problem->code() == EEXIST) fail(text + "; choose another name");
+    if (const auto usable = kiv::checkNewReportName(reports, report.name); !usable) {
+      const std::string text = usable.error().localizedDescription();
+      if (usable.error().code() == EEXIST) fail(text + "; choose another name");
       reject(text);
     }
     reports.push_back(report);

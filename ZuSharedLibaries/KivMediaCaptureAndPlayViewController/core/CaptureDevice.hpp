@@ -6,6 +6,7 @@
 #include "KivMediaCaptureAndPlayViewController/core/SetupError.hpp"
 #include "ZuFoundation/Data.hpp"
 #include "ZuFoundation/Error.hpp"
+#include "ZuFoundation/Result.hpp"
 #include "ZuFoundation/URL.hpp"
 #include "ZuImage/Image.hpp"
 
@@ -70,11 +71,11 @@ class CaptureDevice {
   virtual double recordedDuration() const = 0;
 
   /// Torch and zoom change only between a successful lock and its unlock.
-  virtual std::optional<Error> lockForConfiguration() = 0;
+  virtual Result<void> lockForConfiguration() = 0;
   virtual void unlockForConfiguration() = 0;
   virtual bool hasTorch() const = 0;
   /// Turns the torch on at `level` (0 to 1).
-  virtual std::optional<Error> setTorchModeOn(float level) = 0;
+  virtual Result<void> setTorchModeOn(float level) = 0;
   virtual void setTorchModeOff() = 0;
   virtual double videoZoomFactor() const = 0;
   /// Called with a factor from 1 to `maxAvailableVideoZoomFactor()` only.

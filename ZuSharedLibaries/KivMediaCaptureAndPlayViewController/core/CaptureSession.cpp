@@ -113,8 +113,8 @@ void Controller::_photoOutputDidFinishProcessingPhoto(const std::optional<Data>&
     return;
   }
   const URL url = _newFileURL("jpg");
-  if (const auto writeError = ZuFileManager::write(*photo, url)) {
-    logError("Writing the photo to " + url.path() + " failed: " + writeError->localizedDescription());
+  if (const auto written = ZuFileManager::write(*photo, url); !written) {
+    logError("Writing the photo to " + url.path() + " failed: " + written.error().localizedDescription());
     return;
   }
   _fileURL = url;
@@ -161,7 +161,7 @@ void Controller::_setFlashOn(bool flashOn) {
 }
 
 void Controller::_updateTorch() {
-  if (!_captureDevice->hasTorch() || _captureDevice->lockForConfiguration()) return;
+  if (!_captureDevice->hasTorch() || !_captureDevice->lockForConfiguration()) return;
   if (_flashOn) {
     static_cast<void>(
         _captureDevice->setTorchModeOn(_Const::Values::torchLevel));  // a torch error changes nothing
@@ -172,7 +172,7 @@ void Controller::_updateTorch() {
 }
 
 void Controller::_setVideoZoomFactor(double factor) {
-  if (_captureDevice->lockForConfiguration()) return;
+  if (!_captureDevice->lockForConfiguration()) return;
   // Clamped to 1 ... the maximum; a NaN factor gives 1.
   const double maximum = _captureDevice->maxAvailableVideoZoomFactor();
   _captureDevice->setVideoZoomFactor(

@@ -116,9 +116,8 @@ void FakeCaptureDevice::stopRecording() {
                   " seconds recorded by the fake camera\n";
   }
   if (!url) return;
-  std::optional<Error> error = ZuFileManager::write(Data(placeholder.begin(), placeholder.end()), *url);
-  if (!error) error = settings_.recordingError;
-  completion(*url, error);
+  const auto written = ZuFileManager::write(Data(placeholder.begin(), placeholder.end()), *url);
+  completion(*url, written ? settings_.recordingError : written.error());
 }
 
 double FakeCaptureDevice::recordedDuration() const {
@@ -131,11 +130,12 @@ void FakeCaptureDevice::advanceRecording(double seconds) {
   if (recordingURL_) recordedSeconds_ += seconds;
 }
 
-std::optional<Error> FakeCaptureDevice::lockForConfiguration() {
+Result<void> FakeCaptureDevice::lockForConfiguration() {
   std::lock_guard lock(mutex_);
   ++record_.lockCount;
   record_.isLocked = !settings_.lockError;
-  return settings_.lockError;
+  if (settings_.lockError) return *settings_.lockError;
+  return {};
 }
 
 void FakeCaptureDevice::unlockForConfiguration() {
@@ -149,12 +149,12 @@ void FakeCaptureDevice::recordChange() {
 
 bool FakeCaptureDevice::hasTorch() const { return settings_.hasTorch; }
 
-std::optional<Error> FakeCaptureDevice::setTorchModeOn(float level) {
+Result<void> FakeCaptureDevice::setTorchModeOn(float level) {
   std::lock_guard lock(mutex_);
   ++record_.torchChangeCount;
   recordChange();
   record_.torchLevel = level;
-  return std::nullopt;
+  return {};
 }
 
 void FakeCaptureDevice::setTorchModeOff() {

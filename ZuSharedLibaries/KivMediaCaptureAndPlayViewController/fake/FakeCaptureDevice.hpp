@@ -79,10 +79,10 @@ class FakeCaptureDevice final : public CaptureDevice {
   void startRecording(const URL& outputFileURL, RecordingCompletion completion) override;
   void stopRecording() override;
   double recordedDuration() const override;
-  std::optional<Error> lockForConfiguration() override;
+  Result<void> lockForConfiguration() override;
   void unlockForConfiguration() override;
   bool hasTorch() const override;
-  std::optional<Error> setTorchModeOn(float level) override;
+  Result<void> setTorchModeOn(float level) override;
   void setTorchModeOff() override;
   double videoZoomFactor() const override;
   void setVideoZoomFactor(double factor) override;

@@ -89,7 +89,9 @@ CaptureDevice::SetupResult GstCaptureDevice::setupSession() {
   const auto failed = [](SetupError error) {
     return SetupResult{CaptureSessionState::error, std::move(error)};
   };
-  if (auto error = detail::initializeGStreamer()) return failed(SetupError::videoInputFailed(*error));
+  if (auto initialized = detail::initializeGStreamer(); !initialized) {
+    return failed(SetupError::videoInputFailed(initialized.error()));
+  }
   detail::CameraSource source{.devicePath = std::nullopt,
                               .microphone = std::nullopt,
                               .width = settings_.width,
@@ -105,14 +107,16 @@ CaptureDevice::SetupResult GstCaptureDevice::setupSession() {
       return failed(SetupError::noBackWideAngleCamera());
     }
   }
-  if (auto missing = CameraPipeline::missingVideoElement(source))
-    return failed(SetupError::videoInputFailed(*missing));
-  if (auto missing = CameraPipeline::missingAudioElement(source))
-    return failed(SetupError::audioInputFailed(*missing));
-  auto missingOutput = Recorder::missingElement();
-  if (!missingOutput) missingOutput = detail::missingElement({"jpegenc"});
-  if (missingOutput) {
-    log("Recordings and photos cannot be made: " + missingOutput->localizedDescription(),
+  if (auto video = CameraPipeline::requireVideoElements(source); !video) {
+    return failed(SetupError::videoInputFailed(video.error()));
+  }
+  if (auto audio = CameraPipeline::requireAudioElements(source); !audio) {
+    return failed(SetupError::audioInputFailed(audio.error()));
+  }
+  auto output = Recorder::requireElements();
+  if (output) output = detail::requireElements({"jpegenc"});
+  if (!output) {
+    log("Recordings and photos cannot be made: " + output.error().localizedDescription(),
         ZuLogger::LogLevel::error);
     return failed(SetupError::movieOutputRefused());
   }
@@ -127,9 +131,9 @@ CaptureDevice::SetupResult GstCaptureDevice::setupSession() {
         ZuLogger::LogLevel::error);
     return failed(SetupError::cameraInputRefused());
   }
-  if (auto error = (*made)->start()) {
+  if (auto started = (*made)->start(); !started) {
     (*made)->stop();
-    return failed(SetupError::videoInputFailed(*error));
+    return failed(SetupError::videoInputFailed(started.error()));
   }
   std::lock_guard lock(mutex_);
   pipeline_ = std::move(*made);
@@ -156,8 +160,9 @@ bool GstCaptureDevice::isRunning() const {
 void GstCaptureDevice::startRunning() {
   auto* stopped = pipeline();
   if (!stopped) return;
-  if (auto error = stopped->start())
-    log("The camera did not start: " + error->localizedDescription(), ZuLogger::LogLevel::error);
+  if (auto started = stopped->start(); !started) {
+    log("The camera did not start: " + started.error().localizedDescription(), ZuLogger::LogLevel::error);
+  }
 }
 
 void GstCaptureDevice::stopRunning() {
@@ -212,8 +217,8 @@ void GstCaptureDevice::startRecording(const URL& outputFileURL, RecordingComplet
                                               [outputFileURL, completion](std::optional<Error> error) {
                                                 completion(outputFileURL, std::move(error));
                                               });
-  if (auto error = recording->start()) {
-    completion(outputFileURL, std::move(error));
+  if (auto started = recording->start(); !started) {
+    completion(outputFileURL, started.error());
     return;
   }
   std::lock_guard lock(mutex_);
@@ -240,7 +245,7 @@ void GstCaptureDevice::sessionFailed(const Error& error) {
 }
 
 // Nothing else holds the camera's settings here: configuration is always open.
-std::optional<Error> GstCaptureDevice::lockForConfiguration() { return std::nullopt; }
+Result<void> GstCaptureDevice::lockForConfiguration() { return {}; }
 
 void GstCaptureDevice::unlockForConfiguration() {}
 
@@ -249,7 +254,7 @@ bool GstCaptureDevice::hasTorch() const {
   return controls_ && controls_->hasTorch();
 }
 
-std::optional<Error> GstCaptureDevice::setTorchModeOn(float level) {
+Result<void> GstCaptureDevice::setTorchModeOn(float level) {
   std::lock_guard lock(mutex_);
   if (!controls_) return Error::posix(ENOTSUP);
   return controls_->setTorch(level);

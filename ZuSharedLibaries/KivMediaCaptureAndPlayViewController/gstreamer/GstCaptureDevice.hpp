@@ -73,10 +73,10 @@ class GstCaptureDevice final : public CaptureDevice {
   void startRecording(const URL& outputFileURL, RecordingCompletion completion) override;
   void stopRecording() override;
   double recordedDuration() const override;
-  std::optional<Error> lockForConfiguration() override;
+  Result<void> lockForConfiguration() override;
   void unlockForConfiguration() override;
   bool hasTorch() const override;
-  std::optional<Error> setTorchModeOn(float level) override;
+  Result<void> setTorchModeOn(float level) override;
   void setTorchModeOff() override;
   double videoZoomFactor() const override;
   void setVideoZoomFactor(double factor) override;

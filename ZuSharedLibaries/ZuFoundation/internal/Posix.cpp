@@ -27,14 +27,14 @@ ssize_t readSome(int fd, void* buffer, std::size_t count) {
   return retryingInterrupted([&] { return ::read(fd, buffer, count); });
 }
 
-std::optional<Error> writeAll(int fd, const void* bytes, std::size_t count) {
+Result<void> writeAll(int fd, const void* bytes, std::size_t count) {
   const auto* next = static_cast<const char*>(bytes);
   for (std::size_t done = 0; done < count;) {
     const ssize_t step = retryingInterrupted([&] { return ::write(fd, next + done, count - done); });
     if (step <= 0) return Error::posix(step < 0 ? errno : EIO);
     done += static_cast<std::size_t>(step);
   }
-  return std::nullopt;
+  return {};
 }
 
 Result<Data> readWholeFile(const std::string& path, std::size_t limit) {
@@ -55,31 +55,30 @@ Result<Data> readWholeFile(const std::string& path, std::size_t limit) {
   return bytes;
 }
 
-std::optional<Error> syncFolder(const std::string& folder) {
+Result<void> syncFolder(const std::string& folder) {
   const auto directory = FileDescriptor::open(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
   if (!directory || ::fsync(directory.get()) != 0) return Error::posix(errno);
-  return std::nullopt;
+  return {};
 }
 
-std::optional<Error> replaceFileDurably(const std::string& path, const std::string& temporary,
-                                        const std::function<std::optional<Error>(int fd)>& write) {
-  std::optional<Error> error;
+Result<void> replaceFileDurably(const std::string& path, const std::string& temporary,
+                                const std::function<Result<void>(int fd)>& write) {
+  Result<void> written;
   {
     const auto file = FileDescriptor::open(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (!file) return Error::posix(errno);
-    error = write(file.get());
-    if (!error && ::fsync(file.get()) != 0) error = Error::posix(errno);
+    written = write(file.get());
+    if (written && ::fsync(file.get()) != 0) written = Error::posix(errno);
   }
-  if (!error && ::rename(temporary.c_str(), path.c_str()) != 0) error = Error::posix(errno);
-  if (error) {
+  if (written && ::rename(temporary.c_str(), path.c_str()) != 0) written = Error::posix(errno);
+  if (!written) {
     ::unlink(temporary.c_str());
-    return error;
+    return written;
   }
   return syncFolder(std::filesystem::path(path).parent_path().string());
 }
 
-std::optional<Error> replaceFileDurably(const std::string& path, const std::string& temporary,
-                                        const Data& bytes) {
+Result<void> replaceFileDurably(const std::string& path, const std::string& temporary, const Data& bytes) {
   return replaceFileDurably(path, temporary,
                             [&](int fd) { return writeAll(fd, bytes.data(), bytes.size()); });
 }

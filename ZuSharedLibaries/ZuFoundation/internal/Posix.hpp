@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <functional>
 #include <limits>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -54,23 +53,22 @@ class FileDescriptor {
 /// Reads at most `count` bytes: how many were read, 0 at the end of the file, -1 with errno on failure.
 ssize_t readSome(int fd, void* buffer, std::size_t count);
 /// Writes all `count` bytes, going on after short writes.
-std::optional<Error> writeAll(int fd, const void* bytes, std::size_t count);
+Result<void> writeAll(int fd, const void* bytes, std::size_t count);
 /// The file's bytes; fails when it cannot be read, or with EFBIG when it holds more than `limit` bytes.
 Result<Data> readWholeFile(const std::string& path,
                            std::size_t limit = std::numeric_limits<std::size_t>::max());
 
 /// Flushes a folder's entries (a rename inside it) to disk.
-std::optional<Error> syncFolder(const std::string& folder);
+Result<void> syncFolder(const std::string& folder);
 /**
  * Replaces the file at `path` so that a crash at any moment leaves its old or its new content: `write` writes
  * the new content to the descriptor of `temporary` (a path in the same folder, mode 0600), which is flushed
  * and renamed over `path`; then the folder is flushed. On failure (`write`'s included) the temporary file is
  * removed and `path` is untouched.
  */
-std::optional<Error> replaceFileDurably(const std::string& path, const std::string& temporary,
-                                        const std::function<std::optional<Error>(int fd)>& write);
+Result<void> replaceFileDurably(const std::string& path, const std::string& temporary,
+                                const std::function<Result<void>(int fd)>& write);
 /// Replaces the file at `path` with `bytes`, as above.
-std::optional<Error> replaceFileDurably(const std::string& path, const std::string& temporary,
-                                        const Data& bytes);
+Result<void> replaceFileDurably(const std::string& path, const std::string& temporary, const Data& bytes);
 
 }  // namespace zu::detail

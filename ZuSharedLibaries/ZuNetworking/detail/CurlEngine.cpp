@@ -144,8 +144,8 @@ std::size_t onBody(char* buffer, std::size_t size, std::size_t count, void* cont
   auto& transfer = *static_cast<Transfer*>(context);
   const std::size_t length = size * count;
   if (transfer.kind == Engine::Kind::download) {
-    if (const auto error = writeAll(transfer.downloadFile.get(), buffer, length)) {
-      const auto reason = systemErrorText(static_cast<int>(error->code()));
+    if (const auto written = writeAll(transfer.downloadFile.get(), buffer, length); !written) {
+      const auto reason = systemErrorText(static_cast<int>(written.error().code()));
       transfer.failure = urlError(URLError::cannotWriteToFile, transfer.url(), reason);
       return 0;
     }

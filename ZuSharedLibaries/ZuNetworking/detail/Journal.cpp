@@ -101,7 +101,7 @@ std::string Journal::record(const URLRequest& request, const std::optional<std::
   if (!bytes) return {};
   std::string path = directory_ + "/" + UUID().uuidString() + std::string(kSuffix);
   // A crash leaves either no entry or a whole one.
-  if (replaceFileDurably(path, path + ".partial", *bytes)) return {};
+  if (!replaceFileDurably(path, path + ".partial", *bytes)) return {};
   return path;
 }
 

@@ -98,26 +98,26 @@ class FileSink {
       return;
     }
     flush();
-    if (!error_) error_ = writeAll(fd_, bytes.data(), bytes.size());
+    if (written_) written_ = writeAll(fd_, bytes.data(), bytes.size());
   }
 
-  std::optional<Error> finish() {
+  Result<void> finish() {
     flush();
-    return error_;
+    return written_;
   }
 
  private:
   static constexpr std::size_t kDirectWrite = 64 * 1024;
 
   void flush() {
-    if (!error_ && !buffer_.empty()) error_ = writeAll(fd_, buffer_.data(), buffer_.size());
+    if (written_ && !buffer_.empty()) written_ = writeAll(fd_, buffer_.data(), buffer_.size());
     buffer_.clear();
   }
 
   int fd_;
   Data buffer_;
   std::uint64_t size_ = 0;
-  std::optional<Error> error_;
+  Result<void> written_;  // failed from the first write that failed
 };
 
 // The bytes libplist gives an offset or a reference: 1, 2, 3, 4 or 8.
@@ -230,7 +230,7 @@ const bplist::Object* DefaultsFile::find(std::string_view key) const {
   return nullptr;
 }
 
-std::optional<Error> writeDefaultsFile(int fd, const std::vector<EncodedEntry>& entries) {
+Result<void> writeDefaultsFile(int fd, const std::vector<EncodedEntry>& entries) {
   const Layout layout = layoutOf(entries);
   const unsigned refWidth = libplistWidthFor(layout.objectCount);
   FileSink sink(fd);

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "ZuFoundation/Data.hpp"
-#include "ZuFoundation/Error.hpp"
+#include "ZuFoundation/Result.hpp"
 #include "ZuFoundation/internal/BinaryPlist.hpp"
 
 namespace zu::detail {
@@ -66,6 +66,6 @@ struct EncodedEntry {
  * first, then each key and its value; a value equal to an earlier one is written once, unless it is data.
  * Bodies are written from where they lie, never copied.
  */
-std::optional<Error> writeDefaultsFile(int fd, const std::vector<EncodedEntry>& entries);
+Result<void> writeDefaultsFile(int fd, const std::vector<EncodedEntry>& entries);
 
 }  // namespace zu::detail

@@ -58,18 +58,20 @@ std::optional<std::string> CameraPipeline::defaultMicrophone() {
   return std::nullopt;
 }
 
-std::optional<Error> CameraPipeline::missingVideoElement(const CameraSource& source) {
-  if (auto missing = missingElement({"videocrop", "videoscale", "videoconvert", "tee", "queue", "appsink"}))
-    return missing;
-  return source.devicePath ? missingElement({"v4l2src", "decodebin", "videorate"})
-                           : missingElement({"videotestsrc", "clockoverlay"});
+Result<void> CameraPipeline::requireVideoElements(const CameraSource& source) {
+  if (auto common = requireElements({"videocrop", "videoscale", "videoconvert", "tee", "queue", "appsink"});
+      !common) {
+    return common;
+  }
+  return source.devicePath ? requireElements({"v4l2src", "decodebin", "videorate"})
+                           : requireElements({"videotestsrc", "clockoverlay"});
 }
 
-std::optional<Error> CameraPipeline::missingAudioElement(const CameraSource& source) {
-  if (!hasSound(source)) return std::nullopt;
+Result<void> CameraPipeline::requireAudioElements(const CameraSource& source) {
+  if (!hasSound(source)) return {};
   return source.devicePath
-             ? missingElement({source.microphone->c_str(), "audioconvert", "audioresample", "tee"})
-             : missingElement({"audiotestsrc", "tee"});
+             ? requireElements({source.microphone->c_str(), "audioconvert", "audioresample", "tee"})
+             : requireElements({"audiotestsrc", "tee"});
 }
 
 Result<std::unique_ptr<CameraPipeline>> CameraPipeline::make(const CameraSource& source,
@@ -115,7 +117,7 @@ CameraPipeline::~CameraPipeline() {
   busWatch_.reset();
 }
 
-std::optional<Error> CameraPipeline::start() {
+Result<void> CameraPipeline::start() {
   {
     std::lock_guard lock(mutex_);
     failure_.reset();
@@ -126,15 +128,15 @@ std::optional<Error> CameraPipeline::start() {
   std::unique_lock lock(mutex_);
   const bool settled =
       changed_.wait_for(lock, firstPictureTimeout, [this] { return latestSample_ || failure_; });
-  if (failure_) return failure_;
+  if (failure_) return *failure_;
   if (!settled) {
     failure_ = gstError(
         GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_READ,
         "The camera sent no picture within " + std::to_string(firstPictureTimeout.count()) + " seconds");
-    return failure_;
+    return *failure_;
   }
   running_ = true;
-  return std::nullopt;
+  return {};
 }
 
 void CameraPipeline::stop() {

@@ -66,10 +66,10 @@ class CameraPipeline {
   static std::string soundDescription(const CameraSource& source);
   /// The element that reads the default microphone ("pulsesrc" or "alsasrc"), when one can be opened.
   static std::optional<std::string> defaultMicrophone();
-  /// The missing-plugin error of an element the camera's pictures need; nothing when all are installed.
-  static std::optional<Error> missingVideoElement(const CameraSource& source);
+  /// Fails with the missing-plugin error of an element the camera's pictures need, when one is not installed.
+  static Result<void> requireVideoElements(const CameraSource& source);
   /// The same for the sound.
-  static std::optional<Error> missingAudioElement(const CameraSource& source);
+  static Result<void> requireAudioElements(const CameraSource& source);
 
   /**
    * A pipeline for `source`, stopped. `onSample` receives every preview picture (RGBA, full size);
@@ -82,7 +82,7 @@ class CameraPipeline {
   CameraPipeline& operator=(const CameraPipeline&) = delete;
 
   /// Runs the pipeline and waits for its first picture (or its failure, or `firstPictureTimeout`).
-  std::optional<Error> start();
+  Result<void> start();
   void stop();
   bool isRunning() const;
 

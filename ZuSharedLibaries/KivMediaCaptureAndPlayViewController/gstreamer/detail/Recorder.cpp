@@ -18,9 +18,9 @@ const char* const Recorder::videoEncoderDescription =
     "! h264parse";
 const char* const Recorder::audioEncoderDescription = "audioconvert ! audioresample ! avenc_aac ! aacparse";
 
-std::optional<Error> Recorder::missingElement() {
-  return detail::missingElement({"queue", "videoconvert", "x264enc", "h264parse", "mp4mux", "filesink",
-                                 "audioconvert", "audioresample", "avenc_aac", "aacparse"});
+Result<void> Recorder::requireElements() {
+  return detail::requireElements({"queue", "videoconvert", "x264enc", "h264parse", "mp4mux", "filesink",
+                                  "audioconvert", "audioresample", "avenc_aac", "aacparse"});
 }
 
 Recorder::Recorder(CameraPipeline& pipeline, std::string path, Completion done)
@@ -30,7 +30,7 @@ Recorder::~Recorder() {
   if (isRecording()) finish(std::chrono::seconds(10));
 }
 
-std::optional<Error> Recorder::start() {
+Result<void> Recorder::start() {
   const auto now = runningTime(pipeline_.pipeline());
   if (!now) {
     return gstError(GST_CORE_ERROR, GST_CORE_ERROR_STATE_CHANGE, "The camera is not running");
@@ -56,24 +56,24 @@ std::optional<Error> Recorder::start() {
     std::lock_guard lock(mutex_);
     attached_ = true;
   }
-  std::optional<Error> error;
+  Result<void> started;
   if (gst_element_sync_state_with_parent(bin_.get()) == GST_STATE_CHANGE_FAILURE) {
     std::lock_guard lock(mutex_);
-    error = branchError_.value_or(
+    started = branchError_.value_or(
         gstError(GST_CORE_ERROR, GST_CORE_ERROR_STATE_CHANGE, "The recording could not start"));
   }
-  if (!error) error = attach(inputs_[0], pipeline_.videoTee(), "videoin");
-  if (!error && pipeline_.audioTee()) error = attach(inputs_[1], pipeline_.audioTee(), "audioin");
-  if (error) {
+  if (started) started = attach(inputs_[0], pipeline_.videoTee(), "videoin");
+  if (started && pipeline_.audioTee()) started = attach(inputs_[1], pipeline_.audioTee(), "audioin");
+  if (!started) {
     detach();
-    return error;
+    return started;
   }
   std::lock_guard lock(mutex_);
   recording_ = true;
-  return std::nullopt;
+  return {};
 }
 
-std::optional<Error> Recorder::attach(Input& input, GstElement* tee, const char* queueName) {
+Result<void> Recorder::attach(Input& input, GstElement* tee, const char* queueName) {
   input.recorder = this;
   input.tee = tee;
   input.isVideo = tee == pipeline_.videoTee();
@@ -87,7 +87,7 @@ std::optional<Error> Recorder::attach(Input& input, GstElement* tee, const char*
     return gstError(GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION,
                     "The recording could not be connected to the camera");
   }
-  return std::nullopt;
+  return {};
 }
 
 GstPadProbeReturn Recorder::onBuffer(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer input) {

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "KivMediaCaptureAndPlayViewController/gstreamer/detail/CameraPipeline.hpp"
-#include "ZuFoundation/Error.hpp"
+#include "ZuFoundation/Result.hpp"
 #include "ZuGStreamer/GstHandles.hpp"
 
 namespace zu::detail {
@@ -39,8 +39,8 @@ class Recorder {
   static const char* const videoEncoderDescription;
   static const char* const audioEncoderDescription;
 
-  /// The missing-plugin error of an element recordings need; nothing when all are installed.
-  static std::optional<Error> missingElement();
+  /// Fails with the missing-plugin error of an element recordings need, when one is not installed.
+  static Result<void> requireElements();
 
   /// A recording into the file at `path` that calls `done` when the file is complete or has failed.
   Recorder(CameraPipeline& pipeline, std::string path, Completion done);
@@ -50,7 +50,7 @@ class Recorder {
 
   /// Attaches the branch and records from now on; on failure nothing stays attached and `done` is not
   /// called.
-  std::optional<Error> start();
+  Result<void> start();
   /// Ends the recording at the capture time now; `done` follows once the file is complete.
   void stop();
   /**
@@ -80,7 +80,7 @@ class Recorder {
   static GstPadProbeReturn onBuffer(GstPad* pad, GstPadProbeInfo* info, gpointer input);
   GstPadProbeReturn pass(Input& input, GstBuffer* buffer);
   /// Links `tee` to the branch's queue called `queueName`, through a ghost pad of that name.
-  std::optional<Error> attach(Input& input, GstElement* tee, const char* queueName);
+  Result<void> attach(Input& input, GstElement* tee, const char* queueName);
   /// Sends the end of stream into the input, once.
   void endInput(Input& input);
   /// An element of the branch has failed (on the posting thread).

@@ -97,26 +97,24 @@ bool V4l2Controls::hasMenuItem(std::uint32_t control, std::uint32_t item) const 
   return ioctlRetrying(descriptor_.get(), VIDIOC_QUERYMENU, &menu) == 0;
 }
 
-std::optional<Error> V4l2Controls::setControl(std::uint32_t control, std::int32_t value) {
+Result<void> V4l2Controls::setControl(std::uint32_t control, std::int32_t value) {
   v4l2_control setting{};
   setting.id = control;
   setting.value = value;
   if (ioctlRetrying(descriptor_.get(), VIDIOC_S_CTRL, &setting) < 0) return Error::posix(errno);
-  return std::nullopt;
+  return {};
 }
 
-std::optional<Error> V4l2Controls::setZoom(std::int32_t value) {
-  return setControl(V4L2_CID_ZOOM_ABSOLUTE, value);
-}
+Result<void> V4l2Controls::setZoom(std::int32_t value) { return setControl(V4L2_CID_ZOOM_ABSOLUTE, value); }
 
-std::optional<Error> V4l2Controls::setTorch(std::optional<float> level) {
+Result<void> V4l2Controls::setTorch(std::optional<float> level) {
   if (!hasTorch_) return Error::posix(ENOTSUP);
   if (!level) return setControl(V4L2_CID_FLASH_LED_MODE, V4L2_FLASH_LED_MODE_NONE);
   if (torchIntensity_) {
     const double span = torchIntensity_->maximum - torchIntensity_->minimum;
     const auto intensity = static_cast<std::int32_t>(
         torchIntensity_->minimum + std::lround(std::clamp(static_cast<double>(*level), 0.0, 1.0) * span));
-    if (auto error = setControl(V4L2_CID_FLASH_TORCH_INTENSITY, intensity)) return error;
+    if (auto set = setControl(V4L2_CID_FLASH_TORCH_INTENSITY, intensity); !set) return set;
   }
   return setControl(V4L2_CID_FLASH_LED_MODE, V4L2_FLASH_LED_MODE_TORCH);
 }

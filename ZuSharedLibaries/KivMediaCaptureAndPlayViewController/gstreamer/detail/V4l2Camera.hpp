@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "ZuFoundation/Error.hpp"
+#include "ZuFoundation/Result.hpp"
 #include "ZuFoundation/internal/Posix.hpp"
 
 namespace zu::detail {
@@ -55,14 +55,14 @@ class V4l2Controls {
 
   const std::optional<ControlRange>& zoom() const { return zoom_; }
   bool hasTorch() const { return hasTorch_; }
-  std::optional<Error> setZoom(std::int32_t value);
+  Result<void> setZoom(std::int32_t value);
   /// Turns the torch on at `level` (0 to 1), or off without a level.
-  std::optional<Error> setTorch(std::optional<float> level);
+  Result<void> setTorch(std::optional<float> level);
 
  private:
   std::optional<ControlRange> queryRange(std::uint32_t control) const;
   bool hasMenuItem(std::uint32_t control, std::uint32_t item) const;
-  std::optional<Error> setControl(std::uint32_t control, std::int32_t value);
+  Result<void> setControl(std::uint32_t control, std::int32_t value);
 
   FileDescriptor descriptor_;
   std::optional<ControlRange> zoom_;
