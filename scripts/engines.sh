@@ -8,7 +8,7 @@
 #        scripts/engines.sh resume DIR postgres|radosgw   (the same server again, on the same port)
 #
 # start leaves DIR/engines.env, one KEY=VALUE a line, for the programs that use the engines:
-#   KIV_POSTGRES  libpq connection string of an empty database "kiv"
+#   KIV_POSTGRES  libpq connection URI of an empty database "kiv"
 #   KIV_S3_ENDPOINT, KIV_S3_REGION, KIV_S3_ACCESS_KEY, KIV_S3_SECRET_KEY  the gateway and a user of it
 # and prints each engine's start time and resident memory. stop ends only the processes that start wrote down
 # under DIR and removes what they kept. Every wait is bounded; a failed start stops what it had started.
@@ -96,7 +96,7 @@ start_postgres() {
     -D "$data/cluster" >"$dir/postgres-initdb.log" 2>&1 || fail "initdb failed: see $dir/postgres-initdb.log"
   run_postgres
   "$pg_bin/createdb" -h 127.0.0.1 -p "$port" -U kiv kiv || fail "createdb failed"
-  echo "KIV_POSTGRES=host=127.0.0.1 port=$port user=kiv dbname=kiv" >>"$dir/engines.env"
+  echo "KIV_POSTGRES=postgresql://kiv@127.0.0.1:$port/kiv" >>"$dir/engines.env"
   local postmaster
   postmaster=$(head -1 "$data/cluster/postmaster.pid")
   report postgres "$started" "$postmaster" $(pgrep -P "$postmaster")

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -66,8 +67,9 @@ ContentStorage::ContentStorage(std::filesystem::path directory) : directory_(std
   std::filesystem::create_directories(directory_);
 }
 
-ContentStorage::Upload ContentStorage::beginUpload(const std::string& fileSlug) const {
-  return Upload(directory_ / (fileSlug + ".part-" + toHex(randomBytes(6))), pathOf(fileSlug));
+ContentStorage::Upload ContentStorage::beginUpload(const std::string& fileSlug,
+                                                   const std::string& ext) const {
+  return Upload(directory_ / (fileSlug + ".part-" + toHex(randomBytes(6))), pathOf(fileSlug), ext);
 }
 
 void ContentStorage::remove(const std::string& fileSlug) const {
@@ -75,9 +77,10 @@ void ContentStorage::remove(const std::string& fileSlug) const {
   std::filesystem::remove(pathOf(fileSlug), ignored);
 }
 
-ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem::path final)
+ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem::path final, std::string ext)
     : temporary_(std::move(temporary)),
       final_(std::move(final)),
+      ext_(std::move(ext)),
       descriptor_(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)),
       failed_(descriptor_ < 0) {
   buffer_.reserve(kBlockSize);
@@ -86,6 +89,7 @@ ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem:
 ContentStorage::Upload::Upload(Upload&& other) noexcept
     : temporary_(std::move(other.temporary_)),
       final_(std::move(other.final_)),
+      ext_(std::move(other.ext_)),
       descriptor_(std::exchange(other.descriptor_, -1)),
       size_(other.size_),
       failed_(other.failed_),
@@ -128,7 +132,44 @@ std::optional<StoredContent> ContentStorage::Upload::commit() {
     ::unlink(temporary_.c_str());
     return std::nullopt;
   }
-  return StoredContent{digest_.finishHex(), size_};
+  return StoredContent{ext_, digest_.finishHex(), size_};
+}
+
+FolderContentStore::FolderContentStore(const std::filesystem::path& dataDir)
+    : storage_(dataDir / "files"), signer_(dataDir / "tls" / "url-signing.key") {}
+
+std::string FolderContentStore::storagePath(const std::string& reportSlug, const std::string& fileSlug,
+                                            const std::string& ext) {
+  return "/storage/" + reportSlug + "/" + fileSlug + "." + ext;
+}
+
+std::string FolderContentStore::name() const { return "the folder " + storage_.directory().string(); }
+
+std::string FolderContentStore::address(std::string_view method, const std::string& origin,
+                                        const std::string& reportSlug, const std::string& fileSlug,
+                                        const std::string& ext, std::chrono::seconds ttl) const {
+  const std::string path = storagePath(reportSlug, fileSlug, ext);
+  return origin + path + "?" + signer_.sign(method, path, ttl);
+}
+
+std::optional<StoredContent> FolderContentStore::inspect(const std::string&, const FileRecord& file) const {
+  if (!file.storedExt) return std::nullopt;
+  const std::filesystem::path path = storage_.pathOf(file.slug);
+  std::string digest = sha256OfFile(path);
+  std::error_code error;
+  const auto size = std::filesystem::file_size(path, error);
+  if (digest.empty() || error) return std::nullopt;
+  return StoredContent{*file.storedExt, std::move(digest), static_cast<std::int64_t>(size)};
+}
+
+void FolderContentStore::remove(const std::string&, const std::string& fileSlug) const {
+  storage_.remove(fileSlug);
+}
+
+void FolderContentStore::probe() const {
+  if (::access(storage_.directory().c_str(), W_OK) != 0) {
+    throw ContentStoreUnavailable(name() + " cannot be written: " + std::strerror(errno));
+  }
 }
 
 }  // namespace kiv::service
