@@ -65,12 +65,13 @@ std::string ObjectContentStore::name() const {
 std::string ObjectContentStore::address(std::string_view method, const std::string&,
                                         const std::string& reportSlug, const std::string& fileSlug,
                                         const std::string& ext, std::chrono::seconds ttl) const {
-  // Signed as of the start of the minute and valid to the end of a whole minute, so that the same request
-  // within a minute gets the same address, as the service's own storage addresses do.
+  // Signed as of the start of the minute and valid to just before a whole minute, so that the same request
+  // within a minute gets the same address, as the service's own storage addresses do. An expiry that has
+  // passed already (a time to live under a minute) is signed so that it has.
   const std::int64_t now = now_();
-  const std::int64_t signedAt = now / 60 * 60;
-  const std::int64_t expires =
-      std::clamp((now + ttl.count()) / 60 * 60 - signedAt, std::int64_t{1}, kLongestExpiry);
+  const std::int64_t expiry = (now + ttl.count()) / 60 * 60;
+  const std::int64_t signedAt = std::min(now / 60 * 60, expiry - 2);
+  const std::int64_t expires = std::clamp(expiry - 1 - signedAt, std::int64_t{1}, kLongestExpiry);
   const std::string path = "/" + options_.bucket + "/" + fileKey(reportSlug, fileSlug) + ext;
   const sigv4::Request request{std::string(method), path, {}, {}};
   return options_.endpoint + sigv4::uriEncode(path, true) + "?" +

@@ -413,12 +413,13 @@ std::string Service::fileAddress(std::string_view method, const std::string& ori
   return content_->address(method, origin, reportSlug, file.slug, ext, ttl);
 }
 
-// Content that clients uploaded straight to the object store is recorded when it is first seen, hashed, as an
-// upload to the service's own storage routes is.
+// Content that clients upload straight to the object store is recorded when it is seen, hashed, as an upload
+// to the service's own storage routes is: until a file is proven, each look at its report looks for it again,
+// so that a corrected upload replaces a wrong one.
 ReportRecord Service::withArrivedContent(ReportRecord report) {
   if (!content_->receivesUploadsDirectly()) return report;
   for (const FileRecord& file : std::vector<FileRecord>(report.files)) {
-    if (file.storedHash) continue;
+    if (file.storedHash && file.storedHash == file.hash) continue;  // proven; force-status checks it again
     const std::optional<StoredContent> stored = content_->inspect(report.slug, file);
     if (!stored) continue;
     if (std::optional<ReportRecord> updated = store_.recordContent(report.slug, file.slug, *stored)) {

@@ -26,7 +26,7 @@ TEST_F(ServiceTest, ReportBecomesConfirmedWhenEveryFileArrivesWithItsDigest) {
   EXPECT_NE(slugOf(first), slugOf(report["provable_files"][1]));
 
   const json target = uploadTarget(report, 0);
-  EXPECT_EQ(fetch("PUT", target["upload_uri"], "first photo").status, 201);
+  EXPECT_EQ(fetch("PUT", target["upload_uri"], "first photo").status, uploadedStatus());
   EXPECT_EQ(call("GET", "/v1/reports/" + slugOf(report) + "/").json()["status"], "pending")
       << "one file is still missing";
   const json confirmed = upload(report, 1, "a short video");
@@ -39,7 +39,9 @@ TEST_F(ServiceTest, ReportBecomesConfirmedWhenEveryFileArrivesWithItsDigest) {
   const Reply whole = fetch("GET", fileUrl);
   EXPECT_EQ(whole.status, 200);
   EXPECT_EQ(whole.body, "first photo");
-  EXPECT_EQ(whole.headers.at("content-type"), "image/jpeg");
+  if (!onSharedEngines()) {  // an object store answers the type the upload declared
+    EXPECT_EQ(whole.headers.at("content-type"), "image/jpeg");
+  }
   const Reply part = fetch("GET", fileUrl, {}, {"Range: bytes=6-10"});
   EXPECT_EQ(part.status, 206);
   EXPECT_EQ(part.body, "photo");
@@ -173,7 +175,9 @@ TEST_F(ServiceTest, LogHasOneLinePerRequestAndNeverTheToken) {
   EXPECT_EQ(log.find(kToken), std::string::npos);
   EXPECT_EQ(log.find("signature="), std::string::npos);
   EXPECT_NE(log.find("\"POST /v1/reports/\" 201"), std::string::npos) << log;
-  EXPECT_NE(log.find("\"PUT /storage/" + slugOf(report) + "/"), std::string::npos) << log;
+  if (!onSharedEngines()) {
+    EXPECT_NE(log.find("\"PUT /storage/" + slugOf(report) + "/"), std::string::npos) << log;
+  }
 }
 
 }  // namespace
