@@ -121,7 +121,8 @@ ServiceProcess::~ServiceProcess() {
 
 void ServiceProcess::start() {
   const std::map<std::string, std::string> engines = engineSettings();
-  std::vector<std::string> arguments{KIV_SERVICE_PROGRAM, "--data", dataDir_.string(), "--port", "0"};
+  std::vector<std::string> arguments{KIV_SERVICE_PROGRAM, "--data", dataDir_.string(), "--port",
+                                     std::to_string(port_)};
   arguments.insert(arguments.end(), arguments_.begin(), arguments_.end());
   const std::vector<std::string> onEngines = engineArguments(engines);
   arguments.insert(arguments.end(), onEngines.begin(), onEngines.end());
@@ -181,6 +182,13 @@ int ServiceProcess::stop() {
   pid_ = -1;
   expectCleanEnd(exitStatus(status));
   return exitStatus(status);
+}
+
+void ServiceProcess::kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+  pid_ = -1;
 }
 
 void ServiceProcess::expectHealthy() {

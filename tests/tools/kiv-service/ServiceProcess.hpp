@@ -45,9 +45,12 @@ class ServiceProcess {
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
 
+  /// Starts the service; started again, it listens on the port it had.
   void start();
   /// SIGTERM, then waits for a clean exit; answers the exit status.
   int stop();
+  /// SIGKILL, as a crash or a pulled plug would end it, and waits for it to be gone.
+  void kill();
   /// Fails the current test when the service has stopped by itself or reported a fault in its log.
   void expectHealthy();
   /// Leaves the service running when this object goes, for a fixture that outlives the process that started
