@@ -3,8 +3,13 @@
 
 namespace kiv::detail {
 
-std::optional<zu::Image> decodePhoto(const zu::Data& /*bytes*/) { return std::nullopt; }
+std::optional<zu::Image> decodePhoto(const zu::Data& /*bytes*/, std::optional<int> /*longerSide*/,
+                                     zu::Image::FullSizeDecoder /*decodeFullSize*/) {
+  return std::nullopt;
+}
 
-std::optional<zu::Image> firstFrameOfVideo(const std::string& /*path*/) { return std::nullopt; }
+std::optional<zu::Image> firstFrameOfVideo(const std::string& /*path*/, std::optional<int> /*longerSide*/) {
+  return std::nullopt;
+}
 
 }  // namespace kiv::detail

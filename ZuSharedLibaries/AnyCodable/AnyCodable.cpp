@@ -8,6 +8,7 @@
 #include <string_view>
 #include <type_traits>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "ZuFoundation/Result.hpp"
 #include "ZuFoundation/detail/TypeName.hpp"
@@ -148,6 +149,23 @@ Result<void> encodeValue(const AnyCodable& value, SingleValueEncoder& encoder,
   return {};
 }
 
+// Most dictionaries are small: comparing every pair of their keys costs less than hashing them all.
+bool hasRepeatedKey(const std::vector<AnyCodable::Dictionary::Entry>& entries) {
+  constexpr std::size_t kMostKeysComparedPairwise = 16;
+  if (entries.size() <= kMostKeysComparedPairwise) {
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+      if (std::any_of(entries.begin(), entry,
+                      [&](const auto& earlier) { return earlier.first == entry->first; }))
+        return true;
+    }
+    return false;
+  }
+  std::unordered_set<std::string_view> keys;
+  keys.reserve(entries.size());
+  return !std::all_of(entries.begin(), entries.end(),
+                      [&](const auto& entry) { return keys.insert(entry.first).second; });
+}
+
 template <class Items, class Render>
 std::string joined(const Items& items, Render render) {
   std::string text;
@@ -166,6 +184,10 @@ AnyCodable::Dictionary::Dictionary(std::initializer_list<Entry> entries) {
 
 AnyCodable::Dictionary AnyCodable::Dictionary::fromEntries(std::vector<Entry>&& entries) {
   Dictionary dictionary;
+  if (!hasRepeatedKey(entries)) {
+    dictionary.entries_ = std::move(entries);
+    return dictionary;
+  }
   // Reserved up front: the positions' keys view the texts where they stay.
   dictionary.entries_.reserve(entries.size());
   std::unordered_map<std::string_view, std::size_t> positions;
