@@ -35,9 +35,10 @@ int freePort() {
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
-  ::bind(probe, reinterpret_cast<sockaddr*>(&address), length);
-  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+  const bool bound = ::bind(probe, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                     ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0;
   ::close(probe);
+  if (!bound) throw std::runtime_error("no free loopback port");
   return ntohs(address.sin_port);
 }
 
@@ -61,6 +62,7 @@ class Cluster {
     std::vector<std::string> arguments{KIV_HAPROXY_PROGRAM, "-db", "-f",
                                        (dir_.path() / "haproxy.cfg").string()};
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     if (::posix_spawn(&haproxy_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
@@ -258,24 +260,35 @@ TEST_F(ClusterTest, AFlowOutlivesANodeKilledInItsMiddleAndTheNodeRejoins) {
   EXPECT_GT(served(cluster->node(0), "\"GET /v1/reports/"), before) << "the rejoined node serves again";
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  if (!kiv::service::test::onSharedEngines()) {
-    std::fprintf(stderr, "KIV_ENGINES must name the shared engines' folder (CTest's kiv_engines fixture)\n");
-    return 1;
-  }
+// Starts the cluster, then the tests against it; answers the exit status.
+int runAgainstCluster() {
   // The cluster stands in for the test service: its balancer is the address the tests' SDK talks to.
   Cluster nodes;
   cluster = &nodes;
   const TempDir fixture;
   nodes.address().write(fixture.path());
-  ::setenv("KIV_SERVICE_FIXTURE", fixture.path().c_str(),
-           1);  // NOLINT(concurrency-mt-unsafe): no threads yet
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet
+  ::setenv("KIV_SERVICE_FIXTURE", fixture.path().c_str(), 1);
   if (!nodes.waitForUpNodes(2)) {
-    std::fprintf(stderr, "haproxy did not count both nodes as up\n");
+    static_cast<void>(std::fprintf(stderr, "haproxy did not count both nodes as up\n"));
     return 1;
   }
   return RUN_ALL_TESTS();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  if (!kiv::service::test::onSharedEngines()) {
+    static_cast<void>(std::fprintf(
+        stderr, "KIV_ENGINES must name the shared engines' folder (CTest's kiv_engines fixture)\n"));
+    return 1;
+  }
+  try {
+    return runAgainstCluster();
+  } catch (const std::exception& error) {
+    static_cast<void>(std::fprintf(stderr, "the cluster did not start: %s\n", error.what()));
+    return 1;
+  }
 }

@@ -11,7 +11,7 @@ namespace kiv::service {
 namespace {
 
 // Presigned addresses may live at most a week.
-constexpr std::int64_t kLongestExpiry = 7 * 24 * 3600;
+constexpr std::int64_t kLongestExpiry = std::int64_t{7} * 24 * 3600;
 constexpr std::chrono::seconds kConnectTimeout{5};
 constexpr std::chrono::seconds kReadTimeout{60};
 

@@ -35,7 +35,7 @@ std::string signedHeaderNames(const std::map<std::string, std::string>& headers)
 std::string canonicalRequest(const Request& request, std::string_view payloadHash) {
   std::string text =
       request.method + "\n" + uriEncode(request.path, true) + "\n" + canonicalQuery(request.query) + "\n";
-  for (const auto& [name, value] : request.headers) text += name + ":" + value + "\n";
+  for (const auto& [name, value] : request.headers) text.append(name).append(":").append(value).append("\n");
   return text + "\n" + signedHeaderNames(request.headers) + "\n" + std::string(payloadHash);
 }
 

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include <fcntl.h>
@@ -168,7 +168,7 @@ void FolderContentStore::remove(const std::string&, const std::string& fileSlug)
 
 void FolderContentStore::probe() const {
   if (::access(storage_.directory().c_str(), W_OK) != 0) {
-    throw ContentStoreUnavailable(name() + " cannot be written: " + std::strerror(errno));
+    throw ContentStoreUnavailable(name() + " cannot be written: " + std::generic_category().message(errno));
   }
 }
 

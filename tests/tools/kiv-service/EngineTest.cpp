@@ -56,10 +56,9 @@ INSTANTIATE_TEST_SUITE_P(
 // Stops or restarts one of the shared engines (scripts/engines.sh halt|resume).
 void engines(const std::string& command, const std::string& engine) {
   const char* folder = std::getenv("KIV_ENGINES");  // NOLINT(concurrency-mt-unsafe): no thread writes it
-  ASSERT_EQ(
-      std::system((quoted(KIV_ENGINES_SCRIPT) + " " + command + " " + quoted(folder) + " " + engine).c_str()),
-      0)
-      << command << " " << engine;
+  const std::string line = quoted(KIV_ENGINES_SCRIPT) + " " + command + " " + quoted(folder) + " " + engine;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the test's own thread is the only one that runs a command
+  ASSERT_EQ(std::system(line.c_str()), 0) << line;
 }
 
 TEST_F(ServiceTest, AnEngineLostWhileRunningAnswers503UntilItIsBack) {
