@@ -105,7 +105,7 @@ start_postgres() {
 stop_postgres() {
   halt_postgres
   [ -f "$dir/postgres.data" ] || return 0
-  rm -rf "$(postgres_data)" "$dir/postgres.data"
+  rm -rf "$(postgres_data)" "$dir/postgres.data" "$dir/postgres-initdb.log"
 }
 
 # The gateway's cluster: cephx with one keyring that holds every daemon's key (the monitor imports it when it
@@ -215,6 +215,7 @@ stop_daemon() {
 
 stop_gateway() {
   [ -d "$dir/ceph" ] || return 0
+  # One after the other: a gateway whose OSD is gone waits for it a long time before it ends.
   stop_daemon client.rgw
   stop_daemon osd.0
   stop_daemon mon.a
@@ -227,15 +228,19 @@ start() {
   stop
   mkdir -p "$dir"
   : >"$dir/engines.env"
-  trap 'stop' ERR
+  # The engines start side by side; each appends its own lines to engines.env when it is up.
+  local engine pid starting=() failed=0
   for engine in "${engines[@]}"; do
     case $engine in
-      postgres) start_postgres ;;
-      gateway) start_gateway ;;
+      postgres | gateway) "start_$engine" & starting+=($!) ;;
       *) fail "unknown engine $engine (postgres or gateway)" ;;
     esac
   done
-  trap - ERR
+  for pid in "${starting[@]}"; do wait "$pid" || failed=1; done
+  if ((failed)); then
+    stop
+    exit 1
+  fi
 }
 
 stop() {
