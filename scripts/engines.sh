@@ -11,7 +11,9 @@
 #   KIV_POSTGRES  libpq connection URI of an empty database "kiv"
 #   KIV_S3_ENDPOINT, KIV_S3_REGION, KIV_S3_ACCESS_KEY, KIV_S3_SECRET_KEY  the gateway and a user of it
 # and prints each engine's start time and resident memory. stop ends only the processes that start wrote down
-# under DIR and removes what they kept. Every wait is bounded; a failed start stops what it had started.
+# under DIR and removes what they kept. Every wait is bounded (KIV_ENGINES_WAIT_SECONDS, 120 by default); a
+# failed start stops what it had started. The OSD keeps objects in memory, at most KIV_GATEWAY_MEMORY_BYTES
+# (3 GiB by default).
 #
 # PostgreSQL refuses to run as root: as root, the cluster runs as the "postgres" user that Debian's package
 # creates, in a folder of its own under /tmp (DIR may lie where that user cannot reach).
