@@ -80,7 +80,8 @@ measure() {
   # A confirmed report: what a GET costs in the records alone (a file not yet proven is looked for in the
   # object store on every GET as well).
   upload_uri=$(api GET "/v1/reports/$slug/file-upload/?type=jpg&file_slug=$file_slug" | json_field '["upload_uri"]')
-  printf x | curl -sS --fail -o /dev/null --cacert "$ca_file" -T - -H 'Content-Length: 1' "$upload_uri"
+  printf x >"$work/x"
+  curl -sS --fail -o /dev/null --cacert "$ca_file" -T "$work/x" "$upload_uri"
   status=$(api GET "/v1/reports/$slug/" | json_field '["status"]') # also verifies TLS; wrk does not check
   [ "$status" = confirmed ] || { echo "$1: the GET report is $status" >&2; exit 1; }
   rate=$(wrk -t2 -c50 -d"${duration}s" -H "Authorization: app-token $token" "$base_url/v1/reports/$slug/" |
