@@ -3,7 +3,9 @@
 
 namespace kiv::detail {
 
+// The decoder is taken by value, as the real decoding keeps it in the picture it returns.
 std::optional<zu::Image> decodePhoto(const zu::Data& /*bytes*/, std::optional<int> /*longerSide*/,
+                                     // NOLINTNEXTLINE(performance-unnecessary-value-param)
                                      zu::Image::FullSizeDecoder /*decodeFullSize*/) {
   return std::nullopt;
 }

@@ -1,13 +1,5 @@
 // kiv add and kiv verify: media files of a report on this device, and their digests.
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <filesystem>
-#include <memory>
-#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -15,9 +7,10 @@
 #include "Commands.hpp"
 #include "Documents.hpp"
 #include "KivSDK/API/KivAPI.hpp"
+#include "KivSDK/Model/KivFileImport.hpp"
+#include "KivSDK/Model/KivReportList.hpp"
 #include "ReportStore.hpp"
 #include "Waiter.hpp"
-#include "ZuDate/ZuDate.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 
 namespace kivcli {
@@ -25,86 +18,22 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A media file on its way into the media folder.
-struct Import {
-  fs::path source;
-  kiv::KivFile record;
-};
-
-std::string systemMessage(int error) { return std::generic_category().message(error); }
-
-/// The time of the file's last change, taken as its capture time. A usage error for what is not a
-/// non-empty regular file; a failure for one that cannot be read.
-zu::Date checkedCaptureTime(const fs::path& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) {
-    reject("cannot add " + path.string() + ": " + systemMessage(errno));
-  }
-  if (S_ISDIR(status.st_mode)) reject("cannot add " + path.string() + ": it is a folder, not a media file");
-  if (!S_ISREG(status.st_mode)) reject("cannot add " + path.string() + ": it is not a regular file");
-  if (status.st_size == 0) reject("cannot add " + path.string() + ": the file is empty");
-  if (::access(path.c_str(), R_OK) != 0) fail("cannot read " + path.string() + ": " + systemMessage(errno));
-  return zu::Date::fromTimeIntervalSince1970(static_cast<double>(status.st_mtim.tv_sec) +
-                                             static_cast<double>(status.st_mtim.tv_nsec) / 1e9);
-}
-
-std::string lowerExtension(const fs::path& path) {
-  std::string extension = path.extension().string();
-  if (!extension.empty()) extension.erase(0, 1);
-  std::transform(extension.begin(), extension.end(), extension.begin(),
-                 [](unsigned char c) { return std::tolower(c); });
-  return extension;
-}
-
-/**
- * The record for `source`: named from its capture time as the capture screen names files
- * ("yyyyMMdd_HHmmss"), with "_2", "_3"... when that name is taken in the media folder or by `taken`, its
- * original name kept as the description.
- */
-kiv::KivFile recordFor(const fs::path& source, std::set<std::string>& taken) {
-  const zu::Date captured = checkedCaptureTime(source);
-  const std::string extension = lowerExtension(source);
-  if (extension.empty() || !zu::ZuFileManager::isPlainPathComponent(extension)) {
-    reject("cannot add " + source.string() + ": without an extension its kind of media cannot be told");
-  }
-  const std::string base = zu::stringWithLocalDateTimeForFileNames(captured);
-  kiv::KivFile record(base, extension, captured);
-  for (int suffix = 2; taken.contains(fileName(record)) || record.hasLocalFile(); ++suffix) {
-    record.name = base + "_" + std::to_string(suffix);
-  }
-  taken.insert(fileName(record));
-  record.description = source.filename().string();
-  return record;
-}
-
-/// Copies (or moves) the file into place: a copy is written beside its destination, then renamed.
-std::optional<std::string> place(const Import& import, bool move) {
-  const zu::URL destination = import.record.fileURL();
-  if (move) {
-    std::optional<zu::Error> failure;
-    zu::ZuFileManager::moveFile(zu::URL::fileURLWithPath(fs::absolute(import.source).string()), destination,
-                                [&](bool, std::optional<zu::Error> error) { failure = std::move(error); });
-    if (failure) return failure->localizedDescription();
-    return std::nullopt;
-  }
-  const fs::path target = destination.path();
-  const fs::path partial = target.string() + ".part";
+/// The report to add to; a usage error that says so when the file came first (kiv add FILE REPORT).
+const kiv::KivReport& reportToAddTo(const ReportStore& store, const std::string& selector) {
   std::error_code error;
-  fs::copy_file(import.source, partial, fs::copy_options::overwrite_existing, error);
-  if (!error) fs::rename(partial, target, error);
-  if (!error) return std::nullopt;
-  fs::remove(partial, error);
-  return error.message();
+  if (!kiv::findReport(store.reports(), selector) && fs::is_regular_file(selector, error)) {
+    reject("\"" + selector + "\" is a file, not a report: the report comes first (kiv add REPORT FILE...)");
+  }
+  return store.find(selector);
 }
 
-/// Puts back what `place` did for `import`.
-void undo(const Import& import, bool move) {
-  const zu::URL placed = import.record.fileURL();
+/// Puts back what the import of `placed` from `source` did.
+void undo(const kiv::KivFile& placed, const fs::path& source, bool move) {
   if (move) {
-    zu::ZuFileManager::moveFile(placed, zu::URL::fileURLWithPath(fs::absolute(import.source).string()),
+    zu::ZuFileManager::moveFile(placed.fileURL(), zu::URL::fileURLWithPath(source.string()),
                                 [](bool, const std::optional<zu::Error>&) {});
   } else {
-    static_cast<void>(zu::ZuFileManager::removeItem(placed));
+    static_cast<void>(zu::ZuFileManager::removeItem(placed.fileURL()));
   }
 }
 
@@ -112,31 +41,30 @@ void undo(const Import& import, bool move) {
 
 void addFiles(const Context& context, const AddOptions& options) {
   const ReportStore store = ReportStore::load();
-  kiv::KivReport report = store.find(options.report);
-  std::set<std::string> taken;
-  for (const kiv::KivFile& file : report.files) taken.insert(fileName(file));
-  // Every file is checked before any is touched.
-  std::vector<Import> imports;
-  for (const std::string& file : options.files) imports.push_back({file, recordFor(file, taken)});
-
-  for (std::size_t i = 0; i < imports.size(); ++i) {
-    if (const auto problem = place(imports[i], options.move)) {
-      for (std::size_t j = 0; j < i; ++j) undo(imports[j], options.move);
-      fail("cannot " + std::string(options.move ? "move " : "copy ") + imports[i].source.string() +
-           " into the media folder: " + problem.value() + "; nothing was added");
+  kiv::KivReport report = reportToAddTo(store, options.report);
+  const std::size_t kept = report.files.size();
+  std::vector<fs::path> sources;
+  for (const std::string& file : options.files) {
+    const fs::path source = fs::absolute(file);
+    const auto imported =
+        kiv::importMediaFile(zu::URL::fileURLWithPath(source.string()), report, store.reports(),
+                             {.move = options.move, .dateTaken = std::nullopt});
+    if (!imported) {
+      for (std::size_t i = 0; i < sources.size(); ++i) undo(report.files[kept + i], sources[i], options.move);
+      fail(imported.error().localizedDescription() + "; nothing was added");
     }
+    report.files.push_back(*imported);
+    sources.push_back(source);
   }
-  for (Import& import : imports) report.files.push_back(import.record);
   report = report.withCalculatedHash();
   ReportStore::save(report);
 
   zu::AnyCodable::Array added;
   std::string text;
-  for (std::size_t i = 0; i < imports.size(); ++i) {
-    const kiv::KivFile& file = report.files[report.files.size() - imports.size() + i];
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    const kiv::KivFile& file = report.files[kept + i];
     added.emplace_back(fileDocument(file));
-    text += "added " + imports[i].source.string() + " as " + fileName(file) + "  " + file.hash.value_or("") +
-            "\n";
+    text += "added " + sources[i].string() + " as " + fileName(file) + "  " + file.hash.value_or("") + "\n";
   }
   context.print({{"report", reportSummary(report)}, {"hash", report.hash}, {"added", std::move(added)}},
                 text);
