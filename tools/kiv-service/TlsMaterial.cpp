@@ -5,6 +5,7 @@
 #include <string>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <openssl/evp.h>
@@ -118,6 +119,9 @@ TlsMaterial ensureTlsMaterial(const std::filesystem::path& dataDir) {
   std::filesystem::create_directories(tlsDir);
   std::filesystem::permissions(tlsDir, std::filesystem::perms::owner_all);
   TlsMaterial paths{dataDir / "ca.pem", tlsDir / "server.pem", tlsDir / "server-key.pem"};
+  // Nodes that share the folder and start together make the material once: the first under the lock.
+  const Descriptor lock(::open((tlsDir / ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  check(lock.get() >= 0 && ::flock(lock.get(), LOCK_EX) == 0, "locking the TLS folder");
   if (!std::filesystem::exists(paths.caCertificate) || !std::filesystem::exists(paths.serverCertificate) ||
       !std::filesystem::exists(paths.serverKey)) {
     makeMaterial(paths);

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "support/Http.hpp"
 #include "support/ServiceProcess.hpp"
 #include "support/TemporaryDirectory.hpp"
-#include "tools/kiv-service/Http.hpp"
 
 namespace kiv::service::test {
 

@@ -1,4 +1,4 @@
-#include "tools/kiv-service/Http.hpp"
+#include "support/Http.hpp"
 
 #include <algorithm>
 #include <memory>
