@@ -1,10 +1,13 @@
 // The service as several machines run it: two kiv-service nodes on the shared engines (PostgreSQL and the
 // object gateway that the CTest fixture started), one certificate between them, haproxy in front; the SDK
 // talks to the balancer only.
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <set>
+#include <thread>
 
 #include <netinet/in.h>
 #include <spawn.h>
@@ -28,6 +31,16 @@ using testing_support::TemporaryDirectory;
 using Status = KivReport::ProofStatus;
 
 constexpr auto kRejoinBound = std::chrono::seconds(60);
+
+/// Waits, within a bound generous enough for a loaded machine, until `condition` holds; whether it does.
+bool eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + kRejoinBound;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));  // haproxy checks twice a second
+  }
+  return true;
+}
 
 int freePort() {
   const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -100,14 +113,9 @@ class Cluster {
     return up;
   }
 
-  /// Waits, within a bound generous enough for a loaded machine, until haproxy counts `count` nodes as up.
+  /// Waits until haproxy counts `count` nodes as up; whether it did.
   bool waitForUpNodes(std::size_t count) const {
-    const auto deadline = std::chrono::steady_clock::now() + kRejoinBound;
-    while (upNodes().size() != count) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(250));  // haproxy checks twice a second
-    }
-    return true;
+    return eventually([&] { return upNodes().size() == count; });
   }
 
  private:
@@ -144,7 +152,8 @@ class ClusterTest : public kivtest::ServiceTest {
     return report.withCalculatedHash();
   }
 
-  /// How many requests for `path` a node's log shows.
+  /// How many requests for `path` a node's log shows. A node logs a request once its answer has gone, so
+  /// the line of the last answer a test received may still be on its way.
   static std::size_t served(ServiceProcess& node, const std::string& request) {
     const std::string log = node.log();
     std::size_t count = 0;
@@ -192,8 +201,12 @@ TEST_F(ClusterTest, ConcurrentReportsThroughBothNodesAreEachStoredOnce) {
     slugs.insert(*outcome->value()->slug);
   }
   EXPECT_EQ(slugs.size(), static_cast<std::size_t>(kReports)) << "no slug given twice";
-  const std::size_t createdByA = served(cluster->node(0), "\"POST /v1/reports/\" 201");
-  const std::size_t createdByB = served(cluster->node(1), "\"POST /v1/reports/\" 201");
+  const auto createdBy = [&](std::size_t node) {
+    return served(cluster->node(node), "\"POST /v1/reports/\" 201");
+  };
+  EXPECT_TRUE(eventually([&] { return createdBy(0) + createdBy(1) >= before + kReports; }));
+  const std::size_t createdByA = createdBy(0);
+  const std::size_t createdByB = createdBy(1);
   EXPECT_EQ(createdByA + createdByB, before + kReports) << "each report created once";
   EXPECT_GT(createdByA, 0u);
   EXPECT_GT(createdByB, 0u);
@@ -257,7 +270,8 @@ TEST_F(ClusterTest, AFlowOutlivesANodeKilledInItsMiddleAndTheNodeRejoins) {
                                     cluster->address().caFile);
     EXPECT_EQ(reply.status, 200);
   }
-  EXPECT_GT(served(cluster->node(0), "\"GET /v1/reports/"), before) << "the rejoined node serves again";
+  EXPECT_TRUE(eventually([&] { return served(cluster->node(0), "\"GET /v1/reports/") > before; }))
+      << "the rejoined node serves again";
 }
 
 // Starts the cluster, then the tests against it; answers the exit status.
