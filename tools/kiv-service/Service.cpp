@@ -112,6 +112,12 @@ BodyHandler onRoute(Faults& faults, std::string route, BodyHandler handler) {
   };
 }
 
+// The handler that calls `member` of `service`: a route of the table, answered by its own member.
+template <class... Arguments>
+std::function<void(Arguments...)> bound(Service& service, void (Service::*member)(Arguments...)) {
+  return [&service, member](Arguments... arguments) { (service.*member)(arguments...); };
+}
+
 // A JSON body, read only now that the request is admitted, and never more than kMaxJsonBodyBytes of it.
 std::string readJsonBody(const ContentReader& reader) {
   std::string body;
@@ -184,11 +190,31 @@ void Service::stop() {
   server_->stop();
 }
 
+// The route table: each route's method, path, the name its faults are switched on by (none for the admin
+// and health routes) and the member that answers it.
 void Service::addRoutes() {
-  addReportRoutes();
-  if (folder_) addStorageRoutes();
-  addAdminRoutes();
-  addHealthRoutes();
+  const auto routed = [this](const char* fault, auto member) {
+    return onRoute(faults_, fault, bound(*this, member));
+  };
+  const std::string report = std::string("/v1/reports/") + kSlug + "/";
+  server_->Post("/v1/reports/", routed("create", &Service::createReport));
+  server_->Patch(report, routed("patch", &Service::patchReport));
+  server_->Get(report, routed("get", &Service::getReport));
+  server_->Get(report + "file-upload/", routed("file-upload", &Service::fileUploadAddresses));
+  server_->Post(report + "force-status/", routed("force-status", &Service::forceStatus));
+  server_->Post(report + "pdf/", routed("pdf", &Service::certificate));
+  server_->Post("/v1/newsletter/", routed("newsletter", &Service::subscribe));
+  server_->Get("/v1/newsletter/", routed("newsletter", &Service::subscriptions));
+  if (folder_) {
+    server_->Put(kStoragePattern, routed("put", &Service::storeUpload));
+    server_->Get(kStoragePattern, routed("download", &Service::serveDownload));
+  }
+  const std::string fault = R"(/admin/faults/([a-z*-]+))";
+  server_->Get("/admin/faults", bound(*this, &Service::listFaults));
+  server_->Put(fault, bound(*this, &Service::setFault));
+  server_->Delete(fault, bound(*this, &Service::clearFault));
+  server_->Get("/health", bound(*this, &Service::health));
+  server_->Get("/ready", bound(*this, &Service::ready));
   // Last: a request with a body that no route takes is refused unread; httplib would read the whole body
   // before answering 404.
   const BodyHandler notFound = [](const Request&, Response& response, const ContentReader&) {
@@ -200,168 +226,140 @@ void Service::addRoutes() {
   server_->Delete(".*", notFound);
 }
 
-void Service::addReportRoutes() {
-  const std::string report = std::string("/v1/reports/") + kSlug + "/";
-
-  server_->Post("/v1/reports/",
-                onRoute(faults_, "create",
-                        [this](const Request& request, Response& response, const ContentReader& reader) {
-                          const ReportRecord created = store_.create(parseReport(readJsonBody(reader)));
-                          answerReport(request, response, created, 201);
-                        }));
-  server_->Patch(report,
-                 onRoute(faults_, "patch",
-                         [this](const Request& request, Response& response, const ContentReader& reader) {
-                           ReportRecord changes = parseReport(readJsonBody(reader));
-                           std::vector<std::string> dropped;
-                           const std::optional<ReportRecord> changed =
-                               store_.replace(request.matches[1], std::move(changes), dropped);
-                           if (!changed) return sendNotFound(response);
-                           for (const std::string& fileSlug : dropped)
-                             content_->remove(changed->slug, fileSlug);
-                           answerReport(request, response, *changed);
-                         }));
-  server_->Get(report, onRoute(faults_, "get", [this](const Request& request, Response& response) {
-                 const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-                 if (!found) return sendNotFound(response);
-                 answerReport(request, response, withArrivedContent(*found));
-               }));
-  server_->Get(report + "file-upload/",
-               onRoute(faults_, "file-upload", [this](const Request& request, Response& response) {
-                 const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-                 if (!found) return sendNotFound(response);
-                 static const std::regex extension("[A-Za-z0-9]{1,16}");
-                 const std::string type = request.get_param_value("type");
-                 const std::string fileSlug = request.get_param_value("file_slug");
-                 if (!std::regex_match(type, extension))
-                   throw BadRequest("'type' must be a file extension such as jpg.");
-                 if (fileSlug.empty()) throw BadRequest("'file_slug' is required.");
-                 const FileRecord* file = fileWithSlug(*found, fileSlug);
-                 if (!file) return sendNotFound(response);
-                 const std::string base = origin(request);
-                 sendJson(response, 200,
-                          {{"upload_uri", fileAddress("PUT", base, found->slug, *file, type)},
-                           {"file", fileAddress("GET", base, found->slug, *file, type)}});
-               }));
-  // Force-status and pdf take no body; one that is sent anyway is left unread.
-  server_->Post(report + "force-status/",
-                onRoute(faults_, "force-status",
-                        [this](const Request& request, Response& response, const ContentReader&) {
-                          const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-                          if (!found) return sendNotFound(response);
-                          // Hash the stored content again: what counts is what is stored now, not what was
-                          // received.
-                          std::vector<std::pair<std::string, std::optional<StoredContent>>> contents;
-                          for (const FileRecord& file : found->files) {
-                            contents.emplace_back(file.slug, content_->inspect(found->slug, file));
-                          }
-                          const std::optional<ReportRecord> updated =
-                              store_.updateStoredContent(found->slug, contents);
-                          if (!updated) return sendNotFound(response);
-                          answerReport(request, response, *updated);
-                        }));
-  server_->Post(
-      report + "pdf/",
-      onRoute(faults_, "pdf", [this](const Request& request, Response& response, const ContentReader&) {
-        const std::optional<ReportRecord> found = store_.find(request.matches[1]);
-        if (!found) return sendNotFound(response);
-        const Language language = negotiateLanguage(request.get_header_value("Accept-Language"));
-        response.set_content(renderCertificate(*found, language), "application/pdf");
-        response.set_header("Content-Disposition", "attachment; filename=\"" + found->slug + ".pdf\"");
-      }));
-  server_->Post(
-      "/v1/newsletter/",
-      onRoute(faults_, "newsletter", [this](const Request&, Response& response, const ContentReader& reader) {
-        const NewsletterRequest subscription = parseNewsletter(readJsonBody(reader));
-        store_.subscribe(subscription.email, subscription.subscriptions);
-        sendJson(response, 200, {{"success", true}});
-      }));
-  server_->Get("/v1/newsletter/",
-               onRoute(faults_, "newsletter", [this](const Request& request, Response& response) {
-                 const std::string email = request.get_param_value("email");
-                 if (email.empty()) throw BadRequest("'email' is required.");
-                 sendJson(response, 200, renderSubscriptions(email, store_.subscriptions(email)));
-               }));
+void Service::createReport(const Request& request, Response& response, const ContentReader& reader) {
+  const ReportRecord created = store_.create(parseReport(readJsonBody(reader)));
+  answerReport(request, response, created, 201);
 }
 
-void Service::addStorageRoutes() {
-  server_->Put(
-      kStoragePattern,
-      onRoute(faults_, "put",
-              [this](const Request& request, Response& response, const ContentReader& reader) {
-                if (!checkSignature(request, response)) return;
-                const std::optional<ReportRecord> report = store_.find(request.matches[1]);
-                if (!report || !fileWithSlug(*report, request.matches[2])) return sendNotFound(response);
-                ContentStorage::Upload upload =
-                    folder_->storage().beginUpload(request.matches[2], request.matches[3]);
-                const bool received =
-                    reader([&](const char* data, std::size_t size) { return upload.write(data, size); });
-                if (!received) return sendDetail(response, 400, "The upload did not complete.");
-                const std::optional<StoredContent> stored = upload.commit();
-                if (!stored) return sendDetail(response, 507, "The content could not be stored.");
-                if (!store_.recordContent(request.matches[1], request.matches[2], *stored)) {
-                  return sendNotFound(response);  // the file was dropped from its report while the upload ran
-                }
-                sendJson(response, 201, {{"hash", stored->sha256}, {"size", stored->size}});
-              }));
-
-  server_->Get(
-      kStoragePattern, onRoute(faults_, "download", [this](const Request& request, Response& response) {
-        if (!checkSignature(request, response)) return;
-        const std::optional<ReportRecord> report = store_.find(request.matches[1]);
-        const FileRecord* file = report ? fileWithSlug(*report, request.matches[2]) : nullptr;
-        if (!file || file->storedExt != request.matches[3].str()) return sendNotFound(response);
-        const int descriptor = ::open(folder_->storage().pathOf(file->slug).c_str(), O_RDONLY | O_CLOEXEC);
-        struct stat status {};
-        if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
-          if (descriptor >= 0) ::close(descriptor);
-          return sendNotFound(response);
-        }
-        // Served in blocks from the file, so memory stays flat however large it is; httplib applies
-        // Range.
-        response.set_content_provider(
-            static_cast<std::size_t>(status.st_size), contentType(file->storedExt.value_or("")),
-            [descriptor](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-              std::array<char, 1 << 16> block{};
-              const ssize_t got = ::pread(descriptor, block.data(), std::min(length, block.size()),
-                                          static_cast<off_t>(offset));
-              return got > 0 && sink.write(block.data(), static_cast<std::size_t>(got));
-            },
-            [descriptor](bool) { ::close(descriptor); });
-      }));
+void Service::patchReport(const Request& request, Response& response, const ContentReader& reader) {
+  ReportRecord changes = parseReport(readJsonBody(reader));
+  std::vector<std::string> dropped;
+  const std::optional<ReportRecord> changed = store_.replace(request.matches[1], std::move(changes), dropped);
+  if (!changed) return sendNotFound(response);
+  for (const std::string& fileSlug : dropped) content_->remove(changed->slug, fileSlug);
+  answerReport(request, response, *changed);
 }
 
-void Service::addAdminRoutes() {
-  const std::string faultPattern = R"(/admin/faults/([a-z*-]+))";
-  server_->Get("/admin/faults",
-               [this](const Request&, Response& response) { sendJson(response, 200, faults_.toJson()); });
-  server_->Put(faultPattern, [this](const Request& request, Response& response, const ContentReader& reader) {
-    if (!Faults::isRoute(request.matches[1].str())) return sendNotFound(response);
-    answer(request, response, [&] {
-      const std::optional<Fault> fault = Fault::fromJson(parseJson(readJsonBody(reader)));
-      if (!fault) throw BadRequest(R"(Expected {"kind": ..., "ms", "status", "text", "times"}.)");
-      faults_.set(request.matches[1], *fault);
-      sendJson(response, 200, fault->toJson());
-    });
+void Service::getReport(const Request& request, Response& response) {
+  const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+  if (!found) return sendNotFound(response);
+  answerReport(request, response, withArrivedContent(*found));
+}
+
+void Service::fileUploadAddresses(const Request& request, Response& response) {
+  const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+  if (!found) return sendNotFound(response);
+  static const std::regex extension("[A-Za-z0-9]{1,16}");
+  const std::string type = request.get_param_value("type");
+  const std::string fileSlug = request.get_param_value("file_slug");
+  if (!std::regex_match(type, extension)) throw BadRequest("'type' must be a file extension such as jpg.");
+  if (fileSlug.empty()) throw BadRequest("'file_slug' is required.");
+  const FileRecord* file = fileWithSlug(*found, fileSlug);
+  if (!file) return sendNotFound(response);
+  const std::string base = origin(request);
+  sendJson(response, 200,
+           {{"upload_uri", fileAddress("PUT", base, found->slug, *file, type)},
+            {"file", fileAddress("GET", base, found->slug, *file, type)}});
+}
+
+// Force-status and pdf take no body; one that is sent anyway is left unread.
+void Service::forceStatus(const Request& request, Response& response, const ContentReader&) {
+  const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+  if (!found) return sendNotFound(response);
+  // Hash the stored content again: what counts is what is stored now, not what was received.
+  std::vector<std::pair<std::string, std::optional<StoredContent>>> contents;
+  for (const FileRecord& file : found->files) {
+    contents.emplace_back(file.slug, content_->inspect(found->slug, file));
+  }
+  const std::optional<ReportRecord> updated = store_.updateStoredContent(found->slug, contents);
+  if (!updated) return sendNotFound(response);
+  answerReport(request, response, *updated);
+}
+
+void Service::certificate(const Request& request, Response& response, const ContentReader&) {
+  const std::optional<ReportRecord> found = store_.find(request.matches[1]);
+  if (!found) return sendNotFound(response);
+  const Language language = negotiateLanguage(request.get_header_value("Accept-Language"));
+  response.set_content(renderCertificate(*found, language), "application/pdf");
+  response.set_header("Content-Disposition", "attachment; filename=\"" + found->slug + ".pdf\"");
+}
+
+void Service::subscribe(const Request&, Response& response, const ContentReader& reader) {
+  const NewsletterRequest subscription = parseNewsletter(readJsonBody(reader));
+  store_.subscribe(subscription.email, subscription.subscriptions);
+  sendJson(response, 200, {{"success", true}});
+}
+
+void Service::subscriptions(const Request& request, Response& response) {
+  const std::string email = request.get_param_value("email");
+  if (email.empty()) throw BadRequest("'email' is required.");
+  sendJson(response, 200, renderSubscriptions(email, store_.subscriptions(email)));
+}
+
+void Service::storeUpload(const Request& request, Response& response, const ContentReader& reader) {
+  if (!checkSignature(request, response)) return;
+  const std::optional<ReportRecord> report = store_.find(request.matches[1]);
+  if (!report || !fileWithSlug(*report, request.matches[2])) return sendNotFound(response);
+  ContentStorage::Upload upload = folder_->storage().beginUpload(request.matches[2], request.matches[3]);
+  const bool received = reader([&](const char* data, std::size_t size) { return upload.write(data, size); });
+  if (!received) return sendDetail(response, 400, "The upload did not complete.");
+  const std::optional<StoredContent> stored = upload.commit();
+  if (!stored) return sendDetail(response, 507, "The content could not be stored.");
+  if (!store_.recordContent(request.matches[1], request.matches[2], *stored)) {
+    return sendNotFound(response);  // the file was dropped from its report while the upload ran
+  }
+  sendJson(response, 201, {{"hash", stored->sha256}, {"size", stored->size}});
+}
+
+void Service::serveDownload(const Request& request, Response& response) {
+  if (!checkSignature(request, response)) return;
+  const std::optional<ReportRecord> report = store_.find(request.matches[1]);
+  const FileRecord* file = report ? fileWithSlug(*report, request.matches[2]) : nullptr;
+  if (!file || file->storedExt != request.matches[3].str()) return sendNotFound(response);
+  const int descriptor = ::open(folder_->storage().pathOf(file->slug).c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat status {};
+  if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
+    if (descriptor >= 0) ::close(descriptor);
+    return sendNotFound(response);
+  }
+  // Served in blocks from the file, so memory stays flat however large it is; httplib applies Range.
+  response.set_content_provider(
+      static_cast<std::size_t>(status.st_size), contentType(file->storedExt.value_or("")),
+      [descriptor](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+        std::array<char, 1 << 16> block{};
+        const ssize_t got =
+            ::pread(descriptor, block.data(), std::min(length, block.size()), static_cast<off_t>(offset));
+        return got > 0 && sink.write(block.data(), static_cast<std::size_t>(got));
+      },
+      [descriptor](bool) { ::close(descriptor); });
+}
+
+void Service::listFaults(const Request&, Response& response) { sendJson(response, 200, faults_.toJson()); }
+
+void Service::setFault(const Request& request, Response& response, const ContentReader& reader) {
+  if (!Faults::isRoute(request.matches[1].str())) return sendNotFound(response);
+  answer(request, response, [&] {
+    const std::optional<Fault> fault = Fault::fromJson(parseJson(readJsonBody(reader)));
+    if (!fault) throw BadRequest(R"(Expected {"kind": ..., "ms", "status", "text", "times"}.)");
+    faults_.set(request.matches[1], *fault);
+    sendJson(response, 200, fault->toJson());
   });
-  server_->Delete(faultPattern, [this](const Request& request, Response& response, const ContentReader&) {
-    faults_.clear(request.matches[1]);
-    response.status = 204;
-  });
+}
+
+void Service::clearFault(const Request& request, Response& response, const ContentReader&) {
+  faults_.clear(request.matches[1]);
+  response.status = 204;
 }
 
 // /health answers while the process serves; /ready only while both engines answer too, so that a balancer
 // sends requests elsewhere while this node cannot reach them.
-void Service::addHealthRoutes() {
-  server_->Get("/health", [](const Request&, Response& response) {
-    sendJson(response, 200, {{"status", "ok"}});
-  });
-  server_->Get("/ready", [this](const Request& request, Response& response) {
-    answer(request, response, [&] {
-      store_.probe();
-      content_->probe();
-      sendJson(response, 200, {{"status", "ready"}});
-    });
+void Service::health(const Request&, Response& response) { sendJson(response, 200, {{"status", "ok"}}); }
+
+void Service::ready(const Request& request, Response& response) {
+  answer(request, response, [&] {
+    store_.probe();
+    content_->probe();
+    sendJson(response, 200, {{"status", "ready"}});
   });
 }
 

@@ -12,6 +12,7 @@
 #include "TlsMaterial.hpp"
 
 namespace httplib {
+class ContentReader;
 struct Request;
 struct Response;
 }  // namespace httplib
@@ -50,10 +51,34 @@ class Service {
 
  private:
   void addRoutes();
-  void addReportRoutes();
-  void addStorageRoutes();
-  void addAdminRoutes();
-  void addHealthRoutes();
+
+  // The routes, one member each. Those under /v1/ run behind `admit` and their fault switch.
+  void createReport(const httplib::Request& request, httplib::Response& response,
+                    const httplib::ContentReader& reader);
+  void patchReport(const httplib::Request& request, httplib::Response& response,
+                   const httplib::ContentReader& reader);
+  void getReport(const httplib::Request& request, httplib::Response& response);
+  void fileUploadAddresses(const httplib::Request& request, httplib::Response& response);
+  void forceStatus(const httplib::Request& request, httplib::Response& response,
+                   const httplib::ContentReader&);
+  void certificate(const httplib::Request& request, httplib::Response& response,
+                   const httplib::ContentReader&);
+  void subscribe(const httplib::Request& request, httplib::Response& response,
+                 const httplib::ContentReader& reader);
+  void subscriptions(const httplib::Request& request, httplib::Response& response);
+  // The service's own storage, when content is kept in the data folder: signed addresses only.
+  void storeUpload(const httplib::Request& request, httplib::Response& response,
+                   const httplib::ContentReader& reader);
+  void serveDownload(const httplib::Request& request, httplib::Response& response);
+  // The fault switches, and the node's health for a balancer.
+  void listFaults(const httplib::Request& request, httplib::Response& response);
+  void setFault(const httplib::Request& request, httplib::Response& response,
+                const httplib::ContentReader& reader);
+  void clearFault(const httplib::Request& request, httplib::Response& response,
+                  const httplib::ContentReader&);
+  void health(const httplib::Request& request, httplib::Response& response);
+  void ready(const httplib::Request& request, httplib::Response& response);
+
   bool admit(const httplib::Request& request, httplib::Response& response) const;
   bool authorised(const httplib::Request& request, httplib::Response& response) const;
   std::string origin(const httplib::Request& request) const;
