@@ -86,10 +86,11 @@ Certificate signerOf(CMS_ContentInfo* cms) {
 std::string cmsFailure() {
   const unsigned long code = ERR_peek_last_error();
   const std::string reason = takeOpenSSLError("unknown failure");
-  if (ERR_GET_LIB(code) == ERR_LIB_CMS && ERR_GET_REASON(code) == CMS_R_VERIFICATION_FAILURE) {
+  const int cmsReason = ERR_GET_LIB(code) == ERR_LIB_CMS ? ERR_GET_REASON(code) : 0;
+  if (cmsReason == CMS_R_CONTENT_VERIFY_ERROR || cmsReason == CMS_R_VERIFICATION_FAILURE) {
     return "the signed bytes were changed after signing (" + reason + ")";
   }
-  if (ERR_GET_LIB(code) == ERR_LIB_CMS && ERR_GET_REASON(code) == CMS_R_CERTIFICATE_VERIFY_ERROR) {
+  if (cmsReason == CMS_R_CERTIFICATE_VERIFY_ERROR) {
     return "the signer's certificate does not chain to the CA (" + reason + ")";
   }
   return "the signature does not verify (" + reason + ")";

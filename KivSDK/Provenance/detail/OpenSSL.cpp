@@ -51,11 +51,19 @@ zu::Data derSignature(std::span<const std::uint8_t> signature) {
 }  // namespace
 
 std::string takeOpenSSLError(std::string_view fallback) {
-  const unsigned long code = ERR_peek_last_error();
+  const char* data = nullptr;
+  int flags = 0;
+  const unsigned long code = ERR_peek_last_error_data(&data, &flags);
+  const char* reason = code == 0 ? nullptr : ERR_reason_error_string(code);
+  std::string text = reason ? reason : std::string(fallback);
+  // Some failures say more in their data: the certificate check says why the chain does not hold.
+  if (reason && data && (flags & ERR_TXT_STRING) != 0 && *data != '\0') {
+    std::string_view detail = data;
+    if (detail.starts_with("Verify error:")) detail.remove_prefix(13);
+    text = std::string(detail);
+  }
   ERR_clear_error();
-  if (code == 0) return std::string(fallback);
-  const char* reason = ERR_reason_error_string(code);
-  return reason ? std::string(reason) : std::string(fallback);
+  return text;
 }
 
 Bio readingBio(std::span<const std::uint8_t> bytes) {

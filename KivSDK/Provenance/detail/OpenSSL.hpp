@@ -28,7 +28,8 @@ using TimestampResponse = zu::detail::UniqueHandle<TS_RESP, TS_RESP_free>;
 inline void freeCertificates(STACK_OF(X509) * certificates) { sk_X509_pop_free(certificates, X509_free); }
 using Certificates = zu::detail::UniqueHandle<STACK_OF(X509), freeCertificates>;
 
-/// OpenSSL's reason for its last failure, and clears its error queue; `fallback` when it gives none.
+/// OpenSSL's reason for its last failure (with its details, when it has some), and clears its error queue;
+/// `fallback` when it gives none.
 std::string takeOpenSSLError(std::string_view fallback);
 
 /// A memory BIO reading `bytes`, which must outlive it.
