@@ -235,6 +235,13 @@ zu::Data timestampOver(std::string_view data, const TestAuthority& authority, co
   return der;
 }
 
+zu::Data pdfOf(const std::map<int, std::string>& objects, const std::string& trailer) {
+  PdfWriter writer;
+  for (const auto& [number, body] : objects) writer.object(number, body);
+  const std::string pdf = writer.finish(trailer);
+  return {pdf.begin(), pdf.end()};
+}
+
 zu::Data signedCertificatePdf(const std::map<std::string, std::string>& attachments, X509* signer,
                               EVP_PKEY* key) {
   PdfWriter base;
