@@ -1,6 +1,7 @@
 // kiv-capture: the capture screen as a program. It opens on the camera (or the synthetic one) to take one
 // photo or video, or on a file to review it; on "save" it prints the file's path and, with --report, adds
-// the file to that report in the SDK's store the way a host application does.
+// the file to that report in the SDK's store the way a host application does, with the device's signed
+// statement about it.
 //
 //   kiv-capture [--synthetic] [--photo] [--directory DIR] [--report REPORT] [--verbose]
 //   kiv-capture --review FILE [--autoplay] [--directory DIR] [--report REPORT]
@@ -21,7 +22,7 @@
 #include "KivMediaCaptureAndPlayViewController/gstreamer/GstMediaPlayer.hpp"
 #include "KivMediaCaptureAndPlayViewController/qt/KivMediaCaptureAndPlayWidget.hpp"
 #include "KivMediaCaptureAndPlayViewController/qt/QtCapturePlatform.hpp"
-#include "KivSDK/Model/KivFileImport.hpp"
+#include "KivSDK/Provenance/KivProvenance.hpp"
 #include "ZuLogger/ZuLogger.hpp"
 
 namespace {
@@ -93,14 +94,14 @@ class Host final : public zu::KivMediaCaptureAndPlayViewControllerDelegate {
       std::cout << fileURL.path() << std::endl;
       return true;
     }
-    const auto added = kiv::addMediaFileToStoredReport(fileURL, *options_.report);
+    const auto added = kiv::KivProvenance::addSignedMediaFileToStoredReport(fileURL, *options_.report);
     if (!added) {
       std::cerr << "kiv-capture: " << fileURL.path()
                 << " could not be added to the report: " << added.error().localizedDescription() << "\n";
       return false;
     }
     std::cerr << (added->reportCreated ? "Made report \"" : "Added to report \"") << added->report.name
-              << "\" (" << added->report.id->uuidString() << ")\n";
+              << "\" (" << added->report.id->uuidString() << "), with a signed statement\n";
     std::cout << added->file.fileURL().path() << std::endl;
     return true;
   }

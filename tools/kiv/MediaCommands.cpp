@@ -16,6 +16,7 @@
 #include "Documents.hpp"
 #include "KivSDK/API/KivAPI.hpp"
 #include "ReportStore.hpp"
+#include "Statements.hpp"
 #include "Waiter.hpp"
 #include "ZuDate/ZuDate.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
@@ -128,18 +129,29 @@ void addFiles(const Context& context, const AddOptions& options) {
   }
   for (Import& import : imports) report.files.push_back(import.record);
   report = report.withCalculatedHash();
+  const std::vector<kiv::KivFile> added(report.files.end() - static_cast<std::ptrdiff_t>(imports.size()),
+                                        report.files.end());
+  std::string keyId;
+  try {
+    keyId = signStatements(report, added);
+  } catch (const CommandError&) {
+    for (const Import& import : imports) undo(import, options.move);
+    throw;
+  }
   ReportStore::save(report);
 
-  zu::AnyCodable::Array added;
+  zu::AnyCodable::Array documents;
   std::string text;
   for (std::size_t i = 0; i < imports.size(); ++i) {
-    const kiv::KivFile& file = report.files[report.files.size() - imports.size() + i];
-    added.emplace_back(fileDocument(file));
-    text += "added " + imports[i].source.string() + " as " + fileName(file) + "  " + file.hash.value_or("") +
-            "\n";
+    documents.emplace_back(fileDocument(added[i]));
+    text += "added " + imports[i].source.string() + " as " + fileName(added[i]) + "  " +
+            added[i].hash.value_or("") + "\n";
   }
-  context.print({{"report", reportSummary(report)}, {"hash", report.hash}, {"added", std::move(added)}},
-                text);
+  context.print({{"report", reportSummary(report)},
+                 {"hash", report.hash},
+                 {"added", std::move(documents)},
+                 {"keyId", keyId.empty() ? zu::AnyCodable() : zu::AnyCodable(keyId)}},
+                keyId.empty() ? text : text + "statements signed with device key " + keyId);
 }
 
 // ---- verify ----

@@ -10,6 +10,7 @@
 #include "KivSDK/API/KivAPI.hpp"
 #include "ReportStore.hpp"
 #include "ServiceCommands.hpp"
+#include "Statements.hpp"
 #include "Waiter.hpp"
 
 namespace kivcli {
@@ -65,8 +66,13 @@ void sendReport(const Context& context, const ReportOptions& options) {
       [&](auto completion) { kiv::KivAPI::send(hashed, options.language, std::move(completion)); });
   const kiv::KivReport merged = hashed.merge(*sent);
   ReportStore::save(merged);
-  context.print(reportDocument(merged), "sent " + merged.name + ": slug " + merged.slug.value_or("-") +
-                                            ", status " + statusText(merged));
+  // The service checks statements against the report's digests, so they follow the report.
+  zu::AnyCodable::Array statements = sendStatements(context, merged);
+  const std::size_t count = statements.size();
+  zu::AnyCodable::Dictionary document = reportDocument(merged);
+  document.set("statements", std::move(statements));
+  context.print(document, "sent " + merged.name + ": slug " + merged.slug.value_or("-") + ", status " +
+                              statusText(merged) + ", " + std::to_string(count) + " device statement(s)");
 }
 
 void reportStatus(const Context& context, const ReportOptions& options) {
