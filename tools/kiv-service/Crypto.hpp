@@ -24,6 +24,9 @@ class Sha256 {
   Handle<EVP_MD_CTX, EVP_MD_CTX_free> context_;
 };
 
+/// The hexadecimal SHA-256 of `bytes`.
+std::string sha256Hex(std::string_view bytes);
+
 /// The hexadecimal SHA-256 of a file, read in blocks; empty when the file cannot be read.
 std::string sha256OfFile(const std::filesystem::path& path);
 

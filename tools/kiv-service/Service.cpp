@@ -21,6 +21,7 @@
 #include "Crypto.hpp"
 #include "HttpsServer.hpp"
 #include "Pdf.hpp"
+#include "Statements.hpp"
 #include "Wire.hpp"
 
 namespace kiv::service {
@@ -123,6 +124,18 @@ std::string contentType(const std::string& ext) {
   return found == types.end() ? "application/octet-stream" : found->second;
 }
 
+// Device keys belong to the application token that registered them; the store keeps a digest of it, never
+// the token.
+std::string ownerOf(const Request& request) { return sha256Hex(request.get_header_value("Authorization")); }
+
+json renderStatements(const std::vector<StatementRecord>& statements) {
+  json list = json::array();
+  for (const StatementRecord& statement : statements) {
+    list.push_back({{"file_name", statement.fileName}, {"key_id", statement.key.keyId}});
+  }
+  return {{"statements", std::move(list)}};
+}
+
 const FileRecord* fileWithSlug(const ReportRecord& report, const std::string& slug) {
   for (const FileRecord& file : report.files) {
     if (file.slug == slug) return &file;
@@ -135,7 +148,11 @@ const FileRecord* fileWithSlug(const ReportRecord& report, const std::string& sl
 Service::Service(const Options& options)
     : options_(options),
       tls_(ensureTlsMaterial(options.dataDir)),
-      store_(options.dataDir / "kiv-service.sqlite3"),
+      provenance_(options.dataDir, tls_),
+      store_(options.dataDir / "kiv-service.sqlite3",
+             [this](const ReportRecord& report, const std::vector<StatementRecord>& statements) {
+               return provenance_.issue(report, statements);
+             }),
       content_(options.dataDir / "files"),
       signer_(options.dataDir / "tls" / "url-signing.key"),
       server_(std::make_unique<HttpsServer>(tls_, static_cast<std::size_t>(options.threads))) {
@@ -172,6 +189,7 @@ void Service::stop() {
 
 void Service::addRoutes() {
   addReportRoutes();
+  addProvenanceRoutes();
   addStorageRoutes();
   addAdminRoutes();
   // Last: a request with a body that no route takes is refused unread; httplib would read the whole body
@@ -254,7 +272,10 @@ void Service::addReportRoutes() {
         const std::optional<ReportRecord> found = store_.find(request.matches[1]);
         if (!found) return sendNotFound(response);
         const Language language = negotiateLanguage(request.get_header_value("Accept-Language"));
-        response.set_content(renderCertificate(*found, language), "application/pdf");
+        const std::optional<ManifestRecord> manifest = store_.manifest(found->slug);
+        response.set_content(
+            manifest ? provenance_.certificate(*manifest, language) : renderCertificate(*found, language),
+            "application/pdf");
         response.set_header("Content-Disposition", "attachment; filename=\"" + found->slug + ".pdf\"");
       }));
   server_->Post(
@@ -269,6 +290,47 @@ void Service::addReportRoutes() {
                  const std::string email = request.get_param_value("email");
                  if (email.empty()) throw BadRequest("'email' is required.");
                  sendJson(response, 200, renderSubscriptions(email, store_.subscriptions(email)));
+               }));
+}
+
+void Service::addProvenanceRoutes() {
+  const std::string report = std::string("/v1/reports/") + kSlug + "/";
+  server_->Post(
+      "/v1/device-keys/",
+      onRoute(
+          faults_, "device-keys",
+          [this](const Request& request, Response& response, const ContentReader& reader) {
+            const DeviceKey key = deviceKeyFrom(parsePublicKey(readJsonBody(reader)));
+            const bool created = store_.registerDeviceKey(ownerOf(request), key);
+            sendJson(response, created ? 201 : 200, {{"key_id", key.keyId}, {"public_key", key.publicKey}});
+          }));
+  server_->Post(report + "statements/",
+                onRoute(faults_, "statements",
+                        [this](const Request& request, Response& response, const ContentReader& reader) {
+                          const std::string owner = ownerOf(request);
+                          const std::vector<StatementRecord> statements = verifyStatements(
+                              parseStatementList(readJsonBody(reader)),
+                              [&](const std::string& keyId) { return store_.deviceKey(owner, keyId); });
+                          const std::optional<std::vector<StatementRecord>> kept = store_.addStatements(
+                              request.matches[1], statements, [&](const ReportRecord& found, bool issued) {
+                                checkStatementsFit(found, issued, statements);
+                              });
+                          if (!kept) return sendNotFound(response);
+                          sendJson(response, 200, renderStatements(*kept));
+                        }));
+  server_->Get(report + "manifest/",
+               onRoute(faults_, "manifest", [this](const Request& request, Response& response) {
+                 if (const std::optional<ManifestRecord> manifest = manifestFor(request, response))
+                   response.set_content(manifest->jws, "application/jose");
+               }));
+  server_->Get(report + "timestamp/",
+               onRoute(faults_, "timestamp", [this](const Request& request, Response& response) {
+                 if (const std::optional<ManifestRecord> manifest = manifestFor(request, response))
+                   response.set_content(manifest->timestamp, "application/timestamp-reply");
+               }));
+  server_->Get("/v1/provenance/certificates/",
+               onRoute(faults_, "certificates", [this](const Request&, Response& response) {
+                 response.set_content(provenance_.certificateChain(), "application/pem-certificate-chain");
                }));
 }
 
@@ -392,6 +454,17 @@ void Service::answerReport(const Request& request, Response& response, const Rep
              const std::string path = storagePath(report.slug, file, *file.storedExt);
              return base + path + "?" + signer_.sign("GET", path, options_.downloadUrlTtl);
            }));
+}
+
+std::optional<ManifestRecord> Service::manifestFor(const Request& request, Response& response) {
+  if (!store_.find(request.matches[1])) {
+    sendNotFound(response);
+    return std::nullopt;
+  }
+  std::optional<ManifestRecord> manifest = store_.manifest(request.matches[1]);
+  if (!manifest)
+    sendDetail(response, 409, "The report has no manifest yet: it is issued when the report is confirmed.");
+  return manifest;
 }
 
 bool Service::checkSignature(const Request& request, Response& response) const {

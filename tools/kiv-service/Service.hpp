@@ -1,10 +1,12 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Faults.hpp"
 #include "Options.hpp"
+#include "Provenance.hpp"
 #include "Storage.hpp"
 #include "Store.hpp"
 #include "TlsMaterial.hpp"
@@ -45,6 +47,7 @@ class Service {
  private:
   void addRoutes();
   void addReportRoutes();
+  void addProvenanceRoutes();
   void addStorageRoutes();
   void addAdminRoutes();
   bool admit(const httplib::Request& request, httplib::Response& response) const;
@@ -55,9 +58,12 @@ class Service {
   void answerReport(const httplib::Request& request, httplib::Response& response, const ReportRecord& report,
                     int status = 200) const;
   bool checkSignature(const httplib::Request& request, httplib::Response& response) const;
+  /// The manifest of the request's report; answers 404 or 409 itself when there is none.
+  std::optional<ManifestRecord> manifestFor(const httplib::Request& request, httplib::Response& response);
 
   Options options_;
   TlsMaterial tls_;
+  Provenance provenance_;
   Store store_;
   ContentStorage content_;
   UrlSigner signer_;

@@ -51,6 +51,11 @@ Statement& Statement::bind(int index, std::int64_t number) {
   return *this;
 }
 
+Statement& Statement::bind(int index, Blob blob) {
+  sqlite3_bind_blob64(statement_.get(), index, blob.bytes.data(), blob.bytes.size(), SQLITE_TRANSIENT);
+  return *this;
+}
+
 bool Statement::step() {
   const int status = sqlite3_step(statement_.get());
   if (status == SQLITE_ROW) return true;
@@ -73,6 +78,13 @@ std::optional<std::string> Statement::optionalText(int column) const {
 }
 
 std::int64_t Statement::integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
+
+std::string Statement::blob(int column) const {
+  const void* bytes = sqlite3_column_blob(statement_.get(), column);
+  if (!bytes) return {};
+  return {static_cast<const char*>(bytes),
+          static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))};
+}
 
 Database::Database(const std::filesystem::path& path) : database_(open(path)) {
   sqlite3_busy_timeout(database_.get(), 5000);

@@ -12,6 +12,11 @@
 
 namespace kiv::service::sqlite {
 
+/// Bytes that are bound and stored as a BLOB rather than as text.
+struct Blob {
+  std::string_view bytes;
+};
+
 /// A prepared statement. Binding is by 1-based position; `step` returns true while there is a row.
 class Statement {
  public:
@@ -21,6 +26,7 @@ class Statement {
   Statement& bind(int index, const std::string& text) { return bind(index, std::string_view(text)); }
   Statement& bind(int index, const std::optional<std::string>& text);
   Statement& bind(int index, std::int64_t number);
+  Statement& bind(int index, Blob blob);
 
   /// Binds `values` to positions 1, 2, ... in order.
   template <typename... Values>
@@ -38,6 +44,7 @@ class Statement {
   std::string text(int column) const;
   std::optional<std::string> optionalText(int column) const;
   std::int64_t integer(int column) const;
+  std::string blob(int column) const;
 
  private:
   sqlite3* database_;

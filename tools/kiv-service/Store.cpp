@@ -16,7 +16,8 @@ std::string evaluateProofStatus(const std::vector<FileRecord>& files) {
   return allConfirmed ? "confirmed" : "pending";
 }
 
-Store::Store(const std::filesystem::path& databaseFile) : database_(databaseFile) {
+Store::Store(const std::filesystem::path& databaseFile, ManifestIssuer issueManifest)
+    : database_(databaseFile), issueManifest_(std::move(issueManifest)) {
   database_.execute(R"sql(
     PRAGMA journal_mode = WAL;
     PRAGMA synchronous = NORMAL;
@@ -32,6 +33,15 @@ Store::Store(const std::filesystem::path& databaseFile) : database_(databaseFile
     CREATE TABLE IF NOT EXISTS subscriptions (
       email TEXT NOT NULL, list_name TEXT NOT NULL, status TEXT NOT NULL, merge_fields TEXT,
       PRIMARY KEY (email, list_name));
+    CREATE TABLE IF NOT EXISTS device_keys (
+      owner TEXT NOT NULL, key_id TEXT NOT NULL, public_key TEXT NOT NULL, PRIMARY KEY (owner, key_id));
+    CREATE TABLE IF NOT EXISTS statements (
+      report_slug TEXT NOT NULL REFERENCES reports(slug) ON DELETE CASCADE, file_name TEXT NOT NULL,
+      sha256 TEXT NOT NULL, key_id TEXT NOT NULL, public_key TEXT NOT NULL, jws TEXT NOT NULL,
+      PRIMARY KEY (report_slug, file_name));
+    CREATE TABLE IF NOT EXISTS manifests (
+      report_slug TEXT PRIMARY KEY REFERENCES reports(slug) ON DELETE CASCADE, jws TEXT NOT NULL,
+      timestamp BLOB NOT NULL, issued_at TEXT NOT NULL);
   )sql");
 }
 
@@ -88,6 +98,7 @@ std::optional<ReportRecord> Store::replace(const std::string& slug, ReportRecord
   database_.prepare("DELETE FROM files WHERE report_slug = ?").bindAll(slug).run();
   for (std::size_t i = 0; i < report.files.size(); ++i)
     insertFile(slug, static_cast<int>(i), report.files[i]);
+  issueManifestIfConfirmed(report);
   transaction.commit();
   return report;
 }
@@ -200,6 +211,7 @@ void Store::insertFile(const std::string& reportSlug, int position, const FileRe
 void Store::saveStatus(ReportRecord& report) {
   report.status = evaluateProofStatus(report.files);
   database_.prepare("UPDATE reports SET status = ? WHERE slug = ?").bindAll(report.status, report.slug).run();
+  issueManifestIfConfirmed(report);
 }
 
 }  // namespace kiv::service

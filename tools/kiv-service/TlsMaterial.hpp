@@ -7,6 +7,7 @@ namespace kiv::service {
 /// Where the service's TLS files live under its data folder.
 struct TlsMaterial {
   std::filesystem::path caCertificate;      ///< the CA clients trust; DIR/ca.pem
+  std::filesystem::path caKey;              ///< the CA's key, which also issues the provenance certificates
   std::filesystem::path serverCertificate;  ///< for localhost and 127.0.0.1, signed by the CA
   std::filesystem::path serverKey;
 };
