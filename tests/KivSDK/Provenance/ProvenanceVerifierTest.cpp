@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include "KivSDK/Provenance/CertificateMaker.hpp"
 #include "KivSDK/Provenance/FileStatement.hpp"
 #include "KivSDK/Provenance/Tampering.hpp"
@@ -60,8 +62,8 @@ zu::Data pdfOf(const TestAuthority& authority, const Report& report) {
       authority.signing.get(), authority.signingKey.get());
 }
 
-Made* makeSet() {
-  auto* made = new Made;
+std::unique_ptr<Made> makeSet() {
+  auto made = std::make_unique<Made>();
   const fs::path root = made->folder.path();
   const auto key = kiv::DeviceKey::at((root / "device.pem").string());
   GenuineSet& set = made->set;
@@ -86,7 +88,7 @@ Made* makeSet() {
 
 // Built once for the program: the tampers derive from it in memory and in scratch folders.
 const Made& made() {
-  static const Made* instance = makeSet();
+  static const std::unique_ptr<const Made> instance(makeSet());
   return *instance;
 }
 
@@ -126,45 +128,12 @@ TEST_P(CertificateTamper, IsCaughtByItsCheckAndTheGenuineSetHoldsEverywhere) {
   const kiv::ProvenanceCheck* check = result.check(checkName(GetParam(), set));
   ASSERT_NE(check, nullptr) << describe(result);
   EXPECT_FALSE(check->passed) << describe(result);
-  EXPECT_FALSE(check->message.empty());
+  EXPECT_NE(check->message.find(GetParam().failingMessage), std::string::npos) << describe(result);
   EXPECT_FALSE(result.passed());
 }
 
 INSTANTIATE_TEST_SUITE_P(Certificates, CertificateTamper, ::testing::ValuesIn(tampers()),
                          [](const auto& info) { return info.param.name; });
-
-TEST(ProvenanceVerifier, NamesWhatFailedInWords) {
-  const GenuineSet& set = made().set;
-  testing_support::TemporaryDirectory scratch;
-  const auto byName = [&](const std::string& tamper) {
-    for (const Tamper& each : tampers()) {
-      if (each.name == tamper) return verified(each.apply(set, scratch.path()));
-    }
-    return kiv::ProvenanceVerification();
-  };
-  const std::string first = set.fileNames[0];
-  EXPECT_EQ(byName("missing_file").check("file:" + first)->message,
-            "missing: the manifest lists it, but it is not among the given files");
-  EXPECT_NE(byName("pdf_update_appended")
-                .check("pdf-coverage")
-                ->message.find("bytes were added after the signed range"),
-            std::string::npos);
-  EXPECT_NE(byName("timestamp_of_another_manifest")
-                .check("timestamp")
-                ->message.find("over other data than manifest.jws"),
-            std::string::npos);
-  EXPECT_NE(byName("statement_by_unregistered_key")
-                .check("statement:" + first)
-                ->message.find("which is not among the manifest's registered device keys"),
-            std::string::npos);
-  EXPECT_NE(byName("statement_swapped_for_another_reports")
-                .check("statement:" + first)
-                ->message.find("the statement is about 20240601_120000.jpg, not this file"),
-            std::string::npos);
-  EXPECT_NE(byName("pdf_text_edited").check("pdf-signature")->message.find("the signed bytes were changed"),
-            std::string::npos)
-      << byName("pdf_text_edited").check("pdf-signature")->message;
-}
 
 TEST(ProvenanceVerifier, AnotherCAIsNotTrustedForTheSignatureNorTheTimestamp) {
   const TestAuthority stranger("Another CA");

@@ -55,11 +55,11 @@ kiv::detail::PdfReference attachmentReference(const PdfDocument& document, const
   throw std::runtime_error("no attachment " + name);
 }
 
-// The offset of the middle byte of a stream's data.
+// The offset of the middle byte of a stream's data, compressed or not.
 std::size_t middleOf(const PdfDocument& document, const PdfObject& stream) {
-  const auto data = document.streamData(*stream.stream());
-  if (!data || data->empty()) throw std::runtime_error("an empty stream");
-  return static_cast<std::size_t>(data->data() - document.bytes().data()) + data->size() / 2;
+  const auto length = document.resolve(*stream.stream()->dictionary.find("Length"));
+  if (!length || !length->integer() || *length->integer() <= 0) throw std::runtime_error("an empty stream");
+  return stream.stream()->dataOffset + static_cast<std::size_t>(*length->integer()) / 2;
 }
 
 zu::Data flippedAt(zu::Data bytes, std::size_t offset) {
@@ -148,7 +148,7 @@ zu::Data withReplacedAttachments(const zu::Data& pdf, const std::map<std::string
 
 std::vector<Tamper> tampers() {
   return {
-      {"genuine", genuine, ""},
+      {"genuine", genuine, "", ""},
       {"media_byte_changed",
        [](const GenuineSet& set, const fs::path& scratch) {
          return Presented{set.pdf, changedMedia(set, scratch, [&](const fs::path& copy) {
@@ -158,7 +158,7 @@ std::vector<Tamper> tampers() {
                                                                  content.substr(content.size() / 2 + 1));
                           })};
        },
-       "file:<file>"},
+       "file:<file>", "has SHA-256"},
       {"file_swapped_for_another_reports",
        [](const GenuineSet& set, const fs::path& scratch) {
          return Presented{set.pdf, changedMedia(set, scratch, [&](const fs::path& copy) {
@@ -166,12 +166,12 @@ std::vector<Tamper> tampers() {
                                           fs::copy_options::overwrite_existing);
                           })};
        },
-       "file:<file>"},
+       "file:<file>", "has SHA-256"},
       {"statement_swapped_for_another_reports",
        [](const GenuineSet& set, const fs::path&) {
          return Presented{withFirstStatement(set, set.otherStatement), {set.media.string()}};
        },
-       "statement:<file>"},
+       "statement:<file>", "the statement is about "},
       {"pdf_text_edited",
        [](const GenuineSet& set, const fs::path&) {
          const PdfDocument document = opened(set.pdf);
@@ -180,7 +180,7 @@ std::vector<Tamper> tampers() {
          return Presented{flippedAt(set.pdf, middleOf(document, at(document, page, {"Contents"}))),
                           {set.media.string()}};
        },
-       "pdf-signature"},
+       "pdf-signature", "the signed bytes were changed after signing"},
       {"pdf_attachment_edited",
        [](const GenuineSet& set, const fs::path&) {
          const PdfDocument document = opened(set.pdf);
@@ -188,13 +188,13 @@ std::vector<Tamper> tampers() {
              *document.resolve(PdfObject{attachmentReference(document, "manifest.json")});
          return Presented{flippedAt(set.pdf, middleOf(document, stream)), {set.media.string()}};
        },
-       "pdf-signature"},
+       "pdf-signature", "the signed bytes were changed after signing"},
       {"pdf_update_appended",
        [](const GenuineSet& set, const fs::path&) {
          return Presented{withUpdate(set.pdf, {{999999, "<< /Title (changed after signing) >>"}}),
                           {set.media.string()}};
        },
-       "pdf-coverage"},
+       "pdf-coverage", "bytes were added after the signed range"},
       {"manifest_resigned_by_another_key",
        [](const GenuineSet& set, const fs::path&) {
          const std::string jws = attachmentText(set.pdf, "manifest.jws");
@@ -204,13 +204,13 @@ std::vector<Tamper> tampers() {
              manifestJWS(manifest->payload, other.get(), kiv::detail::fingerprintOf(other.get()));
          return Presented{withReplacedAttachments(set.pdf, {{"manifest.jws", forged}}), {set.media.string()}};
        },
-       "manifest-signature"},
+       "manifest-signature", "manifest.jws names key "},
       {"timestamp_of_another_manifest",
        [](const GenuineSet& set, const fs::path&) {
          const std::string other(set.otherTimestamp.begin(), set.otherTimestamp.end());
          return Presented{withReplacedAttachments(set.pdf, {{"timestamp.tsr", other}}), {set.media.string()}};
        },
-       "timestamp"},
+       "timestamp", "over other data than manifest.jws"},
       {"statement_by_unregistered_key",
        [](const GenuineSet& set, const fs::path& scratch) {
          const auto stranger = kiv::DeviceKey::at((scratch / "stranger.pem").string());
@@ -223,14 +223,14 @@ std::vector<Tamper> tampers() {
          statement.keyId = (*stranger)->keyId();
          return Presented{withFirstStatement(set, *statement.sign(**stranger)), {set.media.string()}};
        },
-       "statement:<file>"},
+       "statement:<file>", "which is not among the manifest's registered device keys"},
       {"missing_file",
        [](const GenuineSet& set, const fs::path& scratch) {
          return Presented{set.pdf, changedMedia(set, scratch, [&](const fs::path& copy) {
                             fs::remove(copy / set.fileNames.front());
                           })};
        },
-       "file:<file>"},
+       "file:<file>", "missing: the manifest lists it, but it is not among the given files"},
   };
 }
 

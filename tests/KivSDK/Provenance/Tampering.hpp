@@ -39,6 +39,8 @@ struct Tamper {
   /// The check that must fail ("" for the genuine set, where all must hold); "<file>" stands for the
   /// manifest's first file.
   std::string failingCheck;
+  /// Words its message must hold, saying what failed.
+  std::string failingMessage;
 };
 
 /// The genuine presentation, then one tamper per way of breaking a certificate.
