@@ -1,5 +1,6 @@
 #include "PdfUpdate.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <regex>
 #include <stdexcept>
@@ -74,10 +75,16 @@ std::string PdfUpdate::finish() {
 }
 
 void PdfUpdate::readTrailer() {
-  const std::size_t startxref = document_.rfind("startxref");
-  if (startxref == std::string::npos) refuse("no startxref");
-  previousXref_ = std::stoul(document_.substr(startxref + 9, 24));
-  if (document_.compare(previousXref_, 4, "xref") != 0) {
+  // The end of the file, where the pointer to the last cross-reference section stands.
+  static constexpr std::size_t kTail = 64;
+  static const std::regex end(R"(startxref\s+(\d{1,15})\s+%%EOF\s*$)");
+  const std::size_t tailStart = document_.size() - std::min(document_.size(), kTail);
+  const std::string tail = document_.substr(tailStart);
+  std::smatch match;
+  if (!std::regex_search(tail, match, end)) refuse("the document does not end in startxref and %%EOF");
+  const std::size_t startxref = tailStart + static_cast<std::size_t>(match.position(0));
+  previousXref_ = std::stoul(match[1]);
+  if (previousXref_ >= startxref || document_.compare(previousXref_, 4, "xref") != 0) {
     refuse("the last cross-reference section is not a table");
   }
   const std::size_t trailer = document_.find("trailer", previousXref_);

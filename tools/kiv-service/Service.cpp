@@ -128,14 +128,6 @@ std::string contentType(const std::string& ext) {
 // the token.
 std::string ownerOf(const Request& request) { return sha256Hex(request.get_header_value("Authorization")); }
 
-json renderStatements(const std::vector<StatementRecord>& statements) {
-  json list = json::array();
-  for (const StatementRecord& statement : statements) {
-    list.push_back({{"file_name", statement.fileName}, {"key_id", statement.key.keyId}});
-  }
-  return {{"statements", std::move(list)}};
-}
-
 const FileRecord* fileWithSlug(const ReportRecord& report, const std::string& slug) {
   for (const FileRecord& file : report.files) {
     if (file.slug == slug) return &file;

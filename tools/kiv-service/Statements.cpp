@@ -40,7 +40,8 @@ void checkPayload(const json& payload, const std::string& at) {
 }
 
 void checkHeader(const json& header, const json& payload, const std::string& at) {
-  if (header.value("typ", "") != "kiv-file-statement") {
+  const auto type = header.find("typ");
+  if (type == header.end() || *type != "kiv-file-statement") {
     throw BadRequest(at + "the header's \"typ\" must be \"kiv-file-statement\".");
   }
   if (!header.contains("kid") || header["kid"] != payload["key_id"]) {

@@ -199,6 +199,14 @@ std::vector<std::string> parseStatementList(std::string_view body) {
   return list->get<std::vector<std::string>>();
 }
 
+json renderStatements(const std::vector<StatementRecord>& statements) {
+  json list = json::array();
+  for (const StatementRecord& statement : statements) {
+    list.push_back({{"file_name", statement.fileName}, {"key_id", statement.key.keyId}});
+  }
+  return {{"statements", std::move(list)}};
+}
+
 bool isWireTime(const std::string& text) {
   static const std::regex pattern(
       R"(\d{4}-(0[1-9]|1[0-2])-(0[1-9]|[12]\d|3[01])T([01]\d|2[0-3]):[0-5]\d:[0-5]\dZ)");
