@@ -1,7 +1,7 @@
 // The user-defaults file is read on every call and rewritten on every change, whatever state a crash, a
-// disk fault or a sync tool left it in. Reading must never fail hard, and a write must lose nothing: either
-// the values the file held are still there afterwards, or its bytes were kept aside unchanged. (A key that
-// is not UTF-8 may come back as another key: libplist drops the bad bytes when it writes the file.)
+// disk fault or a sync tool left it in. Reading must never fail hard, and a write must lose nothing: the
+// values the file held are still there afterwards, and when the file held anything the store could not
+// write again as it was, its bytes were kept aside unchanged as well.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -58,11 +58,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto reports = defaults.data("Kiv.ModelManager.Const.UD.reports");
   if (!defaults.set(1, "fuzz")) std::abort();
   if (defaults.integer("fuzz") != 1) std::abort();
-  if (const auto kept = takeKeptAside()) {
-    if (*kept != input) std::abort();
-  } else if ((version != 0 && defaults.integer("Kiv.ModelManager.Const.UD.version") != version) ||
-             (reports && defaults.data("Kiv.ModelManager.Const.UD.reports") != reports)) {
-    std::abort();  // a readable store lost a value it held
+  if (const auto kept = takeKeptAside(); kept && *kept != input) std::abort();
+  if ((version != 0 && defaults.integer("Kiv.ModelManager.Const.UD.version") != version) ||
+      (reports && defaults.data("Kiv.ModelManager.Const.UD.reports") != reports)) {
+    std::abort();  // the store lost a value it held
   }
   return 0;
 }

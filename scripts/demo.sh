@@ -7,16 +7,19 @@
 # Uses the service on the address the SDK is built for (https://127.0.0.1:18443): when nothing listens there,
 # it starts kiv-service there itself, and stops it (that process only) when it ends.
 # Usage: scripts/demo.sh [media files...]   (default: a JPEG photo and an H.264/AAC MP4 clip it makes)
+# KIV_PRESET names the build to run it with (default: "default"; CI runs it with the sanitized build of its
+# test stage, "asan").
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 port=18443
+preset=${KIV_PRESET:-default}
 
 "$root/scripts/setup.sh"
 cd "$root"
-cmake --preset default >/dev/null
-cmake --build --preset default --target kiv kiv-service
-kiv="$root/build/default/tools/kiv/kiv"
-service="$root/build/default/tools/kiv-service/kiv-service"
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset" --target kiv kiv-service
+kiv="$root/build/$preset/tools/kiv/kiv"
+service="$root/build/$preset/tools/kiv-service/kiv-service"
 
 demo="$root/build/demo"
 rm -rf "$demo"

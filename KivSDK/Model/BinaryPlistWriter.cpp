@@ -1,187 +1,173 @@
 #include "KivSDK/Model/detail/BinaryPlistWriter.hpp"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
+#include <functional>
+#include <stdexcept>
+
+#include "ZuFoundation/detail/BinaryPlist.hpp"
 
 namespace kiv::detail {
 namespace {
 
-constexpr std::uint8_t kFalse = 0x08;
-constexpr std::uint8_t kTrue = 0x09;
-constexpr std::uint8_t kInteger = 0x10;
-constexpr std::uint8_t kReal = 0x20;
-constexpr std::uint8_t kDate = 0x30;
-constexpr std::uint8_t kAsciiString = 0x50;
-constexpr std::uint8_t kUtf16String = 0x60;
-constexpr std::uint8_t kArray = 0xA0;
-constexpr std::uint8_t kDictionary = 0xD0;
-constexpr std::uint32_t kReplacementCharacter = 0xFFFD;
+namespace bplist = zu::detail::bplist;
 
-void appendBigEndian(zu::Data& out, std::uint64_t value, unsigned bytes) {
-  for (unsigned i = bytes; i-- > 0;) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+// Containers are written with references this wide until the number of objects is known.
+constexpr unsigned kProvisionalRefWidth = 4;
+// The offset table's bytes for one object, in a document below 4 GiB.
+constexpr std::size_t kOffsetRoom = 4;
+// The most bytes a scalar other than a text takes.
+constexpr std::size_t kLargestScalar = 9;
+constexpr std::uint64_t kMaxObjects = 0xFFFFFFFF;
+constexpr std::uint32_t kNoText = 0xFFFFFFFF;
+constexpr std::size_t kFirstTextSlots = 1024;
+
+std::uint32_t hashOf(std::span<const std::uint8_t> bytes) {
+  const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  return static_cast<std::uint32_t>(std::hash<std::string_view>{}(text));
 }
 
-// The smallest of 1, 2, 4 and 8 bytes that holds `value`.
-unsigned widthFor(std::uint64_t value) {
-  if (value <= 0xFF) return 1;
-  if (value <= 0xFFFF) return 2;
-  if (value <= 0xFFFFFFFF) return 4;
-  return 8;
+// How many bytes a container's marker takes with its count.
+std::size_t headerLength(const std::uint8_t* marker) {
+  if ((*marker & 0x0F) != 0x0F) return 1;
+  return 2 + (std::size_t{1} << (marker[1] & 0x0F));
 }
 
-// Integers are written unsigned in 1, 2 or 4 bytes, and in 8 bytes (signed) when negative or larger.
-void appendInteger(zu::Data& out, std::int64_t value) {
-  const unsigned width = value < 0 ? 8 : widthFor(static_cast<std::uint64_t>(value));
-  out.push_back(static_cast<std::uint8_t>(kInteger | std::countr_zero(width)));
-  appendBigEndian(out, static_cast<std::uint64_t>(value), width);
-}
-
-// A marker with its object count: in the low nibble when below 15, else as an integer that follows.
-void appendMarker(zu::Data& out, std::uint8_t marker, std::uint64_t count) {
-  if (count < 15) {
-    out.push_back(static_cast<std::uint8_t>(marker | count));
-  } else {
-    out.push_back(static_cast<std::uint8_t>(marker | 0x0F));
-    appendInteger(out, static_cast<std::int64_t>(count));
-  }
-}
-
-void appendDouble(zu::Data& out, std::uint8_t marker, double value) {
-  out.push_back(static_cast<std::uint8_t>(marker | 3));  // 2^3 bytes
-  appendBigEndian(out, std::bit_cast<std::uint64_t>(value), 8);
-}
-
-// The code points of UTF-8 text; a byte that starts no valid sequence becomes U+FFFD.
-std::vector<std::uint32_t> codePoints(std::string_view text) {
-  std::vector<std::uint32_t> points;
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<std::uint8_t>(text[i]);
-    const unsigned length = lead < 0x80         ? 1
-                            : lead >> 5 == 0x6  ? 2
-                            : lead >> 4 == 0xE  ? 3
-                            : lead >> 3 == 0x1E ? 4
-                                                : 0;
-    std::uint32_t point = length == 1   ? lead
-                          : length == 2 ? lead & 0x1Fu
-                          : length == 3 ? lead & 0x0Fu
-                                        : lead & 0x07u;
-    bool valid = length != 0 && i + length <= text.size();
-    for (unsigned k = 1; valid && k < length; ++k) {
-      const auto next = static_cast<std::uint8_t>(text[i + k]);
-      valid = next >> 6 == 0x2;
-      point = point << 6 | (next & 0x3Fu);
-    }
-    constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    valid = valid && point >= kSmallest[length] && point <= 0x10FFFF && (point < 0xD800 || point > 0xDFFF);
-    points.push_back(valid ? point : kReplacementCharacter);
-    i += valid ? length : 1;
-  }
-  return points;
-}
-
-void appendUtf16(zu::Data& out, std::string_view text) {
-  std::vector<std::uint16_t> units;
-  for (const std::uint32_t point : codePoints(text)) {
-    if (point < 0x10000) {
-      units.push_back(static_cast<std::uint16_t>(point));
-    } else {
-      units.push_back(static_cast<std::uint16_t>(0xD800 + ((point - 0x10000) >> 10)));
-      units.push_back(static_cast<std::uint16_t>(0xDC00 + ((point - 0x10000) & 0x3FF)));
-    }
-  }
-  appendMarker(out, kUtf16String, units.size());
-  for (const std::uint16_t unit : units) appendBigEndian(out, unit, 2);
+void writeBigEndian(std::uint8_t* at, std::uint64_t value, unsigned width) {
+  for (unsigned i = 0; i < width; ++i) at[i] = static_cast<std::uint8_t>(value >> (8 * (width - 1 - i)));
 }
 
 }  // namespace
 
-BinaryPlistWriter::Ref BinaryPlistWriter::addScalar(const zu::Data& bytes) {
-  objects_.push_back({Kind::Scalar, scalars_.size(), scalars_.size() + bytes.size()});
-  scalars_.insert(scalars_.end(), bytes.begin(), bytes.end());
-  return objects_.size() - 1;
+BinaryPlistWriter::BinaryPlistWriter() : out_(bplist::kMagic.begin(), bplist::kMagic.end()) {}
+
+// The document grows to twice what it needs with its offset table, so that the table never moves it.
+void BinaryPlistWriter::makeRoom(std::size_t bytes) {
+  const std::size_t needed = out_.size() + bytes + kOffsetRoom * (offsets_.size() + 1) + bplist::kTrailerSize;
+  if (needed > out_.capacity()) out_.reserve(2 * needed);
 }
 
-BinaryPlistWriter::Ref BinaryPlistWriter::addContainer(Kind kind, const std::vector<Ref>& first,
-                                                       const std::vector<Ref>& second) {
-  objects_.push_back({kind, refs_.size(), refs_.size() + first.size() + second.size()});
-  refs_.insert(refs_.end(), first.begin(), first.end());
-  refs_.insert(refs_.end(), second.begin(), second.end());
-  return objects_.size() - 1;
+BinaryPlistWriter::Ref BinaryPlistWriter::begin(std::size_t largest, bool container) {
+  makeRoom(largest);
+  return record(out_.size(), container);
 }
 
-BinaryPlistWriter::Ref BinaryPlistWriter::boolean(bool value) { return addScalar({value ? kTrue : kFalse}); }
+BinaryPlistWriter::Ref BinaryPlistWriter::record(std::size_t start, bool container) {
+  if (offsets_.size() == kMaxObjects)
+    throw std::length_error("A binary property list holds under 2^32 objects");
+  offsets_.push_back(start);
+  containers_.push_back(container);
+  return offsets_.size() - 1;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::boolean(bool value) {
+  const Ref ref = begin(1, false);
+  out_.push_back(value ? bplist::kTrue : bplist::kFalse);
+  return ref;
+}
 
 BinaryPlistWriter::Ref BinaryPlistWriter::integer(std::int64_t value) {
-  zu::Data bytes;
-  appendInteger(bytes, value);
-  return addScalar(bytes);
+  const Ref ref = begin(kLargestScalar, false);
+  bplist::appendInteger(out_, value);
+  return ref;
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::real(double value) {
-  zu::Data bytes;
-  appendDouble(bytes, kReal, value);
-  return addScalar(bytes);
+  const Ref ref = begin(kLargestScalar, false);
+  bplist::appendDouble(out_, bplist::kReal, value);
+  return ref;
 }
 
 BinaryPlistWriter::Ref BinaryPlistWriter::date(double seconds) {
-  zu::Data bytes;
-  appendDouble(bytes, kDate, seconds);
-  return addScalar(bytes);
+  const Ref ref = begin(kLargestScalar, false);
+  bplist::appendDouble(out_, bplist::kDate, seconds);
+  return ref;
 }
 
+// The stored bytes of the text `ref`, the texts stored so far ending at `textsEnd`.
+std::span<const std::uint8_t> BinaryPlistWriter::storedText(std::uint32_t ref, std::size_t textsEnd) const {
+  const std::size_t end = ref + 1 < offsets_.size() ? offsets_[ref + 1] : textsEnd;
+  return {out_.data() + offsets_[ref], end - offsets_[ref]};
+}
+
+void BinaryPlistWriter::growTextSlots() {
+  std::vector<TextSlot> slots(std::max(kFirstTextSlots, 2 * textSlots_.size()), TextSlot{kNoText, 0});
+  const std::size_t mask = slots.size() - 1;
+  for (const TextSlot& known : textSlots_) {
+    if (known.ref == kNoText) continue;
+    std::size_t slot = known.hash & mask;
+    while (slots[slot].ref != kNoText) slot = (slot + 1) & mask;
+    slots[slot] = known;
+  }
+  textSlots_ = std::move(slots);
+}
+
+// The text is written at the end of the document, and taken back when an equal one is already there (equal
+// texts have equal stored bytes).
 BinaryPlistWriter::Ref BinaryPlistWriter::string(std::string_view text) {
-  const auto [known, added] = strings_.try_emplace(std::string(text), objects_.size());
-  if (!added) return known->second;
-  zu::Data bytes;
-  const bool ascii =
-      std::all_of(text.begin(), text.end(), [](char c) { return static_cast<std::uint8_t>(c) < 0x80; });
-  if (ascii) {
-    appendMarker(bytes, kAsciiString, text.size());
-    bytes.insert(bytes.end(), text.begin(), text.end());
-  } else {
-    appendUtf16(bytes, text);
-  }
-  return addScalar(bytes);
-}
-
-BinaryPlistWriter::Ref BinaryPlistWriter::array(const std::vector<Ref>& elements) {
-  return addContainer(Kind::Array, elements, {});
-}
-
-BinaryPlistWriter::Ref BinaryPlistWriter::dictionary(const std::vector<Ref>& keys,
-                                                     const std::vector<Ref>& values) {
-  return addContainer(Kind::Dictionary, keys, values);
-}
-
-zu::Data BinaryPlistWriter::finish(Ref root) const {
-  const unsigned refWidth = widthFor(objects_.size());
-  zu::Data out{'b', 'p', 'l', 'i', 's', 't', '0', '0'};
-  out.reserve(8 + scalars_.size() + refs_.size() * refWidth + objects_.size() * 8 + 32);
-  std::vector<std::uint64_t> offsets;
-  offsets.reserve(objects_.size());
-  for (const Object& object : objects_) {
-    offsets.push_back(out.size());
-    if (object.kind == Kind::Scalar) {
-      out.insert(out.end(), scalars_.begin() + static_cast<std::ptrdiff_t>(object.begin),
-                 scalars_.begin() + static_cast<std::ptrdiff_t>(object.end));
-      continue;
+  if (2 * (textCount_ + 1) > textSlots_.size()) growTextSlots();
+  makeRoom(1 + kLargestScalar + 2 * text.size());  // UTF-16 takes at most 2 bytes for each of UTF-8's
+  const std::size_t start = out_.size();
+  bplist::appendString(out_, text);
+  const std::span<const std::uint8_t> stored(out_.data() + start, out_.size() - start);
+  const std::uint32_t hash = hashOf(stored);
+  const std::size_t mask = textSlots_.size() - 1;
+  std::size_t slot = hash & mask;
+  for (; textSlots_[slot].ref != kNoText; slot = (slot + 1) & mask) {
+    const TextSlot& known = textSlots_[slot];
+    if (known.hash == hash && std::ranges::equal(storedText(known.ref, start), stored)) {
+      out_.resize(start);
+      return known.ref;
     }
-    const std::size_t refCount = object.end - object.begin;
-    appendMarker(out, object.kind == Kind::Array ? kArray : kDictionary,
-                 object.kind == Kind::Array ? refCount : refCount / 2);
-    for (std::size_t i = object.begin; i < object.end; ++i) appendBigEndian(out, refs_[i], refWidth);
   }
-  const std::uint64_t offsetTable = out.size();
-  const unsigned offsetWidth = widthFor(offsetTable);
-  for (const std::uint64_t offset : offsets) appendBigEndian(out, offset, offsetWidth);
-  out.insert(out.end(), 6, 0);  // unused, then the sort version
-  out.push_back(static_cast<std::uint8_t>(offsetWidth));
-  out.push_back(static_cast<std::uint8_t>(refWidth));
-  appendBigEndian(out, objects_.size(), 8);
-  appendBigEndian(out, root, 8);
-  appendBigEndian(out, offsetTable, 8);
-  return out;
+  const Ref ref = record(start, false);
+  textSlots_[slot] = {static_cast<std::uint32_t>(ref), hash};
+  ++textCount_;
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::container(std::uint8_t marker, std::uint64_t count,
+                                                    std::span<const Ref> first, std::span<const Ref> second) {
+  const Ref ref = begin(1 + kLargestScalar + kProvisionalRefWidth * (first.size() + second.size()), true);
+  bplist::appendMarker(out_, marker, count);
+  for (const Ref element : first) bplist::appendBigEndian(out_, element, kProvisionalRefWidth);
+  for (const Ref element : second) bplist::appendBigEndian(out_, element, kProvisionalRefWidth);
+  return ref;
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::array(std::span<const Ref> elements) {
+  return container(bplist::kArray, elements.size(), elements, {});
+}
+
+BinaryPlistWriter::Ref BinaryPlistWriter::dictionary(std::span<const Ref> keys, std::span<const Ref> values) {
+  return container(bplist::kDictionary, keys.size(), keys, values);
+}
+
+// Moves every object down over the room its containers' references no longer need.
+void BinaryPlistWriter::narrowReferences(unsigned refWidth) {
+  std::uint8_t* bytes = out_.data();
+  std::size_t to = offsets_.empty() ? out_.size() : offsets_.front();
+  for (std::size_t i = 0; i < offsets_.size(); ++i) {
+    const std::size_t from = offsets_[i];
+    const std::size_t end = i + 1 < offsets_.size() ? offsets_[i + 1] : out_.size();
+    offsets_[i] = to;
+    const std::size_t kept = containers_[i] ? headerLength(bytes + from) : end - from;
+    std::memmove(bytes + to, bytes + from, kept);
+    to += kept;
+    for (std::size_t at = from + kept; at < end; at += kProvisionalRefWidth, to += refWidth)
+      writeBigEndian(bytes + to, bplist::readBigEndian(bytes + at, kProvisionalRefWidth), refWidth);
+  }
+  out_.resize(to);
+}
+
+zu::Data BinaryPlistWriter::finish(Ref root) && {
+  const unsigned refWidth = bplist::widthFor(offsets_.size());
+  if (refWidth < kProvisionalRefWidth) narrowReferences(refWidth);
+  textSlots_ = {};
+  containers_ = {};
+  const bplist::Trailer trailer{bplist::widthFor(out_.size()), refWidth, offsets_.size(), root, out_.size()};
+  bplist::appendTable(out_, offsets_, trailer);
+  return std::move(out_);
 }
 
 }  // namespace kiv::detail

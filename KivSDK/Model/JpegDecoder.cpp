@@ -3,6 +3,8 @@
 // benchmark measures both).
 #include "KivSDK/Model/detail/JpegDecoder.hpp"
 
+#include "ZuImage/detail/PixelBuffer.hpp"
+
 // jpeglib.h needs FILE and size_t declared before it.
 #include <csetjmp>
 #include <cstddef>
@@ -12,6 +14,7 @@
 #include <jerror.h>
 // clang-format on
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -101,31 +104,50 @@ Orientation orientationOf(const jpeg_decompress_struct& info) {
   return Orientation::up;
 }
 
+/// Sizes of a decoded picture: as decoded, and as stored.
 struct Decoded {
   int width = 0;
   int height = 0;
+  int fullWidth = 0;
+  int fullHeight = 0;
   Orientation orientation = Orientation::up;
 };
+
+/// The eighths of its size (1 to 8) that a picture stored at `info`'s size is decoded at: the fewest that
+/// still give its longer side `longerSide` pixels, all eight when it has no more.
+unsigned eighthsFor(const jpeg_decompress_struct& info, std::optional<int> longerSide) {
+  constexpr std::int64_t kAll = 8;
+  if (!longerSide) return kAll;
+  const std::int64_t longer = std::max(info.image_width, info.image_height);
+  const std::int64_t eighths = (kAll * *longerSide + longer - 1) / longer;
+  return static_cast<unsigned>(std::clamp<std::int64_t>(eighths, 1, kAll));
+}
 
 /// Decodes into `pixels` with `info`, made by the caller; false when libjpeg fails. Only libjpeg's own
 /// frames lie between its failure and the jump back here, and nothing of this frame is used after it.
 bool decompress(jpeg_decompress_struct& info, ErrorHandling& errors, const zu::Data& bytes,
-                std::vector<std::uint8_t>& pixels, Decoded& decoded) {
+                std::optional<int> longerSide, std::vector<std::uint8_t>& pixels, Decoded& decoded) {
   if (setjmp(errors.failed)) return false;
   jpeg_mem_src(&info, bytes.data(), bytes.size());
   jpeg_save_markers(&info, JPEG_APP0 + 1, 0xFFFF);
   jpeg_read_header(&info, TRUE);
   info.out_color_space = JCS_EXT_RGBA;
   if (static_cast<std::size_t>(info.image_width) * info.image_height > kMaxJpegPixels) return false;
+  // libjpeg's scaled decoding leaves out the detail a smaller picture cannot show, which costs most of the
+  // inverse transform, the colour conversion and the pixels' memory.
+  info.scale_num = eighthsFor(info, longerSide);
+  info.scale_denom = 8;
   jpeg_start_decompress(&info);
   const std::size_t rowBytes = static_cast<std::size_t>(info.output_width) * 4;
-  pixels.resize(rowBytes * info.output_height);
+  pixels = zu::detail::pixelBuffer(rowBytes * info.output_height);
   while (info.output_scanline < info.output_height) {
     JSAMPROW row = pixels.data() + rowBytes * info.output_scanline;
     jpeg_read_scanlines(&info, &row, 1);
   }
   decoded = {.width = static_cast<int>(info.output_width),
              .height = static_cast<int>(info.output_height),
+             .fullWidth = static_cast<int>(info.image_width),
+             .fullHeight = static_cast<int>(info.image_height),
              .orientation = orientationOf(info)};
   jpeg_finish_decompress(&info);
   return true;
@@ -137,7 +159,8 @@ bool isJpeg(const zu::Data& bytes) {
   return bytes.size() > 3 && bytes[0] == 0xFF && bytes[1] == 0xD8 && bytes[2] == 0xFF;
 }
 
-std::optional<zu::Image> decodeJpeg(const zu::Data& bytes) {
+std::optional<zu::Image> decodeJpeg(const zu::Data& bytes, std::optional<int> longerSide,
+                                    zu::Image::FullSizeDecoder decodeFullSize) {
   jpeg_decompress_struct info{};
   ErrorHandling errors;
   info.err = jpeg_std_error(&errors.manager);
@@ -146,10 +169,12 @@ std::optional<zu::Image> decodeJpeg(const zu::Data& bytes) {
   jpeg_create_decompress(&info);
   std::vector<std::uint8_t> pixels;
   Decoded decoded;
-  const bool succeeded = decompress(info, errors, bytes, pixels, decoded);
+  const bool succeeded = decompress(info, errors, bytes, longerSide, pixels, decoded);
   jpeg_destroy_decompress(&info);
   if (!succeeded) return std::nullopt;
-  return zu::Image(decoded.width, decoded.height, std::move(pixels), 1, decoded.orientation);
+  zu::Image image(decoded.width, decoded.height, std::move(pixels), 1, decoded.orientation);
+  if (decoded.width == decoded.fullWidth && decoded.height == decoded.fullHeight) return image;
+  return image.reducedFrom(decoded.fullWidth, decoded.fullHeight, std::move(decodeFullSize));
 }
 
 }  // namespace kiv::detail

@@ -1,42 +1,57 @@
 #pragma once
 
-#include <string_view>
+#include <optional>
 #include <vector>
 
 #include "KivSDK/Model/KivReport.hpp"
+#include "ZuFoundation/Date.hpp"
 #include "ZuFoundation/Result.hpp"
 #include "ZuFoundation/URL.hpp"
 
 namespace kiv {
 
-/**
- * A record for the media file at `file`, made the way a host makes one after a capture: named by the file's
- * name without its extension, its kind told by the extension, dated by the file's last change, its bytes
- * moved into the media folder (a file already there stays) and its digest calculated. A file of the same
- * name in the media folder is replaced. When the file cannot be read or moved, or its name cannot name a
- * record, nothing is moved and the error says why.
- */
-zu::Result<KivFile> importMediaFile(const zu::URL& file);
-
-/// The report `selector` names: the first whose id (as text), slug or name it is, tried in that order;
-/// `reports.end()` when none.
-std::vector<KivReport>::iterator findReport(std::vector<KivReport>& reports, std::string_view selector);
-
-/// A media file added to a stored report.
-struct StoredReportFile {
-  /// The report as it was persisted.
-  KivReport report;
-  KivFile file;
-  /// Whether the store had no such report, so that one was made.
-  bool reportCreated = false;
+/// How `importMediaFile` takes a file in.
+struct MediaImportOptions {
+  /// Move the file into the media folder instead of copying it.
+  bool move = false;
+  /// When the photo or video was taken; by default, the file's last change.
+  std::optional<zu::Date> dateTaken;
 };
 
 /**
- * Adds the media file at `file` to the report `report` names in the report store (see `findReport`; a new
- * report of that name when the store has none), with one load and one persist: the file is imported (see
- * `importMediaFile`), takes the place of a file of the same name and extension, and the report's digest is
- * calculated again. When the file cannot be imported the store is left as it was.
+ * Brings the photo or video at `file` into the media folder for `report` and answers its record, with its
+ * digest, for the caller to add to the report and persist. Evidence already on the device is never replaced:
+ *
+ * - The record is named by when the file was taken, as the capture screen names captures ("yyyyMMdd_HHmmss"),
+ *   with "_2", "_3"... added while a file of the media folder, a file of `report` or a file of
+ *   any report in `reports` (those whose content is still to be downloaded included) has that name. Its
+ *   extension is the file's, in lower case; its description is the file's original name.
+ * - The file is copied, or moved when `options.move` says so. Either way it appears under its name whole or
+ *   not at all: a copy is written and flushed beside its place, then renamed into it without replacing
+ *   anything.
+ * - A file whose content `report` holds already (the same digest) is refused (EEXIST), and so is a file
+ *   that is empty, not a regular file, or without an extension (EINVAL), and a move out of the media folder
+ *   itself, whose files may be other reports' evidence.
+ *
+ * On failure nothing is placed, the source stays where it was, and the error's text names the file and
+ * what went wrong. Files are hashed while being imported: the call takes as long as reading the file.
+ *
+ * @code
+ * auto imported = kiv::importMediaFile(zu::URL::fileURLWithPath("/home/me/leak.jpg"), report, reports);
+ * if (!imported) return show(imported.error().localizedDescription());
+ * report.files.push_back(*imported);
+ * @endcode
  */
-zu::Result<StoredReportFile> addMediaFileToStoredReport(const zu::URL& file, std::string_view report);
+zu::Result<KivFile> importMediaFile(const zu::URL& file, const KivReport& report,
+                                    const std::vector<KivReport>& reports,
+                                    const MediaImportOptions& options = {});
+
+/**
+ * Puts back what `importMediaFile` did when it answered `imported` for `file` with `options`: the copy is
+ * removed, a moved file goes back where it was. For a host that takes several files in all or nothing, or
+ * that cannot keep a file once it is placed.
+ */
+std::optional<zu::Error> undoMediaImport(const KivFile& imported, const zu::URL& file,
+                                         const MediaImportOptions& options);
 
 }  // namespace kiv

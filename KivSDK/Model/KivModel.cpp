@@ -8,23 +8,26 @@ namespace kiv {
 // A write the store could not make has no one to report to: like the platform's user defaults, the
 // operations here fail silently, and the next persist tries again.
 
+// The list is encoded once the stored one has been let go, so that the two are never in memory together; a
+// list that cannot be encoded leaves none stored.
 void KivModel::persist(const std::vector<KivReport>& reports) {
-  auto& defaults = zu::ZuUserDefaults::standard();
-  if (const auto encoded = detail::encodeReports(reports)) {
-    (void)defaults.set(*encoded, Const::UD::reports);
-  } else {
-    (void)defaults.removeObject(Const::UD::reports);
-  }
+  const auto encoded = [&]() -> std::optional<zu::Data> {
+    auto bytes = detail::encodeReports(reports);
+    return bytes ? std::optional(std::move(*bytes)) : std::nullopt;
+  };
+  (void)zu::ZuUserDefaults::standard().set(encoded, Const::UD::reports);
 }
 
+// The version and the list come from one read of the store, and the list is decoded where it lies.
 std::vector<KivReport> KivModel::loadFromStore() {
   auto& defaults = zu::ZuUserDefaults::standard();
-  if (defaults.integer(Const::UD::version) != Const::currentVersion) {
+  const auto stored = defaults.snapshot();
+  if (stored.integer(Const::UD::version) != Const::currentVersion) {
     (void)defaults.removeObject(Const::UD::reports);
     (void)defaults.set(Const::currentVersion, Const::UD::version);
     return {};
   }
-  const auto bytes = defaults.data(Const::UD::reports);
+  const auto bytes = stored.data(Const::UD::reports);
   if (!bytes) return {};
   auto reports = detail::decodeReports(*bytes);
   return reports ? std::move(*reports) : std::vector<KivReport>{};

@@ -45,6 +45,9 @@ class KivModel {
     };
     /// The format version of the stored list.
     static constexpr std::int64_t currentVersion = 5;
+    /// The preview size, in points, until the host sets one: a picture in a list row or a grid cell, or
+    /// half the width of a phone's screen.
+    static constexpr double defaultPreviewSize = 320;
   };
 
   KivModel() = delete;
@@ -63,6 +66,25 @@ class KivModel {
   using PreviewCompletion = std::function<void(std::optional<zu::Image> image)>;
 
   /**
+   * The size a preview is shown at: the length, in points, of its longer side; `Const::defaultPreviewSize`
+   * (320) until the host sets another. Photos and video frames whose longer side has more pixels than this
+   * size on the main screen (times `zu::Screen::mainScale()`, at least one pixel) are decoded smaller, and
+   * their previews are reduced images (`zu::Image::isReduced`): JPEG photos at the fewest eighths of their
+   * size that still cover it (libjpeg leaves out the finer detail as it decodes), other pictures at exactly
+   * that size. A host that shows a picture bigger, a photo on a screen of its own, asks the preview for
+   * `atFullSize()`, which decodes the file again at full size and is not kept.
+   *
+   * Set it once, at start-up with the screen's scale: previews already made keep the size they were made at.
+   *
+   * @code
+   * zu::Screen::setMainScale(2);
+   * kiv::KivModel::setPreviewSize(160);  // thumbnails of 320 pixels
+   * @endcode
+   */
+  static double previewSize();
+  static void setPreviewSize(double points);
+
+  /**
    * A picture of `file`'s content, decoded once per run: every picture made is kept, keyed by the file's
    * local URL, for as long as the process lives. It answers in one of two ways, by design:
    * - a photo, or a file already pictured: the picture is the return value; `completion` is still called,
@@ -70,6 +92,9 @@ class KivModel {
    * - a video not yet pictured: the return value is nothing; its frame at time zero is decoded off the
    *   calling thread and `completion` is called later on `zu::DispatchQueue::main()` with it (scale
    *   `zu::Screen::mainScale()`, orientation `right`), or with nothing when it cannot be decoded.
+   *
+   * Pictures are decoded at the preview size (`previewSize`), not at full size: a cached preview costs the
+   * pixels of what a screen shows.
    *
    * Nothing comes back through either channel for a file whose bytes are not on the device, a file of
    * kind `unknown` (never kept), and a photo that does not decode; nor, whatever the file, from an SDK built

@@ -1,11 +1,11 @@
 #include "KivSDK/Model/detail/PersistedForm.hpp"
 
-#include <algorithm>
 #include <array>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -90,9 +90,11 @@ zu::Date decodeDate(double seconds) {
   return zu::Date((writtenHere ? nearest : std::trunc(seconds * 1e6)) / 1e6);
 }
 
-// The platform's encoding of a URL.
+// The platform's encoding of a URL. Its text is stored before its key, as in every list stored so far.
 Ref writeURL(BinaryPlistWriter& out, const zu::URL& url) {
-  return out.dictionary({out.string("relative")}, {out.string(url.absoluteString())});
+  const Ref value = out.string(url.absoluteString());
+  const Ref key = out.string("relative");
+  return out.dictionary(std::span(&key, 1), std::span(&value, 1));
 }
 
 // ---- AnyCodable values, with the same kind rules as their JSON form.
@@ -205,75 +207,72 @@ class Document {
 // Metadata values nest no deeper than this; a deeper one is refused rather than followed down the stack.
 constexpr int kMaxValueDepth = 256;
 
-class ValueReader final : public zu::SingleValueDecoder {
- public:
-  ValueReader(Document& document, Ref ref, const ValueReader* parent, std::string key)
-      : document_(document),
-        ref_(ref),
-        parent_(parent),
-        key_(std::move(key)),
-        depth_(parent ? parent->depth_ + 1 : 0) {}
+// A number: an Int when whole within the signed 64-bit range, else a Double. (A whole one beyond it stays a
+// Double: as an unsigned integer it could not be stored again.)
+zu::AnyCodable number(double value) {
+  if (const auto whole = wholeNumber(value)) return zu::AnyCodable(*whole);
+  return zu::AnyCodable(value);
+}
 
-  std::vector<std::string> codingPath() const override {
-    std::vector<std::string> path = parent_ ? parent_->codingPath() : std::vector<std::string>{};
-    path.push_back(key_);
-    return path;
+std::optional<zu::AnyCodable> readValue(Document& document, Ref ref, int depth);
+
+std::optional<zu::AnyCodable> readArrayValue(Document& document, Ref ref, int depth) {
+  const auto refs = depth < kMaxValueDepth ? document.array(ref) : std::nullopt;
+  if (!refs) return std::nullopt;
+  zu::AnyCodable::Array elements;
+  elements.reserve(refs->size());
+  for (std::uint64_t i = 0; i < refs->size(); ++i) {
+    auto element = readValue(document, (*refs)[i], depth + 1);
+    if (!element) return std::nullopt;
+    elements.push_back(std::move(*element));
   }
-  bool decodeNil() const override { return document_.isNull(ref_); }
-  std::optional<bool> decodeBool() const override { return plist().boolean(ref_); }
-  std::optional<std::int64_t> decodeInt() const override {
-    if (const auto integer = plist().integer(ref_)) return integer;
-    return wholeNumber(fraction());
+  return zu::AnyCodable(std::move(elements));
+}
+
+std::optional<zu::AnyCodable> readDictionaryValue(Document& document, Ref ref, int depth) {
+  const auto members = depth < kMaxValueDepth ? document.dictionary(ref) : std::nullopt;
+  if (!members) return std::nullopt;
+  std::vector<zu::AnyCodable::Dictionary::Entry> entries;
+  entries.reserve(members->keys.size());
+  for (std::uint64_t i = 0; i < members->keys.size(); ++i) {
+    auto key = document.string(members->keys[i]);
+    auto value = key ? readValue(document, members->values[i], depth + 1) : std::nullopt;
+    if (!value) return std::nullopt;
+    entries.emplace_back(std::move(*key), std::move(*value));
   }
-  std::optional<std::uint64_t> decodeUInt() const override {
-    const auto value = fraction();
-    if (!value || std::trunc(*value) != *value || *value < 0 || *value >= 0x1p64) return std::nullopt;
-    return static_cast<std::uint64_t>(*value);
-  }
-  std::optional<double> decodeDouble() const override {
-    if (const auto integer = plist().integer(ref_)) return static_cast<double>(*integer);
-    return fraction();
-  }
-  std::optional<std::string> decodeString() const override { return document_.string(ref_); }
-  std::optional<Elements> decodeArray() const override {
-    const auto refs = depth_ < kMaxValueDepth ? document_.array(ref_) : std::nullopt;
-    if (!refs) return std::nullopt;
-    Elements elements;
-    elements.reserve(refs->size());
-    for (std::uint64_t i = 0; i < refs->size(); ++i) {
-      elements.push_back(
-          std::make_unique<ValueReader>(document_, (*refs)[i], this, "Index " + std::to_string(i)));
+  return zu::AnyCodable(zu::AnyCodable::Dictionary::fromEntries(std::move(entries)));
+}
+
+// A metadata value, of the kind its JSON form reads as: "$null" (the platform's nil) is nil; a real, or a
+// date as its seconds since the reference date, is a number (an integer when whole, so that a value reads the
+// same once written back as a number); texts, booleans, integers of up to 64 bits, arrays and dictionaries
+// with text keys are themselves. Nothing for any other value (data, a keyed archiver's UID, a wider integer).
+std::optional<zu::AnyCodable> readValue(Document& document, Ref ref, int depth) {
+  const BinaryPlistReader& plist = document.plist();
+  switch (plist.kind(ref)) {
+    case BinaryPlistReader::Kind::Boolean:
+      return zu::AnyCodable(*plist.boolean(ref));
+    case BinaryPlistReader::Kind::Integer: {
+      const auto integer = plist.integer(ref);
+      return integer ? std::optional(zu::AnyCodable(*integer)) : std::nullopt;
     }
-    return elements;
-  }
-  std::optional<Members> decodeDictionary() const override {
-    const auto members = depth_ < kMaxValueDepth ? document_.dictionary(ref_) : std::nullopt;
-    if (!members) return std::nullopt;
-    Members decoded;
-    decoded.reserve(members->keys.size());
-    for (std::uint64_t i = 0; i < members->keys.size(); ++i) {
-      auto key = document_.string(members->keys[i]);
-      if (!key) return std::nullopt;
-      decoded.emplace_back(*key, std::make_unique<ValueReader>(document_, members->values[i], this, *key));
+    case BinaryPlistReader::Kind::Real:
+      return number(*plist.real(ref));
+    case BinaryPlistReader::Kind::Date:
+      return number(decodeDate(*plist.date(ref)).timeIntervalSinceReferenceDate());
+    case BinaryPlistReader::Kind::String: {
+      std::string buffer;
+      const std::string_view text = *plist.text(ref, buffer);
+      return text == kNullText ? zu::AnyCodable() : zu::AnyCodable(text);
     }
-    return decoded;
+    case BinaryPlistReader::Kind::Array:
+      return readArrayValue(document, ref, depth);
+    case BinaryPlistReader::Kind::Dictionary:
+      return readDictionaryValue(document, ref, depth);
+    default:
+      return std::nullopt;
   }
-
- private:
-  const BinaryPlistReader& plist() const { return document_.plist(); }
-  // A real, or a date as its seconds since the reference date, as a date written to JSON reads. Either reads
-  // as an integer when its value is whole, so that a value reads the same once written back as a number.
-  std::optional<double> fraction() const {
-    if (const auto date = plist().date(ref_)) return decodeDate(*date).timeIntervalSinceReferenceDate();
-    return plist().real(ref_);
-  }
-
-  Document& document_;
-  Ref ref_;
-  const ValueReader* parent_;
-  std::string key_;
-  int depth_;
-};
+}
 
 // ---- The records' stored fields. One table per record names each field's key and member, in declaration
 // order; the writer and the reader both walk it.
@@ -308,7 +307,10 @@ struct Stored<KivFile> {
   };
   static constexpr std::string_view shape = "a file dictionary";
   /// A record whose every field the reader then sets.
-  static KivFile blank() { return KivFile({}, {}, zu::Date()); }
+  static KivFile blank() {
+    static const KivFile prototype({}, {}, zu::Date());
+    return prototype;
+  }
 };
 
 template <>
@@ -327,8 +329,12 @@ struct Stored<KivReport> {
       field("_proofStatusInt", &KivReport::_proofStatusInt),
   };
   static constexpr std::string_view shape = "a report dictionary";
-  /// A record whose every field the reader then sets.
-  static KivReport blank() { return KivReport({}); }
+  /// A record whose every field the reader then sets: a copy of one made once, as a new report draws a
+  /// random identifier.
+  static KivReport blank() {
+    static const KivReport prototype({});
+    return prototype;
+  }
 };
 
 /// Calls `visit(field, position)` for each field of `Record`'s table, in order.
@@ -405,11 +411,17 @@ class Fields {
   Fields(const Document& document, const BinaryPlistReader::Dictionary& members,
          const std::array<std::string_view, N>& names) {
     std::string buffer;
+    std::size_t expected = 0;  // the position after the last one found: stored keys follow the table's order
     for (std::uint64_t i = 0; i < members.keys.size(); ++i) {
       const auto key = document.plist().text(members.keys[i], buffer);
       if (!key) fail(kReadCorruptCode, "Expected a text key");
-      const auto named = std::find(names.begin(), names.end(), *key);
-      if (named != names.end()) values_[static_cast<std::size_t>(named - names.begin())] = members.values[i];
+      for (std::size_t k = 0; k < N; ++k) {
+        const std::size_t position = (expected + k) % N;
+        if (names[position] != *key) continue;
+        values_[position] = members.values[i];
+        expected = position + 1;
+        break;
+      }
     }
   }
 
@@ -465,7 +477,10 @@ KivFile::FileType readFileType(Document& document, Ref ref, std::string_view key
 }
 
 zu::UUID readUUID(Document& document, Ref ref, std::string_view key) {
-  const auto id = zu::UUID::fromString(readString(document, ref, key));
+  std::string buffer;
+  const auto text = document.plist().text(ref, buffer);
+  if (!text) mismatch(key, "a text");
+  const auto id = zu::UUID::fromString(*text);
   if (!id) mismatch(key, "a UUID text");
   return *id;
 }
@@ -492,9 +507,10 @@ zu::FlatMetadata readMetadata(Document& document, Ref ref, std::string_view key)
     path.reserve(components->size());
     for (std::uint64_t k = 0; k < components->size(); ++k)
       path.push_back(readString(document, (*components)[k], key));
-    auto value = zu::AnyCodable::decode(ValueReader(document, (*pairs)[i + 1], nullptr, std::string(key)));
+    auto value = readValue(document, (*pairs)[i + 1], 0);
     if (!value) mismatch(key, "metadata values");
-    metadata.insert_or_assign(std::move(path), std::move(*value));
+    // The writer stores the keys in their order, so each one read belongs at the end.
+    metadata.insert_or_assign(metadata.end(), std::move(path), std::move(*value));
   }
   return metadata;
 }
@@ -552,7 +568,7 @@ std::vector<KivFile> readFiles(Document& document, Ref ref, std::string_view key
 
 // A list in another form libplist reads (XML) comes from elsewhere and is small: it is turned binary, so that
 // one reader decodes every list.
-std::optional<zu::Data> binaryFormOf(const zu::Data& bytes) {
+std::optional<zu::Data> binaryFormOf(std::span<const std::uint8_t> bytes) {
   const zu::detail::Plist root = zu::detail::parsePlist(bytes.data(), bytes.size());
   if (!root) return std::nullopt;
   return zu::detail::binaryPlist(root.get());
@@ -566,13 +582,14 @@ zu::Result<zu::Data> encodeReports(const std::vector<KivReport>& reports) {
     std::vector<Ref> elements;
     elements.reserve(reports.size());
     for (const auto& report : reports) elements.push_back(writeRecord(out, report));
-    return out.finish(out.array(elements));
+    const Ref root = out.array(elements);
+    return std::move(out).finish(root);
   } catch (const CodingFailure& failure) {
     return codingError(failure);
   }
 }
 
-zu::Result<std::vector<KivReport>> decodeReports(const zu::Data& bytes) {
+zu::Result<std::vector<KivReport>> decodeReports(std::span<const std::uint8_t> bytes) {
   std::optional<zu::Data> converted;
   auto plist = BinaryPlistReader::open(bytes);
   if (!plist && (converted = binaryFormOf(bytes))) plist = BinaryPlistReader::open(*converted);

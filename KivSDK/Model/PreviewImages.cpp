@@ -1,4 +1,7 @@
 // KivModel's preview images: the decoding paths and the cache they share.
+#include <atomic>
+#include <climits>
+#include <cmath>
 #include <map>
 #include <mutex>
 #include <string>
@@ -45,10 +48,29 @@ zu::DispatchQueue& videoFrameQueue() {
   return *queue;
 }
 
-std::optional<zu::Image> photoPreview(const zu::URL& url) {
-  const auto bytes = zu::detail::readWholeFile(url.path());
+std::atomic<double>& previewSizeSetting() {
+  static std::atomic<double> points = KivModel::Const::defaultPreviewSize;
+  return points;
+}
+
+/// The longer side, in pixels, that previews are decoded for: the preview size on the main screen.
+int previewPixels() {
+  const double pixels = std::ceil(KivModel::previewSize() * zu::Screen::mainScale());
+  if (!(pixels >= 1)) return 1;  // a scale that is not a positive number included
+  return pixels < INT_MAX ? static_cast<int>(pixels) : INT_MAX;
+}
+
+/// The picture in the photo file at `path`, read whole; decoded as `detail::decodePhoto` does.
+std::optional<zu::Image> photoOfFile(const std::string& path, std::optional<int> longerSide = std::nullopt,
+                                     zu::Image::FullSizeDecoder decodeFullSize = {}) {
+  const auto bytes = zu::detail::readWholeFile(path);
   if (!bytes) return std::nullopt;
-  auto image = detail::decodePhoto(*bytes);
+  return detail::decodePhoto(*bytes, longerSide, std::move(decodeFullSize));
+}
+
+std::optional<zu::Image> photoPreview(const zu::URL& url) {
+  const std::string path = url.path();
+  auto image = photoOfFile(path, previewPixels(), [path] { return photoOfFile(path); });
   if (image) _previewImages().store(url, *image);
   return image;
 }
@@ -56,7 +78,7 @@ std::optional<zu::Image> photoPreview(const zu::URL& url) {
 /// Decodes the video's first frame on the preview queue and answers on the main queue.
 void requestVideoPreview(const zu::URL& url, KivModel::PreviewCompletion completion) {
   videoFrameQueue().async([url, completion = std::move(completion)]() mutable {
-    auto frame = detail::firstFrameOfVideo(url.path());
+    auto frame = detail::firstFrameOfVideo(url.path(), previewPixels());
     zu::DispatchQueue::main().async([url, frame = std::move(frame), completion = std::move(completion)] {
       if (!frame) return completion(std::nullopt);
       // The frame shows as the platform's video frames do: turned a quarter clockwise, at the screen's scale.
@@ -75,6 +97,10 @@ std::optional<zu::Image> answeredAtOnce(const KivModel::PreviewCompletion& compl
 }
 
 }  // namespace
+
+double KivModel::previewSize() { return previewSizeSetting().load(); }
+
+void KivModel::setPreviewSize(double points) { previewSizeSetting().store(points); }
 
 std::optional<zu::Image> KivModel::getPreviewImage(const KivFile& file, PreviewCompletion completion) {
   const auto url = file.localFileLocation();

@@ -24,6 +24,16 @@ SignerState& signerState() {
   return state;
 }
 
+// The device's signer, for statements about `report`'s files, which are kept by its id.
+zu::Result<std::shared_ptr<const DeviceSigner>> signerFor(const KivReport& report) {
+  if (!report.id) {
+    return ProvenanceError::make(
+        ProvenanceError::unstatableFile,
+        "The report " + report.name + " has no id, so no statements can be kept for it");
+  }
+  return KivProvenance::deviceSigner();
+}
+
 }  // namespace
 
 void KivProvenance::setDeviceSigner(std::shared_ptr<const DeviceSigner> signer) {
@@ -48,10 +58,7 @@ zu::Result<std::shared_ptr<const DeviceSigner>> KivProvenance::deviceSigner() {
 
 zu::Result<ReportStatements::Statements> KivProvenance::signStatements(const KivReport& report,
                                                                        const std::vector<KivFile>& files) {
-  if (!report.id) {
-    return ProvenanceError::make(ProvenanceError::unstatableFile, "The report " + report.name + " has no id");
-  }
-  const auto signer = deviceSigner();
+  const auto signer = signerFor(report);
   if (!signer) return signer.error();
   const std::string keyId = (*signer)->keyId();
   const zu::Date now = zu::Date::now();
@@ -73,18 +80,21 @@ zu::Result<std::string> KivProvenance::signStatement(const KivReport& report, co
   return std::move(statements->begin()->second);
 }
 
-zu::Result<KivProvenance::SignedReportFile> KivProvenance::addSignedMediaFileToStoredReport(
-    const zu::URL& file, std::string_view report) {
-  auto added = addMediaFileToStoredReport(file, report);
-  if (!added) return added.error();
-  auto statement = signStatement(added->report, added->file);
-  if (!statement) {
-    return ProvenanceError::make(
-        ProvenanceError::unstatableFile,
-        FileStatement::wireName(added->file) + " was added to the report " + added->report.name +
-            ", but its statement was not signed: " + statement.error().localizedDescription());
-  }
-  return SignedReportFile{std::move(*added), std::move(*statement)};
+zu::Result<KivProvenance::SignedMediaFile> KivProvenance::importSignedMediaFile(
+    const zu::URL& file, const KivReport& report, const std::vector<KivReport>& reports,
+    const MediaImportOptions& options) {
+  // Without a key nothing is taken in: the file stays where it is.
+  if (const auto signer = signerFor(report); !signer) return signer.error();
+  auto imported = importMediaFile(file, report, reports, options);
+  if (!imported) return imported.error();
+  auto statement = signStatement(report, *imported);
+  if (statement) return SignedMediaFile{std::move(*imported), std::move(*statement)};
+  const auto undone = undoMediaImport(*imported, file, options);
+  std::string message = file.path() + " was not taken in: its statement could not be signed (" +
+                        statement.error().localizedDescription() + ")";
+  if (undone)
+    message += "; it stays at " + imported->fileURL().path() + " (" + undone->localizedDescription() + ")";
+  return ProvenanceError::make(ProvenanceError::unstatableFile, message);
 }
 
 }  // namespace kiv

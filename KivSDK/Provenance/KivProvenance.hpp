@@ -30,9 +30,10 @@ namespace kiv {
  * key).
  *
  * @code
- * // When a capture is saved:
- * auto added = kiv::KivProvenance::addSignedMediaFileToStoredReport(fileURL, "Water damage");
- * // Once the report is sent:
+ * // When a capture is saved or a file is brought in:
+ * auto imported = kiv::KivProvenance::importSignedMediaFile(fileURL, report, reports);
+ * if (imported) report.files.push_back(imported->file);
+ * // Once the report is sent, before its files' content is uploaded:
  * kiv::KivProvenance::sendStatements(sentReport, [](auto receipts, auto error) { ... });
  * @endcode
  *
@@ -47,8 +48,9 @@ class KivProvenance {
     std::string keyId;
     friend bool operator==(const StatementReceipt&, const StatementReceipt&) = default;
   };
-  /// A media file added to a stored report, and its statement's JWS.
-  struct SignedReportFile : StoredReportFile {
+  /// A media file taken into a report, and its statement's JWS.
+  struct SignedMediaFile {
+    KivFile file;
     std::string statement;
   };
 
@@ -80,11 +82,14 @@ class KivProvenance {
   /// `signStatements` for one file; answers its JWS.
   static zu::Result<std::string> signStatement(const KivReport& report, const KivFile& file);
   /**
-   * `addMediaFileToStoredReport`, then a statement about the file added. When the file is added but its
-   * statement cannot be signed, the error says so; `signStatement` may be tried again.
+   * `importMediaFile`, then the device's statement about the file, kept with the report's statements: how a
+   * host takes evidence in with its provenance. The report needs its id. When the statement cannot be signed
+   * or kept, the import is undone (see `undoMediaImport`) and the error says why; nothing is taken in without
+   * a device key.
    */
-  static zu::Result<SignedReportFile> addSignedMediaFileToStoredReport(const zu::URL& file,
-                                                                       std::string_view report);
+  static zu::Result<SignedMediaFile> importSignedMediaFile(const zu::URL& file, const KivReport& report,
+                                                           const std::vector<KivReport>& reports,
+                                                           const MediaImportOptions& options = {});
 
   // ---- The service ----
 

@@ -86,8 +86,8 @@ zu::Result<std::vector<KivProvenance::StatementReceipt>> receipts(const Dictiona
   return held;
 }
 
-// The JWS of the statements of the report's own files; a statement of a file the report no longer has stays
-// on the device.
+// The JWS of the statements about the report's files as they are; a statement about a file the report no
+// longer has, or about other bytes under its name, stays on the device.
 zu::Result<zu::AnyCodable::Array> statementsToSend(const KivReport& report) {
   if (!report.id)
     return ProvenanceError::make(ProvenanceError::unstatableFile, "The report " + report.name + " has no id");
@@ -96,7 +96,9 @@ zu::Result<zu::AnyCodable::Array> statementsToSend(const KivReport& report) {
   zu::AnyCodable::Array statements;
   for (const KivFile& file : report.files) {
     const auto found = stored->find(FileStatement::wireName(file));
-    if (found != stored->end()) statements.emplace_back(found->second);
+    if (found == stored->end()) continue;
+    const auto statement = FileStatement::read(found->second);
+    if (statement && statement->sha256 == file.hash) statements.emplace_back(found->second);
   }
   if (statements.empty()) {
     return ProvenanceError::make(ProvenanceError::unstatableFile,

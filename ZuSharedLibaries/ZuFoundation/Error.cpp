@@ -28,6 +28,11 @@ Error::Error(std::string domain, long code, UserInfo userInfo)
 
 Error Error::posix(int errorNumber) { return Error(std::string(posixDomain), errorNumber); }
 
+Error Error::posix(int errorNumber, std::string description) {
+  return Error(std::string(posixDomain), errorNumber,
+               {{std::string(localizedDescriptionKey), std::move(description)}});
+}
+
 std::string Error::localizedDescription() const {
   if (const auto* value = userInfo_.find(localizedDescriptionKey)) {
     if (const auto* text = value->stringValue()) return *text;

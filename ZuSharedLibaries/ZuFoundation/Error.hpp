@@ -43,6 +43,8 @@ class Error {
   Error(std::string domain, long code, UserInfo userInfo = {});
   /// A file-system error from an `errno` value.
   static Error posix(int errorNumber);
+  /// A file-system error from an `errno` value, with a text for people that says what it was about.
+  static Error posix(int errorNumber, std::string description);
 
   const std::string& domain() const { return domain_; }
   long code() const { return code_; }

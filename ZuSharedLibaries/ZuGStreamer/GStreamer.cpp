@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ZuFoundation/FatalError.hpp"
+#include "ZuImage/detail/PixelBuffer.hpp"
 
 namespace zu::detail {
 
@@ -121,7 +122,7 @@ std::optional<Image> imageFromSample(GstSample* sample) {
   const auto stride = static_cast<std::size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0));
   const auto* rows = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
   const auto rowBytes = static_cast<std::size_t>(width) * 4;
-  std::vector<std::uint8_t> pixels(rowBytes * static_cast<std::size_t>(height));
+  std::vector<std::uint8_t> pixels = pixelBuffer(rowBytes * static_cast<std::size_t>(height));
   for (std::size_t y = 0; y < static_cast<std::size_t>(height); ++y) {
     std::memcpy(pixels.data() + y * rowBytes, rows + y * stride, rowBytes);
   }

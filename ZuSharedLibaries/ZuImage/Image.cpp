@@ -27,6 +27,24 @@ Image Image::withScale(double scale, Orientation imageOrientation) const {
   return shown;
 }
 
+Image Image::reducedFrom(int fullWidth, int fullHeight, FullSizeDecoder decodeFullSize) const {
+  Image reduced = *this;
+  reduced.fullSize_ = std::make_shared<const FullSize>(
+      FullSize{.width = fullWidth, .height = fullHeight, .decode = std::move(decodeFullSize)});
+  return reduced;
+}
+
+int Image::fullWidth() const { return fullSize_ ? fullSize_->width : width_; }
+
+int Image::fullHeight() const { return fullSize_ ? fullSize_->height : height_; }
+
+std::optional<Image> Image::atFullSize() const {
+  if (!fullSize_) return *this;
+  auto decoded = fullSize_->decode();
+  if (!decoded) return std::nullopt;
+  return decoded->withScale(scale_, orientation_);
+}
+
 std::span<const std::uint8_t> Image::rgba() const {
   if (!pixels_) return {};
   return *pixels_;

@@ -1,12 +1,13 @@
 // Measures preview images through KivModel::getPreviewImage, in a scratch data folder.
 //
-//   preview_bench photo <jpeg> <runs>   first previews of one photo under <runs> names (each decodes), then
-//                                       the same bytes through a GStreamer pipeline, for the choice of
-//                                       decoder
+//   preview_bench photo <jpeg> <runs>   first previews of one photo under <runs> names (each decodes, at the
+//                                       preview size), the full size a host asks a preview for, then the
+//                                       same bytes through a GStreamer pipeline, for the choice of decoder
 //   preview_bench peak <photo>          one photo preview, then the process's peak memory
 //   preview_bench video <mp4> <runs>    first previews of one video under <runs> names: request to frame
-//   preview_bench list <folder>         a preview of every photo in <folder>, in order: total time and the
-//                                       resident memory afterwards, the cache holding them all
+//   preview_bench list <folder>         a preview of every photo in <folder>, in order: total time, the
+//                                       resident memory afterwards, the cache holding them all, and the
+//                                       previews' pixels
 //
 // Prints "key=value" lines; times in milliseconds, the best of the runs, both wall-clock and the CPU of
 // every thread of the process (the figure to compare on a busy machine); memory in KiB.
@@ -59,26 +60,33 @@ kiv::KivFile placed(const fs::path& source, const std::string& name) {
   return file;
 }
 
-/// A preview of `file`, waiting for a video's answer; whether there was one.
-bool preview(const kiv::KivFile& file) {
-  std::promise<bool> answered;
+/// A preview of `file`, waiting for a video's answer.
+zu::Image preview(const kiv::KivFile& file) {
+  std::promise<std::optional<zu::Image>> answered;
   auto picture = kiv::KivModel::getPreviewImage(
-      file, [&](const std::optional<zu::Image>& image) { answered.set_value(image.has_value()); });
-  return answered.get_future().get() || picture.has_value();
+      file, [&](const std::optional<zu::Image>& image) { answered.set_value(image); });
+  auto answer = answered.get_future().get();
+  if (picture) return *picture;
+  if (answer) return *answer;
+  throw std::runtime_error("no preview of " + file.name);
 }
 
-/// First previews of `source` under `runs` fresh names.
-void firstPreviews(const fs::path& source, int runs) {
+/// First previews of `source` under `runs` fresh names; the last one.
+zu::Image firstPreviews(const fs::path& source, int runs) {
   std::vector<kiv::KivFile> files;
   files.reserve(runs);
   for (int run = 0; run < runs; ++run) files.push_back(placed(source, "copy-" + std::to_string(run)));
-  Best(runs, [&](int run) {
-    if (!preview(files[run])) throw std::runtime_error("no preview of " + source.string());
-  }).print("sdk");
+  zu::Image last;
+  Best(runs, [&](int run) { last = preview(files[run]); }).print("sdk");
+  std::cout << "preview_width=" << last.width() << "\npreview_height=" << last.height() << "\n";
+  return last;
 }
 
 void photo(const fs::path& source, int runs) {
-  firstPreviews(source, runs);
+  const zu::Image shown = firstPreviews(source, runs);
+  Best(runs, [&](int /*run*/) {
+    if (!shown.atFullSize()) throw std::runtime_error("no full size of " + source.string());
+  }).print("full");
   const auto bytes = zu::detail::readWholeFile(source.string());
   Best(runs, [&](int /*run*/) {
     if (!zu::detail::firstPictureOfData(*bytes)) throw std::runtime_error("GStreamer decoded nothing");
@@ -93,13 +101,12 @@ void list(const fs::path& folder) {
   files.reserve(photos.size());
   for (const auto& photo : photos) files.push_back(placed(photo, photo.stem().string()));
   const long before = residentKiB();
+  std::size_t pixelBytes = 0;
   Best(1, [&](int /*run*/) {
-    for (const auto& file : files) {
-      if (!preview(file)) throw std::runtime_error("no preview of " + file.name);
-    }
+    for (const auto& file : files) pixelBytes += preview(file).rgba().size();
   }).print("total");
   std::cout << "photos=" << files.size() << "\nresident_before_kib=" << before
-            << "\nresident_after_kib=" << residentKiB() << "\n";
+            << "\nresident_after_kib=" << residentKiB() << "\npixels_kib=" << pixelBytes / 1024 << "\n";
 }
 
 }  // namespace
@@ -116,7 +123,7 @@ int main(int argc, char** argv) {
     if (args[0] == "photo") {
       photo(args[1], runs);
     } else if (args[0] == "peak") {
-      if (!preview(placed(args[1], "photo"))) return 1;
+      preview(placed(args[1], "photo"));
       std::cout << "peak_kib=" << peakResidentKiB() << "\n";
     } else if (args[0] == "video") {
       firstPreviews(args[1], runs);

@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Preview images benchmark. Builds preview_bench (bench preset), makes its media with the reference tools,
 # then in one run:
-#  1. a 4000x3000 JPEG: the SDK's first preview (read and decode) against djpeg decoding the same file, and
-#     the same bytes through a GStreamer pipeline (why JPEG photos decode with libjpeg-turbo); the peak
-#     memory of a process that makes one preview, and of djpeg;
+#  1. a 4000x3000 JPEG: the SDK's first preview (read and decode at the preview size) against djpeg
+#     decoding the same file whole, and against djpeg's own scaled decoding to the preview's size; the full
+#     size a host asks a preview for; the same bytes through a GStreamer pipeline (why JPEG photos decode
+#     with libjpeg-turbo); the peak memory of a process that makes one preview, and of djpeg;
 #  2. a 10-second 1280x720 H.264 MP4: the SDK's first-frame preview (request to frame on the main queue)
 #     against ffmpeg -frames:v 1 on the same file, each in a process of its own, and within one process;
 #  3. 100 previews of 100 different 1280x720 photos in a list: total time and the resident memory after.
+# Previews are made at the SDK's default preview size (KivModel::previewSize) on a screen of scale 1.
 # Times are the best of 5, CPU time (every thread's) beside wall-clock time: the machine may be shared. Needs scripts/setup.sh bench/debian-packages.txt.
 # Usage: bench/KivModel/previews.sh
 set -euo pipefail
@@ -57,20 +59,27 @@ def ms(name, values):
 
 sdk = run([bench, "photo", photo, "5"])["output"]
 djpeg = best(["djpeg", "-outfile", "/dev/null", photo])
+width, height = int(sdk["preview_width"]), int(sdk["preview_height"])
+scaled = best(["djpeg", "-scale", f"{width * 8 // 4000}/8", "-outfile", "/dev/null", photo])
 peak = run([bench, "peak", photo])["output"]
 print(f"4000x3000 JPEG ({os.path.getsize(photo) // 1024} KiB), best of 5:")
-print(f"  SDK preview {ms('sdk', sdk)}; djpeg {djpeg['cpu']:.1f} ms CPU ({djpeg['wall']:.1f} ms wall, its whole "
-      f"process); SDK / djpeg {float(sdk['sdk_cpu_ms']) / djpeg['cpu']:.2f} CPU")
+print(f"  SDK preview at {width}x{height} {ms('sdk', sdk)}; djpeg, whole picture, {djpeg['cpu']:.1f} ms CPU "
+      f"({djpeg['wall']:.1f} ms wall, its whole process); SDK / djpeg {float(sdk['sdk_cpu_ms']) / djpeg['cpu']:.2f} CPU")
+print(f"  djpeg scaled to the same {width}x{height} {scaled['cpu']:.1f} ms CPU; SDK / scaled djpeg "
+      f"{float(sdk['sdk_cpu_ms']) / scaled['cpu']:.2f} CPU")
+print(f"  the preview's full size, when asked {ms('full', sdk)}; full / djpeg {float(sdk['full_cpu_ms']) / djpeg['cpu']:.2f} CPU")
 print(f"  GStreamer pipeline on the same bytes {ms('gstreamer', sdk)}; GStreamer / djpeg "
       f"{float(sdk['gstreamer_cpu_ms']) / djpeg['cpu']:.2f} CPU")
-print(f"  peak memory: a process making one preview {int(peak['peak_kib']) / 1024:.0f} MiB (the RGBA picture is "
-      f"{4000 * 3000 * 4 / 2**20:.0f} MiB of it), djpeg {djpeg['kib'] / 1024:.0f} MiB")
+print(f"  peak memory: a process making one preview {int(peak['peak_kib']) / 1024:.0f} MiB (the file's bytes are "
+      f"{os.path.getsize(photo) / 2**20:.1f} MiB of it, the preview's pixels {width * height * 4 / 2**20:.1f} MiB), "
+      f"djpeg {djpeg['kib'] / 1024:.0f} MiB")
 
 inside = run([bench, "video", clip, "5"])["output"]
 once = best([bench, "video", clip, "1"])
 ffmpeg = best(["ffmpeg", "-v", "error", "-i", clip, "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgba",
                "-y", "/dev/null"])
-print(f"10 s 1280x720 H.264 MP4, first frame, best of 5 processes: SDK {once['cpu']:.1f} ms CPU "
+print(f"10 s 1280x720 H.264 MP4, first frame (SDK at {inside['preview_width']}x{inside['preview_height']}), best of 5 "
+      f"processes: SDK {once['cpu']:.1f} ms CPU "
       f"({once['wall']:.1f} ms wall), ffmpeg -frames:v 1 {ffmpeg['cpu']:.1f} ms CPU ({ffmpeg['wall']:.1f} ms wall); "
       f"SDK / ffmpeg {once['cpu'] / ffmpeg['cpu']:.2f} CPU, {once['wall'] / ffmpeg['wall']:.2f} wall")
 print(f"  within a running process, request to frame on the main queue: {ms('sdk', inside)}")
@@ -80,5 +89,5 @@ count = int(listed["photos"])
 grown = (int(listed["resident_after_kib"]) - int(listed["resident_before_kib"])) / 1024
 print(f"{count} different 1280x720 photos in a list: {ms('total', listed)} in all; resident memory after "
       f"{int(listed['resident_after_kib']) / 1024:.0f} MiB, {grown:.0f} MiB more than before "
-      f"({1280 * 720 * 4 * count / 2**20:.0f} MiB of cached pixels)")
+      f"({int(listed['pixels_kib']) / 1024:.0f} MiB of cached pixels; {1280 * 720 * 4 * count / 2**20:.0f} MiB at full size)")
 PY

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # HTTP client benchmark. Builds network_bench (bench preset), starts its loopback HTTPS server in a process of
 # its own, then in one run against that server:
-#  1. a 1 GiB upload and a 1 GiB download: the SDK vs the `curl` tool (best of 3 each), and the SDK's peak
-#     resident memory (the server's is not counted);
+#  1. a 1 GiB upload and a 1 GiB download: the SDK vs the `curl` tool (best of 3 each, taking turns), and the
+#     SDK's peak resident memory (the server's is not counted);
 #  2. 1,000 small JSON requests one after another (one kept-alive connection);
 #  3. 200 background uploads started at once on one session.
 # Usage: bench/ZuNetworking/run.sh [work folder]   (needs about 2 GiB of free space there; default: a temp folder)
@@ -34,10 +34,16 @@ best() { sort -g | head -n 1; }
 value() { grep "^$1=" | cut -d= -f2; }
 
 TIMEFORMAT=%R
-curl_up=$(for _ in 1 2 3; do { time curl -sS --cacert "$ca" -H 'Expect:' -T "$work/big.bin" -o /dev/null "$base/upload"; } 2>&1; done | best)
-curl_down=$(for _ in 1 2 3; do { time curl -sS --cacert "$ca" -o "$work/down.bin" "$base/bytes?size=$size"; } 2>&1; done | best)
-up_runs=$(for _ in 1 2 3; do "$bench" upload "$base" "$ca" "$work/big.bin"; done)
-down_runs=$(for _ in 1 2 3; do "$bench" download "$base" "$ca" "$size"; done)
+# curl and the SDK take turns, so that a change in the machine's load between runs falls on both alike.
+curl_up="" curl_down="" up_runs="" down_runs=""
+for _ in 1 2 3; do
+  curl_up+=$({ time curl -sS --cacert "$ca" -H 'Expect:' -T "$work/big.bin" -o /dev/null "$base/upload"; } 2>&1)$'\n'
+  up_runs+=$("$bench" upload "$base" "$ca" "$work/big.bin")$'\n'
+  curl_down+=$({ time curl -sS --cacert "$ca" -o "$work/down.bin" "$base/bytes?size=$size"; } 2>&1)$'\n'
+  down_runs+=$("$bench" download "$base" "$ca" "$size")$'\n'
+done
+curl_up=$(echo "$curl_up" | best)
+curl_down=$(echo "$curl_down" | best)
 json_run=$("$bench" json "$base" "$ca" 1000)
 background_run=$("$bench" background "$base" "$ca" "$work/small.bin" 200)
 

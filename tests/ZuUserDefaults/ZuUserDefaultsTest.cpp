@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "ZuFoundation/detail/Plist.hpp"
 #include "ZuLogger/ZuLogger.hpp"
 #include "support/TemporaryDirectory.hpp"
 
@@ -134,6 +135,93 @@ TEST_F(ZuUserDefaultsTest, WriteFailureIsAPosixError) {
   EXPECT_EQ(written.error().domain(), "NSPOSIXErrorDomain");
   EXPECT_EQ(written.error().code(), ENOTDIR);
 }
+
+// Integers (equal ones stored once), data of every count width and a large buffer written from where it
+// lies: the file is what libplist writes for the same dictionary, byte for byte.
+TEST_F(ZuUserDefaultsTest, FileIsLaidOutAsLibplistLaysItOut) {
+  zu::Data large(70'000);
+  for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<std::uint8_t>(i * 7);
+  ASSERT_TRUE(defaults_.set(5, "Kiv.ModelManager.Const.UD.version"));
+  ASSERT_TRUE(defaults_.set(large, "large"));
+  ASSERT_TRUE(defaults_.set(zu::Data(300, 1), "reports"));
+  ASSERT_TRUE(defaults_.set(5, "same"));
+  ASSERT_TRUE(defaults_.set(-7, "négatif"));
+  ASSERT_TRUE(defaults_.set(zu::Data{}, "empty"));
+  ASSERT_TRUE(defaults_.removeObject("reports"));
+  EXPECT_EQ(defaults_.data("large"), large);
+  EXPECT_EQ(defaults_.integer("négatif"), -7);
+
+  const std::string file = readFile(appData_.path() / "UserDefaults.plist");
+  const auto root = zu::detail::parsePlist(reinterpret_cast<const std::uint8_t*>(file.data()), file.size());
+  ASSERT_TRUE(root);
+  const zu::Data rewritten = zu::detail::binaryPlist(root.get());
+  EXPECT_TRUE(std::string(rewritten.begin(), rewritten.end()) == file);  // too long to print
+}
+
+TEST_F(ZuUserDefaultsTest, SnapshotKeepsTheValuesOfOneRead) {
+  ASSERT_TRUE(defaults_.set(5, "version"));
+  ASSERT_TRUE(defaults_.set(zu::Data{1, 2, 3}, "bytes"));
+  const auto snapshot = defaults_.snapshot();
+  ASSERT_TRUE(defaults_.set(6, "version"));
+  EXPECT_EQ(snapshot.integer("version"), 5);
+  const auto bytes = snapshot.data("bytes");
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ(zu::Data(bytes->begin(), bytes->end()), (zu::Data{1, 2, 3}));
+  EXPECT_FALSE(snapshot.data("version"));
+  EXPECT_EQ(defaults_.integer("version"), 6);
+}
+
+// A binary property list of a dictionary, from its members' encoded keys and values (one-byte offsets).
+std::string binaryStore(const std::vector<std::pair<std::string, std::string>>& members) {
+  std::string objects(1, static_cast<char>(0xD0 | members.size()));
+  for (std::size_t i = 0; i < members.size(); ++i) objects += static_cast<char>(1 + 2 * i);
+  for (std::size_t i = 0; i < members.size(); ++i) objects += static_cast<char>(2 + 2 * i);
+  std::string table(1, 8);
+  for (const auto& [key, value] : members) {
+    for (const std::string* object : {&key, &value}) {
+      table += static_cast<char>(8 + objects.size());
+      objects += *object;
+    }
+  }
+  const auto big = [](std::size_t value) { return std::string(7, '\0') + static_cast<char>(value); };
+  return "bplist00" + objects + table + std::string(6, '\0') + "\x01\x01" + big(table.size()) + big(0) +
+         big(8 + objects.size());
+}
+
+const std::pair<std::string, std::string> kVersion{"\x57version", std::string("\x10\x05", 2)};
+
+struct PartStoreCase {
+  const char* label;
+  std::string stored;
+};
+
+class ZuUserDefaultsPartStoreTest : public ZuUserDefaultsTest,
+                                    public ::testing::WithParamInterface<PartStoreCase> {};
+
+// A store holding what cannot be written again as it is, beside its version: the next write keeps it aside
+// whole, and the version with it.
+TEST_P(ZuUserDefaultsPartStoreTest, IsKeptAsideAndKeepsWhatItCan) {
+  writeFile(appData_.path() / "UserDefaults.plist", GetParam().stored);
+  EXPECT_EQ(defaults_.integer("version"), 5);
+  ASSERT_TRUE(defaults_.set(1, "fuzz"));
+  EXPECT_EQ(defaults_.integer("version"), 5);
+  EXPECT_EQ(defaults_.integer("fuzz"), 1);
+  const auto kept = keptAside(appData_.path());
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(kept.begin()->second, GetParam().stored);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ZuUserDefaultsPartStoreTest,
+    ::testing::Values(PartStoreCase{"ArrayValue", binaryStore({kVersion, {"\x54list", "\xA0"}})},
+                      PartStoreCase{"Uid", binaryStore({kVersion, {"\x53uid", std::string("\x80\x00", 2)}})},
+                      PartStoreCase{"RepeatedKey", binaryStore({kVersion, {"\x57version", "\x10\x07"}})},
+                      PartStoreCase{"KeyNotUtf8", binaryStore({kVersion, {"\x52n\xB7", "\x10\x07"}})},
+                      PartStoreCase{
+                          "XmlDictionaryValue",
+                          R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                          R"(<key>version</key><integer>5</integer><key>d</key><dict/></dict></plist>)"}),
+    [](const auto& info) { return std::string(info.param.label); });
 
 // Writers that each add their own keys: a lost read-modify-write would drop another writer's key.
 TEST_F(ZuUserDefaultsTest, ConcurrentWritersInThreadsAndProcessesLoseNoKey) {

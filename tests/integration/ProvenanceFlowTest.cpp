@@ -145,10 +145,9 @@ TEST_F(ProvenanceFlow, TheManifestWaitsForConfirmationAndARefusedStatementIsRepo
   EXPECT_FALSE(early.value());
   EXPECT_EQ(early.error()->zuError()->statusCode(), 409) << early.errorText();
 
-  // A statement about other bytes than those the report was sent with.
-  kiv::KivFile changed = report.files.front();
-  changed.hash = std::string(64, '0');
-  ASSERT_TRUE(KivProvenance::signStatement(report, changed));
+  // A record changed on the device since the report was sent: its statement is about other bytes.
+  report.files.front().hash = std::string(64, '0');
+  ASSERT_TRUE(KivProvenance::signStatement(report, report.files.front()));
   Awaited<Receipts> refused;
   KivProvenance::sendStatements(report, refused.completion());
   ASSERT_TRUE(refused.wait());

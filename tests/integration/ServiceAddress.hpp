@@ -7,11 +7,19 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kivtest {
 
 /// The application token the test service accepts.
 inline constexpr const char* kServiceToken = "kivapi-test-token";
+/// The token of the README's quick start, which the test service accepts as well: it runs as written.
+inline constexpr const char* kQuickStartToken = "my-app-token";
+
+/// kiv-service's options for a test service: the tokens above.
+inline std::vector<std::string> testServiceOptions() {
+  return {"--token", kServiceToken, "--token", kQuickStartToken};
+}
 
 /**
  * Where a test service runs, as the CTest fixture hands it to the tests: the file DIR/fixture holds one

@@ -53,7 +53,7 @@ int start(const std::filesystem::path& dir) {
   stopLeftover(dir);  // a service left by an interrupted run
   std::filesystem::remove_all(dir);
   std::filesystem::create_directories(dir);
-  ServiceProcess service(dir / "data", {"--token", kivtest::kServiceToken});
+  ServiceProcess service(dir / "data", kivtest::testServiceOptions());
   service.start();
   const ServiceAddress address{service.baseUrl(), service.caFile().string(), kivtest::kServiceToken,
                                service.release()};

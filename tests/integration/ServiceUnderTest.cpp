@@ -40,8 +40,7 @@ void ServiceEnvironment::SetUp() {
     return;
   }
   dir_ = std::make_unique<kiv::service::test::TempDir>();
-  own_ = std::make_unique<kiv::service::test::ServiceProcess>(
-      dir_->path() / "data", std::vector<std::string>{"--token", kServiceToken});
+  own_ = std::make_unique<kiv::service::test::ServiceProcess>(dir_->path() / "data", testServiceOptions());
   own_->start();
   address_ = {own_->baseUrl(), own_->caFile().string(), kServiceToken, -1};
 }

@@ -244,14 +244,11 @@ void Service::addReportRoutes() {
                         [this](const Request& request, Response& response, const ContentReader&) {
                           const std::optional<ReportRecord> found = store_.find(request.matches[1]);
                           if (!found) return sendNotFound(response);
-                          // Hash the stored content again: what counts is what is on disk now, not what was
-                          // received.
+                          // What counts is what is on disk now: a file that changed since it was received
+                          // is read again.
                           std::vector<std::pair<std::string, std::optional<std::string>>> digests;
                           for (const FileRecord& file : found->files) {
-                            if (!file.storedExt) continue;
-                            std::string digest = sha256OfFile(content_.pathOf(file.slug));
-                            digests.emplace_back(
-                                file.slug, digest.empty() ? std::nullopt : std::optional(std::move(digest)));
+                            if (file.storedExt) digests.emplace_back(file.slug, content_.digestOf(file.slug));
                           }
                           const std::optional<ReportRecord> updated =
                               store_.updateStoredDigests(found->slug, digests);

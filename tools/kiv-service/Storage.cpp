@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Crypto.hpp"
@@ -62,22 +63,70 @@ std::string UrlSigner::mac(std::string_view method, std::string_view path, std::
   return hmacSha256Hex(key_, text);
 }
 
+std::optional<KnownDigests::FileVersion> KnownDigests::versionOf(const std::filesystem::path& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+  const auto nanoseconds = [](const timespec& time) {
+    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+  };
+  return FileVersion{info.st_dev, info.st_ino, info.st_size, nanoseconds(info.st_mtim),
+                     nanoseconds(info.st_ctim)};
+}
+
+void KnownDigests::remember(const std::filesystem::path& path, std::string sha256) {
+  const auto version = versionOf(path);
+  std::lock_guard lock(mutex_);
+  if (version) {
+    known_[path] = {*version, std::move(sha256)};
+  } else {
+    known_.erase(path);
+  }
+}
+
+std::optional<std::string> KnownDigests::digestOf(const std::filesystem::path& path) {
+  const auto version = versionOf(path);
+  if (!version) return std::nullopt;
+  {
+    std::lock_guard lock(mutex_);
+    const auto found = known_.find(path);
+    if (found != known_.end() && found->second.version == *version) return found->second.sha256;
+  }
+  // Read outside the lock, so that other files' answers do not wait for this one.
+  std::string digest = sha256OfFile(path);
+  if (digest.empty()) return std::nullopt;
+  std::lock_guard lock(mutex_);
+  known_[path] = {*version, digest};
+  return digest;
+}
+
+void KnownDigests::forget(const std::filesystem::path& path) {
+  std::lock_guard lock(mutex_);
+  known_.erase(path);
+}
+
 ContentStorage::ContentStorage(std::filesystem::path directory) : directory_(std::move(directory)) {
   std::filesystem::create_directories(directory_);
 }
 
 ContentStorage::Upload ContentStorage::beginUpload(const std::string& fileSlug) const {
-  return Upload(directory_ / (fileSlug + ".part-" + toHex(randomBytes(6))), pathOf(fileSlug));
+  return Upload(directory_ / (fileSlug + ".part-" + toHex(randomBytes(6))), pathOf(fileSlug), known_);
+}
+
+std::optional<std::string> ContentStorage::digestOf(const std::string& fileSlug) const {
+  return known_->digestOf(pathOf(fileSlug));
 }
 
 void ContentStorage::remove(const std::string& fileSlug) const {
   std::error_code ignored;
   std::filesystem::remove(pathOf(fileSlug), ignored);
+  known_->forget(pathOf(fileSlug));
 }
 
-ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem::path final)
+ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem::path final,
+                               std::shared_ptr<KnownDigests> known)
     : temporary_(std::move(temporary)),
       final_(std::move(final)),
+      known_(std::move(known)),
       descriptor_(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)),
       failed_(descriptor_ < 0) {
   buffer_.reserve(kBlockSize);
@@ -86,6 +135,7 @@ ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem:
 ContentStorage::Upload::Upload(Upload&& other) noexcept
     : temporary_(std::move(other.temporary_)),
       final_(std::move(other.final_)),
+      known_(std::move(other.known_)),
       descriptor_(std::exchange(other.descriptor_, -1)),
       size_(other.size_),
       failed_(other.failed_),
@@ -128,7 +178,9 @@ std::optional<StoredContent> ContentStorage::Upload::commit() {
     ::unlink(temporary_.c_str());
     return std::nullopt;
   }
-  return StoredContent{digest_.finishHex(), size_};
+  StoredContent stored{digest_.finishHex(), size_};
+  known_->remember(final_, stored.sha256);
+  return stored;
 }
 
 }  // namespace kiv::service

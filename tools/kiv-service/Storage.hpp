@@ -4,6 +4,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -52,8 +55,50 @@ struct StoredContent {
 };
 
 /**
+ * The digests of stored files, each with the version of the file it was taken from (inode, size, modification
+ * and change times), so that a digest is only taken again from a file that changed on disk since. Kept in
+ * memory: a restarted service reads each file once more.
+ *
+ * A change through the file system gives the file a new change time. Recent Linux kernels make it a
+ * fine-grained one when the old time has been read (as `remember` and `digestOf` do), so even a change within
+ * the same clock tick shows; on older kernels a change that keeps the size, made within the clock tick of the
+ * last read, goes unseen. Damage below the file system, which no time shows, goes unseen too.
+ *
+ * @par Thread Safety
+ * All members may be called from any thread.
+ */
+class KnownDigests {
+ public:
+  /// Records the digest of the file at `path` as it stands now.
+  void remember(const std::filesystem::path& path, std::string sha256);
+  /// The digest of the file at `path`: the recorded one while the file is unchanged, else read again and
+  /// recorded; nothing when the file cannot be read.
+  std::optional<std::string> digestOf(const std::filesystem::path& path);
+  void forget(const std::filesystem::path& path);
+
+ private:
+  struct FileVersion {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::int64_t size = 0;
+    std::int64_t modified = 0;  // nanoseconds since the epoch
+    std::int64_t changed = 0;
+    friend bool operator==(const FileVersion&, const FileVersion&) = default;
+  };
+  struct Known {
+    FileVersion version;
+    std::string sha256;
+  };
+  static std::optional<FileVersion> versionOf(const std::filesystem::path& path);
+
+  std::mutex mutex_;
+  std::map<std::filesystem::path, Known> known_;
+};
+
+/**
  * File content on disk, one file per file slug under DIR/files. Writes go to a temporary file that is renamed
- * into place when complete, so a reader never sees a half-written upload.
+ * into place when complete, so a reader never sees a half-written upload. The digest taken while an upload
+ * is received stands for the stored file until the file changes on disk (see `KnownDigests`).
  *
  * @par Thread Safety
  * All members may be called from any thread.
@@ -75,13 +120,14 @@ class ContentStorage {
 
    private:
     friend class ContentStorage;
-    Upload(std::filesystem::path temporary, std::filesystem::path final);
+    Upload(std::filesystem::path temporary, std::filesystem::path final, std::shared_ptr<KnownDigests> known);
     bool flush();
 
     static constexpr std::size_t kBlockSize = 1 << 20;
 
     std::filesystem::path temporary_;
     std::filesystem::path final_;
+    std::shared_ptr<KnownDigests> known_;
     int descriptor_ = -1;
     std::int64_t size_ = 0;
     bool failed_ = false;
@@ -91,10 +137,13 @@ class ContentStorage {
 
   Upload beginUpload(const std::string& fileSlug) const;
   std::filesystem::path pathOf(const std::string& fileSlug) const { return directory_ / fileSlug; }
+  /// The SHA-256 of the content stored for `fileSlug`, nothing when there is none.
+  std::optional<std::string> digestOf(const std::string& fileSlug) const;
   void remove(const std::string& fileSlug) const;
 
  private:
   std::filesystem::path directory_;
+  std::shared_ptr<KnownDigests> known_ = std::make_shared<KnownDigests>();
 };
 
 }  // namespace kiv::service

@@ -19,7 +19,12 @@ struct NewReportOptions {
 void createReport(const Context& context, const NewReportOptions& options);
 void listReports(const Context& context);
 void showReport(const Context& context, const std::string& selector);
-void removeReport(const Context& context, const std::string& selector);
+struct RemoveOptions {
+  std::string report;
+  /// Remove without asking; without it, kiv asks at the terminal and refuses when there is none.
+  bool yes = false;
+};
+void removeReport(const Context& context, const RemoveOptions& options);
 
 // kiv add, verify: media files of a report on this device, and their digests.
 struct AddOptions {

@@ -2,24 +2,19 @@
 
 #include <unistd.h>
 
-#include <filesystem>
 #include <iostream>
 
 #include "AnyCodable/JSONSerialization.hpp"
+#include "DataFolder.hpp"
 #include "KivSDK/API/APIEndpoint.hpp"
 #include "KivSDK/API/KivAPI.hpp"
 #include "ServiceRedirect.hpp"
-#include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuLogger/ZuLogger.hpp"
 
 namespace kivcli {
 
-void fail(const std::string& message) { throw CommandError(ExitCode::failed, message); }
-
-void reject(const std::string& message) { throw CommandError(ExitCode::usage, message); }
-
 void Context::apply() const {
-  if (!data.empty()) zu::ZuFileManager::setApplicationDataDirectory(std::filesystem::absolute(data).string());
+  useDataFolder(data);
   if (verbose == 0) return;
   // Standard output belongs to the command's result (one JSON document with --json): log lines go to
   // standard error.
@@ -39,6 +34,7 @@ void Context::connect(bool needsToken) const {
 }
 
 void Context::print(const zu::AnyCodable::Dictionary& document, const std::string& human) const {
+  printed = true;
   if (!json) {
     std::cout << human;
     if (!human.empty() && human.back() != '\n') std::cout << '\n';
@@ -48,6 +44,10 @@ void Context::print(const zu::AnyCodable::Dictionary& document, const std::strin
   if (!text) fail("cannot write the result as JSON: " + text.error().localizedDescription());
   std::cout.write(reinterpret_cast<const char*>(text->data()), static_cast<std::streamsize>(text->size()));
   std::cout << '\n';
+}
+
+void Context::printError(const std::string& message, ExitCode code) const {
+  if (json && !printed) print({{"error", message}, {"exitCode", static_cast<long>(code)}}, "");
 }
 
 bool Context::showsProgress() const { return !json && ::isatty(STDERR_FILENO) == 1; }

@@ -1,31 +1,11 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
 
 #include "AnyCodable/AnyCodable.hpp"
+#include "ToolError.hpp"
 
 namespace kivcli {
-
-/// How a command ends: 0 success, 1 the operation failed (service, network, files, verification), 2 the
-/// command line cannot be carried out as typed.
-enum ExitCode : int { success = 0, failed = 1, usage = 2 };
-
-/// A command that cannot go on. The message is the one line for standard error: what failed and what to do.
-class CommandError : public std::runtime_error {
- public:
-  CommandError(ExitCode exitCode, const std::string& message)
-      : std::runtime_error(message), code_(exitCode) {}
-  ExitCode exitCode() const { return code_; }
-
- private:
-  ExitCode code_;
-};
-
-/// The operation failed (exit code 1).
-[[noreturn]] void fail(const std::string& message);
-/// The command line names something that does not exist or cannot be used (exit code 2).
-[[noreturn]] void reject(const std::string& message);
 
 /// The options every command takes, and the SDK set up from them.
 struct Context {
@@ -40,6 +20,8 @@ struct Context {
   std::string data;
   /// Seconds an operation may go without any sign of progress before the command gives up.
   double timeout = 120;
+  /// Whether the command's document is out: a failure after it says no more on standard output.
+  mutable bool printed = false;
 
   /// Sets the data folder and the log level; runs before every command.
   void apply() const;
@@ -48,6 +30,8 @@ struct Context {
   void connect(bool needsToken = true) const;
   /// Prints `document` as one JSON document (--json) or `human` as it is, on standard output.
   void print(const zu::AnyCodable::Dictionary& document, const std::string& human) const;
+  /// With --json, prints {"error": message, "exitCode": code} unless the command printed its document.
+  void printError(const std::string& message, ExitCode code) const;
   /// Whether progress bars are drawn: standard error is a terminal and the output is not JSON.
   bool showsProgress() const;
 };

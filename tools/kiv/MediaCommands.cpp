@@ -1,13 +1,5 @@
 // kiv add and kiv verify: media files of a report on this device, and their digests.
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <filesystem>
-#include <memory>
-#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -15,143 +7,62 @@
 #include "Commands.hpp"
 #include "Documents.hpp"
 #include "KivSDK/API/KivAPI.hpp"
+#include "KivSDK/Model/KivFileImport.hpp"
+#include "KivSDK/Model/KivReportList.hpp"
+#include "KivSDK/Provenance/KivProvenance.hpp"
 #include "ReportStore.hpp"
-#include "Statements.hpp"
 #include "Waiter.hpp"
-#include "ZuDate/ZuDate.hpp"
-#include "ZuFileManager/ZuFileManager.hpp"
 
 namespace kivcli {
 namespace {
 
 namespace fs = std::filesystem;
 
-/// A media file on its way into the media folder.
-struct Import {
-  fs::path source;
-  kiv::KivFile record;
-};
-
-std::string systemMessage(int error) { return std::generic_category().message(error); }
-
-/// The time of the file's last change, taken as its capture time. A usage error for what is not a
-/// non-empty regular file; a failure for one that cannot be read.
-zu::Date checkedCaptureTime(const fs::path& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) {
-    reject("cannot add " + path.string() + ": " + systemMessage(errno));
-  }
-  if (S_ISDIR(status.st_mode)) reject("cannot add " + path.string() + ": it is a folder, not a media file");
-  if (!S_ISREG(status.st_mode)) reject("cannot add " + path.string() + ": it is not a regular file");
-  if (status.st_size == 0) reject("cannot add " + path.string() + ": the file is empty");
-  if (::access(path.c_str(), R_OK) != 0) fail("cannot read " + path.string() + ": " + systemMessage(errno));
-  return zu::Date::fromTimeIntervalSince1970(static_cast<double>(status.st_mtim.tv_sec) +
-                                             static_cast<double>(status.st_mtim.tv_nsec) / 1e9);
-}
-
-std::string lowerExtension(const fs::path& path) {
-  std::string extension = path.extension().string();
-  if (!extension.empty()) extension.erase(0, 1);
-  std::transform(extension.begin(), extension.end(), extension.begin(),
-                 [](unsigned char c) { return std::tolower(c); });
-  return extension;
-}
-
-/**
- * The record for `source`: named from its capture time as the capture screen names files
- * ("yyyyMMdd_HHmmss"), with "_2", "_3"... when that name is taken in the media folder or by `taken`, its
- * original name kept as the description.
- */
-kiv::KivFile recordFor(const fs::path& source, std::set<std::string>& taken) {
-  const zu::Date captured = checkedCaptureTime(source);
-  const std::string extension = lowerExtension(source);
-  if (extension.empty() || !zu::ZuFileManager::isPlainPathComponent(extension)) {
-    reject("cannot add " + source.string() + ": without an extension its kind of media cannot be told");
-  }
-  const std::string base = zu::stringWithLocalDateTimeForFileNames(captured);
-  kiv::KivFile record(base, extension, captured);
-  for (int suffix = 2; taken.contains(fileName(record)) || record.hasLocalFile(); ++suffix) {
-    record.name = base + "_" + std::to_string(suffix);
-  }
-  taken.insert(fileName(record));
-  record.description = source.filename().string();
-  return record;
-}
-
-/// Copies (or moves) the file into place: a copy is written beside its destination, then renamed.
-std::optional<std::string> place(const Import& import, bool move) {
-  const zu::URL destination = import.record.fileURL();
-  if (move) {
-    std::optional<zu::Error> failure;
-    zu::ZuFileManager::moveFile(zu::URL::fileURLWithPath(fs::absolute(import.source).string()), destination,
-                                [&](bool, std::optional<zu::Error> error) { failure = std::move(error); });
-    if (failure) return failure->localizedDescription();
-    return std::nullopt;
-  }
-  const fs::path target = destination.path();
-  const fs::path partial = target.string() + ".part";
+/// The report to add to; a usage error that says so when the file came first (kiv add FILE REPORT).
+const kiv::KivReport& reportToAddTo(const ReportStore& store, const std::string& selector) {
   std::error_code error;
-  fs::copy_file(import.source, partial, fs::copy_options::overwrite_existing, error);
-  if (!error) fs::rename(partial, target, error);
-  if (!error) return std::nullopt;
-  fs::remove(partial, error);
-  return error.message();
-}
-
-/// Puts back what `place` did for `import`.
-void undo(const Import& import, bool move) {
-  const zu::URL placed = import.record.fileURL();
-  if (move) {
-    zu::ZuFileManager::moveFile(placed, zu::URL::fileURLWithPath(fs::absolute(import.source).string()),
-                                [](bool, const std::optional<zu::Error>&) {});
-  } else {
-    static_cast<void>(zu::ZuFileManager::removeItem(placed));
+  if (!kiv::findReport(store.reports(), selector) && fs::is_regular_file(selector, error)) {
+    reject("\"" + selector + "\" is a file, not a report: the report comes first (kiv add REPORT FILE...)");
   }
+  return store.find(selector);
 }
 
 }  // namespace
 
 void addFiles(const Context& context, const AddOptions& options) {
   const ReportStore store = ReportStore::load();
-  kiv::KivReport report = store.find(options.report);
-  std::set<std::string> taken;
-  for (const kiv::KivFile& file : report.files) taken.insert(fileName(file));
-  // Every file is checked before any is touched.
-  std::vector<Import> imports;
-  for (const std::string& file : options.files) imports.push_back({file, recordFor(file, taken)});
-
-  for (std::size_t i = 0; i < imports.size(); ++i) {
-    if (const auto problem = place(imports[i], options.move)) {
-      for (std::size_t j = 0; j < i; ++j) undo(imports[j], options.move);
-      fail("cannot " + std::string(options.move ? "move " : "copy ") + imports[i].source.string() +
-           " into the media folder: " + problem.value() + "; nothing was added");
+  kiv::KivReport report = reportToAddTo(store, options.report);
+  const std::size_t kept = report.files.size();
+  const kiv::MediaImportOptions importing{.move = options.move, .dateTaken = std::nullopt};
+  std::vector<zu::URL> sources;
+  for (const std::string& file : options.files) {
+    const zu::URL source = zu::URL::fileURLWithPath(fs::absolute(file).string());
+    const auto imported =
+        kiv::KivProvenance::importSignedMediaFile(source, report, store.reports(), importing);
+    if (!imported) {
+      for (std::size_t i = 0; i < sources.size(); ++i)
+        static_cast<void>(kiv::undoMediaImport(report.files[kept + i], sources[i], importing));
+      fail(imported.error().localizedDescription() + "; nothing was added");
     }
+    report.files.push_back(imported->file);
+    sources.push_back(source);
   }
-  for (Import& import : imports) report.files.push_back(import.record);
   report = report.withCalculatedHash();
-  const std::vector<kiv::KivFile> added(report.files.end() - static_cast<std::ptrdiff_t>(imports.size()),
-                                        report.files.end());
-  std::string keyId;
-  try {
-    keyId = signStatements(report, added);
-  } catch (const CommandError&) {
-    for (const Import& import : imports) undo(import, options.move);
-    throw;
-  }
   ReportStore::save(report);
 
-  zu::AnyCodable::Array documents;
+  const std::string keyId = (*kiv::KivProvenance::deviceSigner())->keyId();
+  zu::AnyCodable::Array added;
   std::string text;
-  for (std::size_t i = 0; i < imports.size(); ++i) {
-    documents.emplace_back(fileDocument(added[i]));
-    text += "added " + imports[i].source.string() + " as " + fileName(added[i]) + "  " +
-            added[i].hash.value_or("") + "\n";
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    const kiv::KivFile& file = report.files[kept + i];
+    added.emplace_back(fileDocument(file));
+    text += "added " + sources[i].path() + " as " + fileName(file) + "  " + file.hash.value_or("") + "\n";
   }
   context.print({{"report", reportSummary(report)},
                  {"hash", report.hash},
-                 {"added", std::move(documents)},
-                 {"keyId", keyId.empty() ? zu::AnyCodable() : zu::AnyCodable(keyId)}},
-                keyId.empty() ? text : text + "statements signed with device key " + keyId);
+                 {"added", std::move(added)},
+                 {"keyId", keyId}},
+                text + "statements signed with device key " + keyId);
 }
 
 // ---- verify ----

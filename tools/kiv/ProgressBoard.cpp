@@ -21,9 +21,18 @@ std::size_t terminalWidth() {
   return 80;
 }
 
-std::string mebibytes(std::int64_t bytes) {
+/// The unit in which sizes up to `largest` bytes read best: KiB below a tenth of a MiB, MiB from there.
+struct Unit {
+  double bytes;
+  const char* name;
+};
+Unit unitFor(std::int64_t largest) {
+  return static_cast<double>(largest) < mebibyte / 10 ? Unit{1024.0, "KiB"} : Unit{mebibyte, "MiB"};
+}
+
+std::string amount(std::int64_t bytes, const Unit& unit) {
   char text[32];
-  static_cast<void>(std::snprintf(text, sizeof text, "%.1f", static_cast<double>(bytes) / mebibyte));
+  static_cast<void>(std::snprintf(text, sizeof text, "%.1f", static_cast<double>(bytes) / unit.bytes));
   return text;
 }
 
@@ -66,10 +75,9 @@ void ProgressBoard::draw(bool force) {
     expected += row.expected;
   }
   const double seconds = std::chrono::duration<double>(now - started_).count();
-  const std::string rate =
-      seconds > 0
-          ? "  " + mebibytes(static_cast<std::int64_t>(static_cast<double>(done) / seconds)) + " MiB/s"
-          : "";
+  const auto perSecond = static_cast<std::int64_t>(seconds > 0 ? static_cast<double>(done) / seconds : 0);
+  const Unit rateUnit = unitFor(perSecond);
+  const std::string rate = seconds > 0 ? "  " + amount(perSecond, rateUnit) + " " + rateUnit.name + "/s" : "";
   board << "\r\x1b[2K" << line("total", done, expected, rate) << '\n';
   drawn_ = true;
   std::cerr << board.str() << std::flush;
@@ -80,8 +88,10 @@ std::string ProgressBoard::line(const std::string& label, std::int64_t done, std
   const int percent = expected > 0 ? static_cast<int>(std::min<std::int64_t>(100, done * 100 / expected)) : 0;
   std::string share = std::to_string(percent) + "%";
   share.insert(0, 4 - share.size(), ' ');
-  const std::string figures = share + "  " + mebibytes(done) + "/" +
-                              (expected > 0 ? mebibytes(expected) : std::string("?")) + " MiB" + suffix;
+  const Unit unit = unitFor(std::max(done, expected));
+  const std::string figures = share + "  " + amount(done, unit) + "/" +
+                              (expected > 0 ? amount(expected, unit) : std::string("?")) + " " + unit.name +
+                              suffix;
   const std::size_t width = terminalWidth();
   const std::size_t fixed = labelWidth_ + figures.size() + 8;
   const std::size_t barWidth = width > fixed + 10 ? std::min<std::size_t>(width - fixed, 40) : 10;

@@ -15,6 +15,8 @@ namespace kivcli {
  *   20240501_120000.jpg  [##########>          ]  52%   26.0/50.0 MiB
  *   total                [####>                ]  23%  230.0/1000.0 MiB  412.3 MiB/s
  *
+ * Sizes and rates under a tenth of a MiB read in KiB.
+ *
  * @par Thread Safety
  * Progress handlers may run on any thread; drawing is serialised by the board's lock.
  */

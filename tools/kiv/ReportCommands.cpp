@@ -1,6 +1,9 @@
 // kiv report new|list|show|rm: the report list on this device.
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -29,16 +32,11 @@ zu::AnyCodable::Dictionary metadataFrom(const std::vector<std::string>& pairs) {
 }  // namespace
 
 void createReport(const Context& context, const NewReportOptions& options) {
-  // The name also names the certificate's file, so it must be one plain file name.
-  if (!zu::ZuFileManager::isPlainPathComponent(options.name)) {
-    reject("a report name cannot be empty, \".\" or \"..\", or contain \"/\": \"" + options.name + "\"");
-  }
   kiv::KivReport report(options.name);
   if (!options.note.empty()) report.note = options.note;
   if (!options.email.empty()) report.email = options.email;
   if (!options.metadata.empty()) report.setMetadata(metadataFrom(options.metadata));
-  ReportStore::load();
-  ReportStore::save(report);
+  ReportStore::create(report);
   context.print(reportDocument(report), report.id->uuidString());
 }
 
@@ -90,12 +88,26 @@ std::vector<zu::URL> ownedFiles(const kiv::KivReport& report, const std::vector<
   return owned;
 }
 
+/// Asks at the terminal before evidence is deleted; refuses when there is no terminal to ask at.
+void confirmRemoval(const kiv::KivReport& report, std::size_t fileCount) {
+  const std::string what =
+      "report " + report.name + " and its " + std::to_string(fileCount) + " file(s) on this device";
+  if (::isatty(STDIN_FILENO) != 1)
+    reject("kiv report rm deletes " + what + ": add --yes to confirm when not at a terminal");
+  std::cerr << "Remove " << what << "? [y/N] " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer != "y" && answer != "Y" && answer != "yes")
+    fail("kept " + report.name + ": nothing was removed");
+}
+
 }  // namespace
 
-void removeReport(const Context& context, const std::string& selector) {
+void removeReport(const Context& context, const RemoveOptions& options) {
   const ReportStore store = ReportStore::load();
-  const kiv::KivReport& report = store.find(selector);
+  const kiv::KivReport& report = store.find(options.report);
   const std::vector<zu::URL> files = ownedFiles(report, store.reports());
+  if (!options.yes) confirmRemoval(report, files.size());
   // The record goes first: a command stopped in between leaves unused files, never a report without them.
   ReportStore::remove(report);
   zu::AnyCodable::Array removed;

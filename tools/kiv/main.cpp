@@ -1,11 +1,13 @@
 // kiv: evidence reports from the shell. A host application of the SDK like any other: it keeps the SDK's
 // own report store and folders, and talks to the certification service through KivAPI.
-#include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -44,7 +46,9 @@ void addGlobalOptions(CLI::App& app, Context& context) {
          "A CA certificate (PEM) to trust for the service, besides the system's; for verify --offline, "
          "the CA the certificate must chain to")
       ->envname("KIV_SERVICE_CA");
-  app.add_option("--data", context.data, "The application data folder (default: the user's data folder)")
+  app.add_option(
+         "--data", context.data,
+         "The application data folder, shared with kiv-capture (default: kiv in the user's data folder)")
       ->envname("KIV_DATA_DIR");
   app.add_option("--timeout", context.timeout,
                  "Seconds an operation may go without any answer or progress before kiv gives up")
@@ -60,6 +64,7 @@ struct Options {
   std::vector<std::string> verified;  ///< verify's REPORT, or with --offline the CERTIFICATE and FILEs
   bool offline = false;
   NewReportOptions newReport;
+  RemoveOptions removal;
   AddOptions add;
   ReportOptions service;
   NewsletterOptions newsletter;
@@ -86,9 +91,11 @@ void addReportCommands(CLI::App& app, Options& options) {
   addReportArgument(*addCommand(*report, context, "show", "Show a report and its files",
                                 [&context, &selector] { showReport(context, selector); }),
                     selector);
-  addReportArgument(*addCommand(*report, context, "rm", "Remove a report with its media and certificate",
-                                [&context, &selector] { removeReport(context, selector); }),
-                    selector);
+  RemoveOptions& removal = options.removal;
+  CLI::App* remove = addCommand(*report, context, "rm", "Remove a report with its media and certificate",
+                                [&context, &removal] { removeReport(context, removal); });
+  addReportArgument(*remove, removal.report);
+  remove->add_flag("-y,--yes", removal.yes, "Do not ask before deleting the report's evidence");
 }
 
 /// kiv verify: a report on this device, or with --offline a certificate and media files.
@@ -183,17 +190,85 @@ void addTransferCommands(CLI::App& app, Options& options) {
 void defineCommandLine(CLI::App& app, Options& options) {
   app.fallthrough();
   app.require_subcommand(1);
-  app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return std::string(error.what()) + "; kiv --help shows the commands and options\n";
-  });
   app.footer(
       "REPORT is a report's id, a unique prefix of it, its slug or its exact name.\n"
-      "Exit codes: 0 success, 1 the operation failed, 2 usage error.");
+      "Exit codes: 0 success, 1 the operation failed, 2 usage error. With --json, a failure before the\n"
+      "command's result prints {\"error\": message, \"exitCode\": code} on standard output as well.");
   addGlobalOptions(app, options.context);
   addReportCommands(app, options);
   addMediaCommands(app, options);
   addServiceCommands(app, options);
   addTransferCommands(app, options);
+}
+
+/// The number of edits that turn `a` into `b`, a swap of neighbours counting as one (typing slips).
+std::size_t editDistance(std::string_view a, std::string_view b) {
+  std::vector<std::vector<std::size_t>> d(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+  for (std::size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
+  for (std::size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      d[i][j] =
+          std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+    }
+  }
+  return d[a.size()][b.size()];
+}
+
+/// The long options (`option`) or the commands that the commands the parse went through offer.
+std::vector<std::string> namesInReach(const CLI::App& app, bool option) {
+  std::vector<std::string> names;
+  for (const CLI::App* command = &app; command != nullptr;) {
+    if (option) {
+      for (const CLI::Option* each : command->get_options()) {
+        for (const std::string& name : each->get_lnames()) names.push_back("--" + name);
+      }
+    } else {
+      for (const CLI::App* sub : command->get_subcommands([](const CLI::App*) { return true; })) {
+        names.push_back(sub->get_name());
+      }
+    }
+    const std::vector<CLI::App*> chosen = command->get_subcommands();
+    command = chosen.empty() ? nullptr : chosen.front();
+  }
+  return names;
+}
+
+/// The name in `names` nearest to `typed`, when it is near enough to be what was meant.
+std::optional<std::string> nearestName(const std::string& typed, const std::vector<std::string>& names) {
+  std::optional<std::string> nearest;
+  std::size_t best = std::max<std::size_t>(1, typed.size() / 3) + 1;
+  for (const std::string& name : names) {
+    if (const std::size_t distance = editDistance(typed, name); distance < best) {
+      nearest = name;
+      best = distance;
+    }
+  }
+  return nearest;
+}
+
+/// The line for a command line that cannot be carried out; a misspelt command or option gets its nearest
+/// name.
+std::string usageMessage(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> strays = app.remaining(true);
+  if (!strays.empty()) {
+    const std::string& stray = strays.front();
+    const bool option = stray.starts_with('-');
+    if (const auto meant = nearestName(stray, namesInReach(app, option))) {
+      return (option ? "unknown option " + stray : "unknown command \"" + stray + "\"") + ": did you mean " +
+             *meant + "?";
+    }
+  }
+  return std::string(error.what()) + "; kiv --help shows the commands and options";
+}
+
+/// Reports the failure `message`, on standard error and, with --json, on standard output; answers `code`.
+int end(const Context& context, const std::string& message, ExitCode code) {
+  context.printError(message, code);
+  std::cerr << "kiv: " << message << std::endl;  // standard error is tied to standard output: both are out
+  return code;
 }
 
 int run(int argc, char** argv) {
@@ -203,17 +278,16 @@ int run(int argc, char** argv) {
     defineCommandLine(app, options);
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.exit(error);
-    std::cerr << "kiv: ";
-    app.exit(error);
-    return ExitCode::usage;
+    if (error.get_exit_code() == 0) return app.exit(error);  // --help
+    // Flags are stored once the whole line is read: a line that failed before may hold --json all the same.
+    options.context.json =
+        options.context.json || std::find(argv, argv + argc, std::string_view("--json")) != argv + argc;
+    return end(options.context, usageMessage(app, error), ExitCode::usage);
   } catch (const CommandError& error) {
-    std::cerr << "kiv: " << error.what() << std::endl;
     // Operations may still be running on the SDK's threads: leave without waiting for them.
-    std::_Exit(error.exitCode());
+    std::_Exit(end(options.context, error.what(), error.exitCode()));
   } catch (const std::exception& error) {
-    std::cerr << "kiv: " << error.what() << std::endl;
-    std::_Exit(ExitCode::failed);
+    std::_Exit(end(options.context, error.what(), ExitCode::failed));
   }
   return ExitCode::success;
 }

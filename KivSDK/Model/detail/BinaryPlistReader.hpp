@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "ZuFoundation/detail/BinaryPlist.hpp"
+
 namespace kiv::detail {
 
 /**
@@ -24,18 +26,7 @@ namespace kiv::detail {
 class BinaryPlistReader {
  public:
   using Ref = std::uint64_t;
-  enum class Kind : std::uint8_t {
-    Invalid,
-    Boolean,
-    Integer,
-    Real,
-    Date,
-    Data,
-    String,
-    Array,
-    Dictionary,
-    Other
-  };
+  using Kind = zu::detail::bplist::Kind;
 
   /// References stored in a container, read on access.
   class Refs {
@@ -62,7 +53,7 @@ class BinaryPlistReader {
   /// is malformed.
   static std::optional<BinaryPlistReader> open(std::span<const std::uint8_t> bytes);
 
-  Ref root() const { return root_; }
+  Ref root() const { return trailer_.root; }
   Kind kind(Ref ref) const { return object(ref).kind; }
 
   std::optional<bool> boolean(Ref ref) const;
@@ -78,31 +69,15 @@ class BinaryPlistReader {
   std::optional<Dictionary> dictionary(Ref ref) const;
 
  private:
-  struct Object {
-    Kind kind = Kind::Invalid;
-    std::uint8_t marker = 0;
-    const std::uint8_t* payload = nullptr;
-    std::uint64_t count = 0;  // bytes of a scalar, code units of a text, references of a container
-  };
+  BinaryPlistReader(std::span<const std::uint8_t> bytes, const zu::detail::bplist::Trailer& trailer)
+      : bytes_(bytes), trailer_(trailer) {}
 
-  BinaryPlistReader(std::span<const std::uint8_t> bytes, std::uint64_t objectsEnd, unsigned offsetWidth,
-                    unsigned refWidth, std::uint64_t objectCount, Ref root)
-      : bytes_(bytes),
-        objectsEnd_(objectsEnd),
-        offsetWidth_(offsetWidth),
-        refWidth_(refWidth),
-        objectCount_(objectCount),
-        root_(root) {}
-
-  Object object(Ref ref) const;
-  std::optional<double> floatingPoint(const Object& object) const;
+  zu::detail::bplist::Object object(Ref ref) const {
+    return zu::detail::bplist::objectOf(bytes_, trailer_, ref);
+  }
 
   std::span<const std::uint8_t> bytes_;
-  std::uint64_t objectsEnd_;  // where the offset table starts
-  unsigned offsetWidth_;
-  unsigned refWidth_;
-  std::uint64_t objectCount_;
-  Ref root_;
+  zu::detail::bplist::Trailer trailer_;
 };
 
 }  // namespace kiv::detail

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <span>
 #include <vector>
 
 #include "KivSDK/Model/KivReport.hpp"
@@ -24,6 +26,6 @@ zu::Result<zu::Data> encodeReports(const std::vector<KivReport>& reports);
  * unknown `fileType`, a malformed `id` or URL). Unknown keys are ignored; an optional field holding "$null"
  * (the platform's nil) reads as nil.
  */
-zu::Result<std::vector<KivReport>> decodeReports(const zu::Data& bytes);
+zu::Result<std::vector<KivReport>> decodeReports(std::span<const std::uint8_t> bytes);
 
 }  // namespace kiv::detail

@@ -4,6 +4,7 @@
 #include <QPinchGesture>
 #include <QShowEvent>
 #include <QWheelEvent>
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -27,6 +28,7 @@ constexpr int kMainButton = 76;
 constexpr int kMainBottomInset = 12;
 constexpr int kSegmentsTop = 12;
 constexpr QSize kSegments{220, 32};
+constexpr int kMessageWidth = 560;
 /// Each Ctrl+wheel notch zooms by this factor.
 constexpr double kWheelZoomStep = 1.25;
 
@@ -61,6 +63,14 @@ KivMediaCaptureAndPlayWidget::KivMediaCaptureAndPlayWidget(std::unique_ptr<Contr
   digits.setPixelSize(18);
   digits.setBold(true);
   timeLabel_->setFont(digits);
+  message_ = new QLabel(this);
+  message_->setObjectName(QStringLiteral("messageLabel"));
+  message_->setAlignment(Qt::AlignCenter);
+  message_->setWordWrap(true);
+  message_->setStyleSheet(QStringLiteral(
+      "QLabel { color: white; background: rgba(48, 48, 48, 0.85); border-radius: 12px; padding: 20px; "
+      "font-size: 20px; }"));
+  message_->hide();
   panel_ = new detail::FilledWidget(this);
   panel_->setObjectName(QStringLiteral("bottomControlsView"));
   segments_ = new detail::SegmentedControlWidget(panel_, [this](int index) {
@@ -97,6 +107,12 @@ detail::ImageButton* KivMediaCaptureAndPlayWidget::makeButton(const char* name, 
 void KivMediaCaptureAndPlayWidget::presentFullScreen() {
   setWindowFlag(Qt::FramelessWindowHint, controller_->prefersStatusBarHidden());
   showFullScreen();
+}
+
+void KivMediaCaptureAndPlayWidget::showMessage(const QString& text) {
+  message_->setText(text);
+  message_->setVisible(!text.isEmpty());
+  layoutTop();
 }
 
 void KivMediaCaptureAndPlayWidget::controlsDidChange(bool animated) {
@@ -164,6 +180,10 @@ void KivMediaCaptureAndPlayWidget::layoutTop() {
   flashButton_->setGeometry(width() - kMargin - kTopButton, kMargin, kTopButton, kTopButton);
   const int labelWidth = timeLabel_->sizeHint().width();
   timeLabel_->setGeometry((width() - labelWidth) / 2, kMargin + 6, labelWidth, kTopButton - 12);
+  const int messageWidth = std::min(kMessageWidth, width() - 2 * kMargin);
+  const int messageHeight = message_->heightForWidth(messageWidth);
+  message_->setGeometry((width() - messageWidth) / 2, (height() - messageHeight) / 2, messageWidth,
+                        messageHeight);
 }
 
 void KivMediaCaptureAndPlayWidget::layoutPanel() {

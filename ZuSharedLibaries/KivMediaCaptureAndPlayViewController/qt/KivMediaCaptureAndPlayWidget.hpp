@@ -45,6 +45,11 @@ class KivMediaCaptureAndPlayWidget final : public QWidget, public CaptureScreenV
   KivMediaCaptureAndPlayViewController& controller() { return *controller_; }
   /// Shows the screen as a frameless window covering the whole screen.
   void presentFullScreen();
+  /**
+   * Shows `text` across the middle of the screen, over the preview: where a host says why the camera cannot
+   * be used (the screen itself shows no alert). An empty text hides it.
+   */
+  void showMessage(const QString& text);
   /// How long the bottom panel takes to change its height; 0 changes it at once.
   void setAnimationDuration(int milliseconds) { animationDuration_ = milliseconds; }
   /// The panel's current height and side-button distance (they lag the model while animating).
@@ -83,6 +88,7 @@ class KivMediaCaptureAndPlayWidget final : public QWidget, public CaptureScreenV
   detail::FilledWidget* panel_;
   detail::SegmentedControlWidget* segments_;
   QLabel* timeLabel_;
+  QLabel* message_;
   detail::ImageButton* dismissButton_;
   detail::ImageButton* flashButton_;
   detail::ImageButton* mainControlButton_;

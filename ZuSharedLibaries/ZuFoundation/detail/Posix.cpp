@@ -62,12 +62,12 @@ std::optional<Error> syncFolder(const std::string& folder) {
 }
 
 std::optional<Error> replaceFileDurably(const std::string& path, const std::string& temporary,
-                                        const Data& bytes) {
+                                        const std::function<std::optional<Error>(int fd)>& write) {
   std::optional<Error> error;
   {
     const auto file = FileDescriptor::open(temporary, O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (!file) return Error::posix(errno);
-    error = writeAll(file.get(), bytes.data(), bytes.size());
+    error = write(file.get());
     if (!error && ::fsync(file.get()) != 0) error = Error::posix(errno);
   }
   if (!error && ::rename(temporary.c_str(), path.c_str()) != 0) error = Error::posix(errno);
@@ -76,6 +76,12 @@ std::optional<Error> replaceFileDurably(const std::string& path, const std::stri
     return error;
   }
   return syncFolder(std::filesystem::path(path).parent_path().string());
+}
+
+std::optional<Error> replaceFileDurably(const std::string& path, const std::string& temporary,
+                                        const Data& bytes) {
+  return replaceFileDurably(path, temporary,
+                            [&](int fd) { return writeAll(fd, bytes.data(), bytes.size()); });
 }
 
 }  // namespace zu::detail

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -61,10 +62,14 @@ Result<Data> readWholeFile(const std::string& path,
 /// Flushes a folder's entries (a rename inside it) to disk.
 std::optional<Error> syncFolder(const std::string& folder);
 /**
- * Replaces the file at `path` so that a crash at any moment leaves its old or its new content: `bytes` go to
- * `temporary` (a path in the same folder, mode 0600), which is flushed and renamed over `path`; then the
- * folder is flushed. On failure the temporary file is removed and `path` is untouched.
+ * Replaces the file at `path` so that a crash at any moment leaves its old or its new content: `write` writes
+ * the new content to the descriptor of `temporary` (a path in the same folder, mode 0600), which is flushed
+ * and renamed over `path`; then the folder is flushed. On failure (`write`'s included) the temporary file is
+ * removed and `path` is untouched.
  */
+std::optional<Error> replaceFileDurably(const std::string& path, const std::string& temporary,
+                                        const std::function<std::optional<Error>(int fd)>& write);
+/// Replaces the file at `path` with `bytes`, as above.
 std::optional<Error> replaceFileDurably(const std::string& path, const std::string& temporary,
                                         const Data& bytes);
 

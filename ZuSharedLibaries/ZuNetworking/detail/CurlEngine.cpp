@@ -1,7 +1,6 @@
 #include "ZuNetworking/detail/CurlEngine.hpp"
 
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +17,7 @@
 #include "ZuFoundation/FatalError.hpp"
 #include "ZuFoundation/detail/Posix.hpp"
 #include "ZuNetworking/detail/TransportError.hpp"
+#include "ZuNetworking/detail/TrustedAuthorities.hpp"
 
 namespace zu::detail {
 
@@ -55,6 +55,7 @@ struct Transfer {
   CurlSlist headerList;
   // The headers without "Content-Type", for a body request that a redirect turns into a bodiless GET.
   CurlSlist bodilessHeaderList;
+  // Authorities (a PEM file) trusted besides the system's; empty: none.
   std::string authorityFile;
   std::optional<std::string> uploadPath;
   FileDescriptor uploadFile;
@@ -232,10 +233,10 @@ Transfer::Clock::duration idleTimeoutOf(const URLRequest& request) {
       std::chrono::duration<double>(std::clamp(seconds, 0.0, kLongest)));
 }
 
-CURLcode addAuthorities(CURL*, void* sslContext, void* path) {
+CURLcode addAuthorities(CURL*, void* sslContext, void* context) {
   X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
-  return X509_STORE_load_file(store, static_cast<const char*>(path)) == 1 ? CURLE_OK
-                                                                          : CURLE_SSL_CACERT_BADFILE;
+  const auto& transfer = *static_cast<const Transfer*>(context);
+  return addTrustedAuthorities(store, transfer.authorityFile) ? CURLE_OK : CURLE_SSL_CACERT_BADFILE;
 }
 
 void setMethodAndBody(Transfer& transfer, const URLRequest& request) {
@@ -268,6 +269,12 @@ void setMethodAndBody(Transfer& transfer, const URLRequest& request) {
   }
 }
 
+// curl leaves out a header written "Name:" with nothing after it (that form removes a header of its own), so
+// an empty value is written "Name;", which curl sends as the header with the empty value.
+std::string headerLine(const std::string& name, const std::string& value) {
+  return value.empty() ? name + ";" : name + ": " + value;
+}
+
 CurlSlist headerList(const URLRequest& request, bool withContentType) {
   curl_slist* list = nullptr;
   auto append = [&](const std::string& line) {
@@ -276,8 +283,7 @@ CurlSlist headerList(const URLRequest& request, bool withContentType) {
     list = longer;
   };
   for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
-    if (withContentType || ::strcasecmp(name.c_str(), "Content-Type") != 0)
-      append(std::string(name).append(": ").append(value));
+    if (withContentType || ::strcasecmp(name.c_str(), "Content-Type") != 0) append(headerLine(name, value));
   }
   // No "Expect: 100-continue" round trip before a body: it only delays uploads.
   append("Expect:");
@@ -306,14 +312,17 @@ void configure(Transfer& transfer, const URLRequest& request, const URLSessionCo
   setOption(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
   setOption(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   setOption(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  auto authorities = configuration.additionalCertificateAuthorityFile
-                         ? configuration.additionalCertificateAuthorityFile
-                         : URLSession::additionalCertificateAuthorityFile();
-  if (authorities) {
-    transfer.authorityFile = *authorities;
-    setOption(easy, CURLOPT_SSL_CTX_FUNCTION, &addAuthorities);
-    setOption(easy, CURLOPT_SSL_CTX_DATA, transfer.authorityFile.data());
-  }
+  // Every connection trusts the authorities parsed once for the process (TrustedAuthorities.hpp): libcurl
+  // reads no file of its own and keeps no store of its own between connections.
+  const auto authorities = configuration.additionalCertificateAuthorityFile
+                               ? configuration.additionalCertificateAuthorityFile
+                               : URLSession::additionalCertificateAuthorityFile();
+  transfer.authorityFile = authorities.value_or("");
+  setOption(easy, CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+  setOption(easy, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+  setOption(easy, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+  setOption(easy, CURLOPT_SSL_CTX_FUNCTION, &addAuthorities);
+  setOption(easy, CURLOPT_SSL_CTX_DATA, &transfer);
   // The time-out is an idle time-out, kept by the engine from the progress reports once the connection is
   // open; opening it has a time-out of its own, the same but never more than a minute.
   transfer.idleTimeout = idleTimeoutOf(request);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QLabel>
 #include <QWheelEvent>
 #include <algorithm>
 #include <functional>
@@ -207,6 +208,44 @@ TEST(CaptureWidget, TheHostHearsConfirmAndDismissPresses) {
   EXPECT_EQ(screen.delegate.dismissals[0].reason, Controller::DismissReason::save);
   EXPECT_EQ(screen.delegate.dismissals[0].fileURL, screen.controller().fileURL());
   EXPECT_EQ(screen.delegate.dismissals[1].reason, Controller::DismissReason::close);
+}
+
+TEST(CaptureWidget, AHostSaysOnScreenWhyTheCameraCannotBeUsed) {
+  CaptureWidgetHarness screen(std::make_shared<zu::FakeCaptureDevice>(zu::FakeCaptureDevice::Settings{
+                                  .setupError = zu::SetupError::noBackWideAngleCamera()}),
+                              std::make_shared<zu::FakeMediaPlayer>(), {});
+  screen.widget->show();
+  ASSERT_TRUE(screen.waitUntil([&] { return !screen.delegate.failures.empty(); }));
+  const std::string text = screen.delegate.failures[0].errorDescription();
+  ASSERT_EQ(text, "No camera was found. Connect a camera, then try again.");
+  screen.widget->showMessage(QString::fromStdString(text));
+  QCoreApplication::processEvents();
+
+  const QImage picture = screen.screenshot("setupError");
+  const auto* message = screen.widget->findChild<QLabel*>("messageLabel");
+  ASSERT_TRUE(message && message->isVisible());
+  EXPECT_EQ(message->text().toStdString(), text);
+  const QRect area = message->geometry();
+  EXPECT_TRUE(screen.widget->rect().contains(area));
+  EXPECT_EQ(area.center(), screen.widget->rect().center());
+  EXPECT_FALSE(area.intersects(screen.child("dismissButton")->geometry()));
+  // The picture shows light letters on the message's grey ground, which stands out from the black preview.
+  int light = 0;
+  for (int y = area.top(); y <= area.bottom(); ++y) {
+    for (int x = area.left(); x <= area.right(); ++x)
+      light += picture.pixelColor(x, y).lightness() > 200 ? 1 : 0;
+  }
+  EXPECT_GT(light, 100);
+  const int ground = picture.pixelColor(area.left() + 4, area.center().y()).lightness();
+  EXPECT_GT(ground, 20);
+  EXPECT_LT(ground, 80);
+
+  // The close button still closes; a host hides the message with an empty text.
+  screen.click("dismissButton");
+  ASSERT_EQ(screen.delegate.dismissals.size(), 1U);
+  EXPECT_EQ(screen.delegate.dismissals[0].reason, Controller::DismissReason::close);
+  screen.widget->showMessage({});
+  EXPECT_FALSE(message->isVisible());
 }
 
 TEST(CaptureWidget, ControlWheelZoomsAndThePanelAnimatesToItsHeight) {

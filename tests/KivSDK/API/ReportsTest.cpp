@@ -7,6 +7,7 @@
 #include <string>
 
 #include "FakeService.hpp"
+#include "KivSDK/API/KivUserProperties.hpp"
 #include "ZuDate/ZuDate.hpp"
 
 namespace {
@@ -212,6 +213,21 @@ TEST_F(KivAPIReports, GeneratePDFStoresTheCertificateAtThePDFLocation) {
   EXPECT_EQ(requests()[0].httpMethod, "POST");
   EXPECT_TRUE(requests()[0].url.absoluteString().ends_with("/v1/reports/S/pdf/"));
   EXPECT_EQ(requests()[0].value("Accept-Language"), "") << "an empty language is still sent";
+}
+
+TEST_F(KivAPIReports, EveryOperationGivenAnEmptyLanguageSendsTheHeaderEmpty) {
+  kiv::KivReport report = twoFileReport();
+  report.slug = "S";
+  ReportOutcome sent;
+  SuccessOutcome pdf, newsletters;
+  KivAPI::send(report, "", sent.completion());
+  KivAPI::generatePDF(report, "", pdf.completion());
+  KivAPI::updateNewsletters(kiv::KivUserProperties("a@b.example", std::nullopt, {}), "",
+                            newsletters.completion());
+  ASSERT_EQ(requests().size(), 3u);
+  for (const zu::URLRequest& request : requests()) {
+    EXPECT_EQ(request.value("Accept-Language"), "") << request.url.absoluteString();
+  }
 }
 
 TEST_F(KivAPIReports, MissingSlugFailsAtOnceAndSendsNothing) {

@@ -14,6 +14,7 @@
 #include <tuple>
 #include <vector>
 
+#include "ZuDigest/ZuDigest.hpp"
 #include "ZuUserDefaults/ZuUserDefaults.hpp"
 #include "support/TemporaryDirectory.hpp"
 
@@ -134,6 +135,40 @@ TEST_F(KivModelTest, KeepsEveryFieldAndTheOrderAsGiven) {
   EXPECT_TRUE(KivModel::loadFromStore().empty());
 }
 
+// `count` different reports sharing some texts, with metadata of every kind.
+std::vector<KivReport> pinnedList(int count) {
+  std::vector<KivReport> list;
+  for (int i = 0; i < count; ++i) {
+    KivReport report = fullReport();
+    report.name = "Evidence " + std::to_string(i % 7);
+    report.created = Date(700000000.25 + i);
+    report.files.push_back(KivFile("Käse " + std::to_string(i), "mov", Date(-i)));
+    report._metadata =
+        zu::FlatMetadata{{{"n"}, AnyCodable(i)},
+                         {{"r"}, AnyCodable(0.5 * i)},
+                         {{"b", "€"}, AnyCodable(i % 2 == 0)},
+                         {{"a"}, AnyCodable(AnyCodable::Array{"x", i, AnyCodable()})},
+                         {{"d"}, AnyCodable(AnyCodable::Dictionary{{"k", "v"}, {"when", Date(1e8)}})}};
+    list.push_back(report);
+  }
+  return list;
+}
+
+// The stored bytes are the platform encoder's: pinned by their digests for one report, for enough to need
+// references of 2 bytes, and of 4.
+TEST_F(KivModelTest, StoredBytesStayAsTheyAre) {
+  const std::pair<int, std::string_view> pinned[] = {
+      {1, "a4ffefa75c163c3486f31480de6eb2cbb4e1443adc0a15358afa562a00f71ff3"},
+      {300, "418f049833ec64de827b87ab20f6738b3a58bcb2139ffe528658c14dc96e29fa"},
+      {2500, "40113f138b322fc9a2bd8d849ad9f88feb99f214bfdc6832570899bb880433b0"}};
+  for (const auto& [count, digest] : pinned) {
+    KivModel::persist(pinnedList(count));
+    const auto bytes = storedBytes();
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(zu::hexString(zu::sha256(*bytes)), digest) << count << " reports";
+  }
+}
+
 TEST_F(KivModelTest, TextThatIsNotUtf8IsStoredWithReplacementCharacters) {
   KivReport report("Bad \xFF byte");
   KivModel::persist({report});
@@ -207,6 +242,43 @@ INSTANTIATE_TEST_SUITE_P(
             kFiles + kStatus +
                 "<key>_metadata</key><array><array><string>k</string></array><data>AA==</data></array>",
             false}),
+    [](const auto& info) { return std::string(info.param.label); });
+
+struct MetadataCase {
+  const char* label;
+  std::string stored;  // one metadata value, as a property list element
+  AnyCodable expected;
+};
+
+class KivModelMetadataTest : public KivModelTest, public ::testing::WithParamInterface<MetadataCase> {};
+
+// Metadata values read with the kinds their JSON form would have, and keep them through a persist (a whole
+// number beyond the signed range stays a real: as an unsigned integer it could not be stored again).
+TEST_P(KivModelMetadataTest, ValuesReadAsTheirJsonKinds) {
+  storeBytes(xmlReports(kFiles + kStatus + "<key>_metadata</key><array><array><string>k</string></array>" +
+                        GetParam().stored + "</array>"));
+  const zu::FlatMetadata expected{{{"k"}, GetParam().expected}};
+  const auto loaded = KivModel::loadFromStore();
+  ASSERT_EQ(loaded.size(), 1u);
+  EXPECT_EQ(loaded[0]._metadata, expected);
+  KivModel::persist(loaded);
+  EXPECT_EQ(KivModel::loadFromStore().at(0)._metadata, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, KivModelMetadataTest,
+    ::testing::Values(MetadataCase{"Text", "<string>v</string>", AnyCodable("v")},
+                      MetadataCase{"Null", "<string>$null</string>", AnyCodable()},
+                      MetadataCase{"Boolean", "<true/>", AnyCodable(true)},
+                      MetadataCase{"Integer", "<integer>-3</integer>", AnyCodable(-3)},
+                      MetadataCase{"WholeReal", "<real>2.0</real>", AnyCodable(2)},
+                      MetadataCase{"Fraction", "<real>2.5</real>", AnyCodable(2.5)},
+                      MetadataCase{"WholeBeyondSigned", "<real>1e19</real>", AnyCodable(1e19)},
+                      MetadataCase{"Array", "<array><string>a</string><integer>1</integer></array>",
+                                   AnyCodable(AnyCodable::Array{"a", 1})},
+                      MetadataCase{"Dictionary",
+                                   "<dict><key>b</key><false/><key>a</key><real>0.5</real></dict>",
+                                   AnyCodable(AnyCodable::Dictionary{{"b", false}, {"a", 0.5}})}),
     [](const auto& info) { return std::string(info.param.label); });
 
 // A date among the metadata reads as its seconds, as a number does, and reads the same once written back.

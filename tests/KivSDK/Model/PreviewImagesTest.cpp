@@ -57,6 +57,35 @@ KivFile mp4Video(const std::string& name, const std::string& pattern = "blue") {
   return makeMedia(KivFile(name, "mp4", zu::Date(0)), pattern, "x264enc ! mp4mux", 30);
 }
 
+/// An MP4 file of AAC sound, with pictures of `pattern` when `pattern` is given.
+KivFile mp4WithSound(const std::string& name, std::optional<std::string> pattern) {
+  KivFile file(name, "mp4", zu::Date(0));
+  std::string description =
+      "audiotestsrc num-buffers=20 ! avenc_aac ! mp4mux name=mux ! filesink location=\"" +
+      file.fileURL().path() + "\"";
+  if (pattern) {
+    description += " videotestsrc num-buffers=30 pattern=" + *pattern +
+                   " ! video/x-raw,format=I420,width=64,height=48,framerate=30/1 ! x264enc ! mux.";
+  }
+  EXPECT_TRUE(runToEnd(description));
+  return file;
+}
+
+/// Previews are made for `points` on a screen of `scale` pixels per point while it lives.
+class ScopedPreviewScreen {
+ public:
+  explicit ScopedPreviewScreen(double points, double scale = 1) {
+    KivModel::setPreviewSize(points);
+    zu::Screen::setMainScale(scale);
+  }
+  ~ScopedPreviewScreen() {
+    KivModel::setPreviewSize(KivModel::Const::defaultPreviewSize);
+    zu::Screen::setMainScale(1);
+  }
+  ScopedPreviewScreen(const ScopedPreviewScreen&) = delete;
+  ScopedPreviewScreen& operator=(const ScopedPreviewScreen&) = delete;
+};
+
 /// The colour at the picture's centre matches `expected` give or take what lossy coding and the test
 /// source's limited colour range change.
 void expectCentre(const Image& image, const Rgb& expected) {
@@ -66,6 +95,28 @@ void expectCentre(const Image& image, const Rgb& expected) {
     EXPECT_NEAR(image.rgba()[centre + channel], expected[channel], 32) << "channel " << channel;
   }
   EXPECT_EQ(image.rgba()[centre + 3], 255);
+}
+
+/// The colour at a point given as fractions of the picture's width and height.
+Rgb colourAt(const Image& image, double x, double y) {
+  const auto column = static_cast<std::size_t>(x * image.width());
+  const auto row = static_cast<std::size_t>(y * image.height());
+  const auto at = (row * static_cast<std::size_t>(image.width()) + column) * 4;
+  return {image.rgba()[at], image.rgba()[at + 1], image.rgba()[at + 2]};
+}
+
+/// A reduced picture shows what its full size does: the colours of the test source's bars in their places,
+/// give or take what lossy coding and scaling change.
+void expectSamePicture(const Image& reduced, const Image& full) {
+  for (const double bar : {0.5, 2.5, 4.5, 6.5}) {
+    for (const double y : {0.3, 0.9}) {
+      const Rgb shown = colourAt(reduced, bar / 7, y);
+      const Rgb stored = colourAt(full, bar / 7, y);
+      for (std::size_t channel = 0; channel < 3; ++channel) {
+        EXPECT_NEAR(shown[channel], stored[channel], 40) << "bar " << bar << ", height " << y;
+      }
+    }
+  }
 }
 
 /// One request's two answers: what it returned and what its completion received, on which thread.
@@ -121,6 +172,9 @@ struct PhotoCase {
   const char* pattern;
   const char* encoder;
   Rgb colour;
+  /// The size of its preview at 20 points: JPEG photos decode in eighths of their 64 x 48 pixels.
+  int previewWidth;
+  int previewHeight;
 };
 
 class PhotoPreviews : public PreviewImages, public testing::WithParamInterface<PhotoCase> {};
@@ -147,10 +201,38 @@ TEST_P(PhotoPreviews, DecodeAtOnceAndComeFromTheCacheAfterwards) {
   EXPECT_FALSE(second.completed());
 }
 
+TEST_P(PhotoPreviews, DecodeAtThePreviewSizeAndAtFullSizeOnlyWhenAsked) {
+  const auto& param = GetParam();
+  const ScopedPreviewScreen screen(20);
+  const KivFile photo = makeMedia(KivFile("photo", param.ext, zu::Date(0)), "smpte", param.encoder);
+
+  const auto preview = Request(photo).returned();
+  ASSERT_TRUE(preview);
+  EXPECT_TRUE(preview->isReduced());
+  EXPECT_EQ(preview->width(), param.previewWidth);
+  EXPECT_EQ(preview->height(), param.previewHeight);
+  EXPECT_EQ(preview->fullWidth(), 64);
+  EXPECT_EQ(preview->fullHeight(), 48);
+  EXPECT_EQ(preview->scale(), 1);
+  const auto full = preview->atFullSize();
+  ASSERT_TRUE(full);
+  EXPECT_FALSE(full->isReduced());
+  EXPECT_EQ(full->width(), 64);
+  EXPECT_EQ(full->height(), 48);
+  expectSamePicture(*preview, *full);
+
+  // The full size is decoded from the file each time it is asked for; the cache keeps the preview alone.
+  writeFile(photo.fileURL().path(), "no longer a picture");
+  EXPECT_FALSE(preview->atFullSize());
+  const auto cached = Request(photo).returned();
+  ASSERT_TRUE(cached);
+  EXPECT_EQ(cached->rgba().data(), preview->rgba().data());
+}
+
 INSTANTIATE_TEST_SUITE_P(Kinds, PhotoPreviews,
-                         testing::Values(PhotoCase{"jpg", "red", "jpegenc", kRed},
-                                         PhotoCase{"png", "green", "videoconvert ! pngenc", kGreen},
-                                         PhotoCase{"webp", "blue", "webpenc", kBlue}));
+                         testing::Values(PhotoCase{"jpg", "red", "jpegenc", kRed, 24, 18},
+                                         PhotoCase{"png", "green", "videoconvert ! pngenc", kGreen, 20, 15},
+                                         PhotoCase{"webp", "blue", "webpenc", kBlue, 20, 15}));
 
 TEST_F(PreviewImages, PhotosKeepTheirExifOrientation) {
   const KivFile turned = makeMedia(KivFile("turned", "jpeg", zu::Date(0)), "red",
@@ -175,7 +257,7 @@ TEST_F(PreviewImages, PhotosKeepTheirExifOrientation) {
 }
 
 TEST_F(PreviewImages, VideosAnswerOnTheMainQueueWithTheFirstFrameTurnedAndScaled) {
-  zu::Screen::setMainScale(2);
+  const ScopedPreviewScreen screen(16, 2);  // 32 pixels
   const KivFile video = mp4Video("clip");
 
   Request first(video);
@@ -183,18 +265,31 @@ TEST_F(PreviewImages, VideosAnswerOnTheMainQueueWithTheFirstFrameTurnedAndScaled
   const auto frame = first.completed();
   ASSERT_TRUE(frame);
   EXPECT_EQ(first.completionThread(), mainQueueThread());
-  EXPECT_EQ(frame->width(), 64);
-  EXPECT_EQ(frame->height(), 48);
+  EXPECT_EQ(frame->width(), 32);
+  EXPECT_EQ(frame->height(), 24);
   EXPECT_EQ(frame->scale(), 2);
   EXPECT_EQ(zu::rawValue(frame->imageOrientation()), 3);
   expectCentre(*frame, kBlue);
+  const auto full = frame->atFullSize();
+  ASSERT_TRUE(full);
+  EXPECT_EQ(full->width(), 64);
+  EXPECT_EQ(full->height(), 48);
+  EXPECT_EQ(full->scale(), 2);
+  EXPECT_EQ(zu::rawValue(full->imageOrientation()), 3);
+  expectCentre(*full, kBlue);
 
   Request again(video);
   ASSERT_TRUE(again.returned());
   EXPECT_EQ(again.returned()->rgba().data(), frame->rgba().data());
   EXPECT_FALSE(again.completed());
   EXPECT_EQ(again.completionThread(), std::this_thread::get_id());
-  zu::Screen::setMainScale(1);
+}
+
+TEST_F(PreviewImages, VideosWithSoundGiveTheirPicture) {
+  const auto frame = Request(mp4WithSound("clip", "red")).completed();
+  ASSERT_TRUE(frame);
+  EXPECT_EQ(frame->width(), 64);
+  expectCentre(*frame, kRed);
 }
 
 TEST_F(PreviewImages, TwoEarlyRequestsForOneVideoBothReceiveTheFrame) {
@@ -217,7 +312,7 @@ TEST_F(PreviewImages, TwoEarlyRequestsForOneVideoBothReceiveTheFrame) {
 struct NothingCase {
   const char* name;
   const char* ext;
-  enum Bytes { missing, empty, text, jpegCutShort, mp4CutShort, validJpeg } bytes;
+  enum Bytes { missing, empty, text, jpegCutShort, mp4CutShort, soundOnly, validJpeg } bytes;
 };
 
 class NoPreview : public PreviewImages, public testing::WithParamInterface<NothingCase> {
@@ -245,6 +340,9 @@ class NoPreview : public PreviewImages, public testing::WithParamInterface<Nothi
         break;
       case NothingCase::mp4CutShort:
         cutShort(mp4Video("whole"));
+        break;
+      case NothingCase::soundOnly:
+        mp4WithSound(param.name, std::nullopt);
         break;
       case NothingCase::validJpeg:
         writeFile(path, readFile(jpegPhoto("whole").fileURL().path()));
@@ -274,6 +372,7 @@ INSTANTIATE_TEST_SUITE_P(Files, NoPreview,
                                          NothingCase{"text", "mkv", NothingCase::text},
                                          NothingCase{"cut", "jpg", NothingCase::jpegCutShort},
                                          NothingCase{"cut", "mp4", NothingCase::mp4CutShort},
+                                         NothingCase{"sound", "mp4", NothingCase::soundOnly},
                                          NothingCase{"photo", "txt", NothingCase::validJpeg}),
                          [](const testing::TestParamInfo<NothingCase>& test) {
                            return std::string(test.param.name) + "_" + test.param.ext;

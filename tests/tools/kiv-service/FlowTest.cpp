@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <fstream>
 
 #include "support/PdfText.hpp"
@@ -57,6 +58,21 @@ TEST_F(ServiceTest, WrongContentFailsTheReportAndForceStatusReevaluates) {
   EXPECT_EQ(forced.status, 200);
   EXPECT_EQ(forced.json()["status"], "confirmed");
   EXPECT_EQ(forced.json()["provable_files"].size(), 1u);
+}
+
+TEST_F(ServiceTest, ForceStatusJudgesStoredContentAsItStandsOnDisk) {
+  const json report = createReport({{"IMG_0001.jpg", "the real bytes"}});
+  EXPECT_EQ(upload(report, 0, "the real bytes")["status"], "confirmed");
+  const std::string forcePath = "/v1/reports/" + slugOf(report) + "/force-status/";
+  const std::filesystem::path stored = service().dataDir() / "files" / slugOf(report["provable_files"][0]);
+  // Each change also changes the length, which shows on disk whatever the clock's resolution.
+  for (const auto& [content, status] :
+       {std::pair{"tampered", "failed"}, std::pair{"the real bytes", "confirmed"}, std::pair{"", "failed"}}) {
+    std::ofstream(stored, std::ios::binary | std::ios::trunc) << content;
+    EXPECT_EQ(call("POST", forcePath).json()["status"], status) << "content \"" << content << "\"";
+  }
+  std::filesystem::remove(stored);
+  EXPECT_EQ(call("POST", forcePath).json()["status"], "pending") << "stored content that is gone";
 }
 
 TEST_F(ServiceTest, PatchReplacesFilesByNameAndKeepsKnownSlugs) {

@@ -5,14 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <string>
 #include <system_error>
 
-#include "Context.hpp"
 #include "KivSDK/Model/KivModel.hpp"
+#include "KivSDK/Model/KivReportList.hpp"
+#include "ToolError.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 
 namespace kivcli {
@@ -40,17 +40,6 @@ class StoreLock {
   int descriptor_ = -1;
 };
 
-std::string idText(const kiv::KivReport& report) {
-  return report.id ? report.id->uuidString() : std::string();
-}
-
-std::string upper(std::string_view text) {
-  std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(),
-                 [](unsigned char c) { return std::toupper(c); });
-  return result;
-}
-
 bool sameId(const kiv::KivReport& a, const kiv::KivReport& b) { return a.id && a.id == b.id; }
 
 }  // namespace
@@ -63,23 +52,22 @@ ReportStore ReportStore::load() {
 }
 
 const kiv::KivReport& ReportStore::find(std::string_view selector) const {
-  if (selector.empty()) reject("a report must be named: give its id, a prefix of it, its slug or its name");
-  const std::string wanted = upper(selector);
-  const std::function<bool(const kiv::KivReport&)> criteria[] = {
-      [&](const kiv::KivReport& r) { return idText(r) == wanted; },
-      [&](const kiv::KivReport& r) { return r.slug == selector; },
-      [&](const kiv::KivReport& r) { return r.name == selector; },
-      [&](const kiv::KivReport& r) { return idText(r).starts_with(wanted); },
-  };
-  for (const auto& matches : criteria) {
-    const auto count = std::count_if(reports_.begin(), reports_.end(), matches);
-    if (count == 1) return *std::find_if(reports_.begin(), reports_.end(), matches);
-    if (count > 1) {
-      reject("\"" + std::string(selector) + "\" names " + std::to_string(count) +
-             " reports: give more of the id (kiv report list shows them)");
+  const auto found = kiv::findReport(reports_, selector);
+  if (found) return reports_[*found];
+  const std::string problem = found.error().localizedDescription() + ": kiv report list shows the reports";
+  if (found.error().code() == ENOENT) fail(problem);
+  reject(problem);
+}
+
+void ReportStore::create(const kiv::KivReport& report) {
+  commit([&](std::vector<kiv::KivReport>& reports) {
+    if (const auto problem = kiv::checkNewReportName(reports, report.name)) {
+      const std::string text = problem->localizedDescription();
+      if (problem->code() == EEXIST) fail(text + "; choose another name");
+      reject(text);
     }
-  }
-  reject("no report \"" + std::string(selector) + "\": kiv report list shows the reports");
+    reports.push_back(report);
+  });
 }
 
 void ReportStore::save(const kiv::KivReport& report) {

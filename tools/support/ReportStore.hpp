@@ -10,8 +10,8 @@ namespace kivcli {
 
 /**
  * The report list as one command sees it. The command reads the list once, works on copies, and hands back
- * what changed in one `save` or `remove`, which reads the stored list again and applies the change to it
- * while holding the store's lock ("kiv.lock" in the application data folder): a report another `kiv` process
+ * what changed in one `create`, `save` or `remove`, which reads the stored list again and applies the change
+ * to it while holding the store's lock ("kiv.lock" in the application data folder): a report another process
  * persisted in the meantime stays. A command that stops before then leaves the stored list as it was.
  */
 class ReportStore {
@@ -21,11 +21,13 @@ class ReportStore {
 
   const std::vector<kiv::KivReport>& reports() const { return reports_; }
   /**
-   * The report `selector` names: its id, its slug or its exact name, else the one report whose id starts
-   * with it (letter case ignored). A usage error when none or several match.
+   * The report `selector` names (see `kiv::findReport`: its id, slug or exact name, else the one report whose
+   * id starts with it). Fails when none does (exit code 1), a usage error when several do.
    */
   const kiv::KivReport& find(std::string_view selector) const;
 
+  /// Adds `report`; fails, naming the stored report, when one has its name (see `kiv::checkNewReportName`).
+  static void create(const kiv::KivReport& report);
   /// Stores `report` in place of the stored report with the same id, or adds it.
   static void save(const kiv::KivReport& report);
   /// Removes the stored report with `report`'s id.
