@@ -111,4 +111,83 @@ TEST_F(Statements, SigningForAReportStoresOneStatementPerFileOrNoneAtAll) {
   EXPECT_EQ(*kiv::ReportStatements::load(*report.id), *signedAll) << "nothing is stored when one file fails";
 }
 
+// A host's signer that cannot sign: a hardware key that is locked.
+class LockedSigner : public kiv::DeviceSigner {
+ public:
+  explicit LockedSigner(zu::Data publicKey) : publicKey_(std::move(publicKey)) {}
+  zu::Data publicKey() const override { return publicKey_; }
+  zu::Result<zu::Data> sign(std::span<const std::uint8_t>) const override {
+    return kiv::ProvenanceError::make(kiv::ProvenanceError::deviceKeyUnavailable, "the token is locked");
+  }
+
+ private:
+  zu::Data publicKey_;
+};
+
+struct Import {
+  const char* label;
+  bool move;
+  bool signerLocked;
+};
+
+class SignedImport : public Statements, public ::testing::WithParamInterface<Import> {
+ protected:
+  void TearDown() override { kiv::KivProvenance::setDeviceSigner(nullptr); }
+};
+
+TEST_P(SignedImport, KeepsTheFileWithItsStatementOrNeither) {
+  const fs::path source = data.path() / "leak.jpg";
+  testing_support::writeFile(source, "drops on the floor");
+  if (GetParam().signerLocked)
+    kiv::KivProvenance::setDeviceSigner(std::make_shared<LockedSigner>(key->publicKey()));
+  const kiv::KivReport report("Kitchen");
+  const kiv::MediaImportOptions options{.move = GetParam().move, .dateTaken = std::nullopt};
+  const auto imported = kiv::KivProvenance::importSignedMediaFile(zu::URL::fileURLWithPath(source.string()),
+                                                                  report, {}, options);
+  const auto media = [] {
+    return std::distance(fs::directory_iterator(kiv::KivFile::kivDirectory().path()),
+                         fs::directory_iterator());
+  };
+
+  if (GetParam().signerLocked) {
+    ASSERT_FALSE(imported);
+    EXPECT_EQ(imported.error().localizedDescription(),
+              source.string() + " was not taken in: its statement could not be signed (the token is locked)");
+    EXPECT_EQ(readFile(source), "drops on the floor") << "the file is back where it was";
+    EXPECT_EQ(media(), 0);
+    EXPECT_TRUE(kiv::ReportStatements::load(*report.id)->empty());
+    return;
+  }
+  ASSERT_TRUE(imported) << imported.error().localizedDescription();
+  EXPECT_EQ(fs::exists(source), !GetParam().move);
+  EXPECT_EQ(readFile(imported->file.fileURL().path()), "drops on the floor");
+  const auto stored = kiv::ReportStatements::load(*report.id);
+  EXPECT_EQ(
+      *stored,
+      (kiv::ReportStatements::Statements{{FileStatement::wireName(imported->file), imported->statement}}));
+  const auto statement =
+      FileStatement::verify(imported->statement, (*kiv::KivProvenance::deviceSigner())->publicKey());
+  ASSERT_TRUE(statement);
+  EXPECT_EQ(statement->sha256, imported->file.hash);
+}
+
+INSTANTIATE_TEST_SUITE_P(Imports, SignedImport,
+                         ::testing::Values(Import{"copied", false, false}, Import{"moved", true, false},
+                                           Import{"copy_unsigned", false, true},
+                                           Import{"move_unsigned", true, true}),
+                         [](const auto& info) { return std::string(info.param.label); });
+
+TEST_F(Statements, AReportWithoutIdTakesNothingIn) {
+  const fs::path source = data.path() / "leak.jpg";
+  testing_support::writeFile(source, "drops");
+  kiv::KivReport report("Old");
+  report.id.reset();
+  const auto imported =
+      kiv::KivProvenance::importSignedMediaFile(zu::URL::fileURLWithPath(source.string()), report, {});
+  ASSERT_FALSE(imported);
+  EXPECT_EQ(imported.error().localizedDescription(),
+            "The report Old has no id, so no statements can be kept for it");
+  EXPECT_TRUE(fs::is_empty(kiv::KivFile::kivDirectory().path()));
+}
+
 }  // namespace

@@ -81,6 +81,9 @@ TEST_F(ProvenanceService, SendsTheStatementsOfTheReportsFilesAfterRegisteringThe
   const kiv::KivReport report = sentReport();
   ASSERT_FALSE(
       kiv::ReportStatements::add(*report.id, {{"gone.jpg", "a statement of a file the report lost"}}));
+  kiv::KivFile replaced = report.files[1];
+  replaced.hash = "other bytes under b's name";
+  ASSERT_TRUE(kiv::KivProvenance::signStatement(report, replaced));
   answer = [this](const zu::URLRequest& request) {
     if (request.url.absoluteString().ends_with("/device-keys/"))
       return json(200, R"({"key_id":")" + keyId + R"("})");
