@@ -66,13 +66,19 @@ void sendReport(const Context& context, const ReportOptions& options) {
       [&](auto completion) { kiv::KivAPI::send(hashed, options.language, std::move(completion)); });
   const kiv::KivReport merged = hashed.merge(*sent);
   ReportStore::save(merged);
-  // The service checks statements against the report's digests, so they follow the report.
-  zu::AnyCodable::Array statements = sendStatements(context, merged);
-  const std::size_t count = statements.size();
+  // The service checks statements against the report's digests, so they follow the report; once it is
+  // confirmed, its manifest holds them for good (null in the document).
   zu::AnyCodable::Dictionary document = reportDocument(merged);
-  document.set("statements", std::move(statements));
+  std::string statementsText = "its device statements in its manifest";
+  if (merged.proofStatus() != kiv::KivReport::ProofStatus::confirmed) {
+    zu::AnyCodable::Array statements = sendStatements(context, merged);
+    statementsText = std::to_string(statements.size()) + " device statement(s)";
+    document.set("statements", std::move(statements));
+  } else {
+    document.set("statements", zu::AnyCodable());
+  }
   context.print(document, "sent " + merged.name + ": slug " + merged.slug.value_or("-") + ", status " +
-                              statusText(merged) + ", " + std::to_string(count) + " device statement(s)");
+                              statusText(merged) + ", " + statementsText);
 }
 
 void reportStatus(const Context& context, const ReportOptions& options) {

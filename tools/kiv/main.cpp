@@ -101,6 +101,7 @@ void addReportCommands(CLI::App& app, Options& options) {
 /// kiv verify: a report on this device, or with --offline a certificate and media files.
 void verifyReportOrCertificate(const Options& options) {
   if (options.offline) {
+    if (options.verified.empty()) reject("verify --offline takes CERTIFICATE.pdf [FILE or FOLDER...]");
     const std::vector<std::string> files(options.verified.begin() + 1, options.verified.end());
     return verifyCertificate(options.context, {options.verified.front(), files});
   }
@@ -131,10 +132,8 @@ void addMediaCommands(CLI::App& app, Options& options) {
       "Hash every file again and compare with the recorded digests and the service's status; with --offline, "
       "check a signed certificate and its media files with no network",
       [&options] { verifyReportOrCertificate(options); });
-  verify
-      ->add_option("REPORT", options.verified,
-                   "Id, id prefix, slug or name; with --offline: CERTIFICATE.pdf [FILE or FOLDER...]")
-      ->required();
+  verify->add_option("REPORT", options.verified,
+                     "Id, id prefix, slug or name; with --offline: CERTIFICATE.pdf [FILE or FOLDER...]");
   verify->add_flag(
       "--offline", options.offline,
       "Check the certificate's signature, manifest, time-stamp and device statements against the CA "
