@@ -60,6 +60,7 @@ std::string takeOpenSSLError(std::string_view fallback) {
   if (reason && data && (flags & ERR_TXT_STRING) != 0 && *data != '\0') {
     std::string_view detail = data;
     if (detail.starts_with("Verify error:")) detail.remove_prefix(13);
+    while (detail.starts_with(' ')) detail.remove_prefix(1);
     text = std::string(detail);
   }
   ERR_clear_error();
