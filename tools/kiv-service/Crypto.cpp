@@ -43,12 +43,16 @@ std::string sha256OfFile(const std::filesystem::path& path) {
   return in.bad() ? std::string() : digest.finishHex();
 }
 
-std::string hmacSha256Hex(std::string_view key, std::string_view text) {
+std::string hmacSha256(std::string_view key, std::string_view text) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> mac{};
   unsigned int length = 0;
   HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
        reinterpret_cast<const unsigned char*>(text.data()), text.size(), mac.data(), &length);
-  return toHex({reinterpret_cast<const char*>(mac.data()), length});
+  return {reinterpret_cast<const char*>(mac.data()), length};
+}
+
+std::string hmacSha256Hex(std::string_view key, std::string_view text) {
+  return toHex(hmacSha256(key, text));
 }
 
 bool constantTimeEquals(std::string_view a, std::string_view b) {

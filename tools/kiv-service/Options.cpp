@@ -21,6 +21,11 @@ std::vector<std::pair<std::string, Fault>> parseFaults(const std::vector<std::st
   return faults;
 }
 
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read at start-up
+  return value ? value : "";
+}
+
 }  // namespace
 
 std::filesystem::path defaultDataDir() {
@@ -38,6 +43,17 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   std::vector<std::string> faults;
   app.add_option("--data", options.dataDir, "Folder for the database, stored files and TLS material")
       ->capture_default_str();
+  app.add_option("--tls", options.tlsDir,
+                 "Folder of the CA and server certificate (made there on first start); several nodes of one "
+                 "service share it (default: the data folder)");
+  app.add_option("--database", options.database,
+                 "PostgreSQL connection string (postgresql://USER@HOST:PORT/DB or key=value pairs) for "
+                 "reports and subscriptions, shared by every node (default: SQLite in the data folder)");
+  app.add_option("--s3-endpoint", options.s3Endpoint,
+                 "S3-compatible object store for file content, e.g. http://127.0.0.1:7480; clients upload "
+                 "and download there (keys from KIV_S3_ACCESS_KEY and KIV_S3_SECRET_KEY)");
+  app.add_option("--s3-bucket", options.s3Bucket, "Bucket for file content (made when missing)");
+  app.add_option("--s3-region", options.s3Region, "Region the object store signs for")->capture_default_str();
   app.add_option("--port", options.port, "Port on 127.0.0.1; 0 picks a free one and prints it")
       ->check(CLI::Range(0, 65535))
       ->capture_default_str();
@@ -64,6 +80,17 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   }
   if (options.tokens.empty() && !options.openAccess) {
     static_cast<void>(std::fprintf(stderr, "kiv-service: give at least one --token, or --open\n"));
+    return 2;
+  }
+  if (options.s3Endpoint.empty() != options.s3Bucket.empty()) {
+    static_cast<void>(std::fprintf(stderr, "kiv-service: give --s3-endpoint and --s3-bucket together\n"));
+    return 2;
+  }
+  options.s3AccessKey = environment("KIV_S3_ACCESS_KEY");
+  options.s3SecretKey = environment("KIV_S3_SECRET_KEY");
+  if (!options.s3Bucket.empty() && (options.s3AccessKey.empty() || options.s3SecretKey.empty())) {
+    static_cast<void>(std::fprintf(
+        stderr, "kiv-service: set KIV_S3_ACCESS_KEY and KIV_S3_SECRET_KEY to the object store's keys\n"));
     return 2;
   }
   options.uploadUrlTtl = std::chrono::seconds(uploadTtl);

@@ -20,6 +20,13 @@ std::filesystem::path defaultDataDir();
 /// the fixed loopback port that the SDK's default build talks to.
 struct Options {
   std::filesystem::path dataDir = defaultDataDir();
+  std::optional<std::filesystem::path> tlsDir;  ///< the CA and certificate; nodes of one service share it
+  std::string database;                         ///< PostgreSQL connection string; empty: SQLite in dataDir
+  std::string s3Endpoint;                       ///< with s3Bucket: content in that object store
+  std::string s3Bucket;
+  std::string s3Region = "us-east-1";
+  std::string s3AccessKey;  ///< from KIV_S3_ACCESS_KEY, never the command line (other users see it)
+  std::string s3SecretKey;  ///< from KIV_S3_SECRET_KEY
   int port = KIV_SERVICE_DEFAULT_PORT;  ///< 0 picks a free port
   std::vector<std::string> tokens;
   bool openAccess = false;  ///< any token is accepted

@@ -97,6 +97,7 @@ void checkFitness(const ProvenanceKeys& keys, const std::filesystem::path& dataD
 }  // namespace
 
 ProvenanceKeys ensureProvenanceKeys(const std::filesystem::path& dataDir, const TlsMaterial& tls) {
+  const Descriptor lock = lockKeyFolder(dataDir);
   Pair signing = ensurePair(dataDir / "signing.pem", dataDir / "signing-key.pem", kSigningProfile, tls);
   Pair tsa = ensurePair(dataDir / "tsa.pem", dataDir / "tsa-key.pem", kTsaProfile, tls);
   ProvenanceKeys keys{readCertificate(tls.caCertificate),

@@ -19,6 +19,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Crypto.hpp"
+#include "Engines.hpp"
 #include "HttpsServer.hpp"
 #include "Pdf.hpp"
 #include "Statements.hpp"
@@ -64,15 +65,27 @@ void logRequest(const Request& request, const Response& response,
                                  response.status, size, elapsed.count()));
 }
 
-// Turns a refused request into its detail answer and any other failure into a 500.
+void logFailure(const Request& request, const std::exception& error) {
+  static_cast<void>(std::fprintf(stderr, "kiv-service: %s %s failed: %s\n", request.method.c_str(),
+                                 request.path.c_str(), error.what()));
+}
+
+// Turns a refused request into its detail answer, an engine out of reach into a 503 (the node stays up and
+// serves again once the engine is back) and any other failure into a 500.
 void answer(const Request& request, Response& response, const std::function<void()>& call) {
   try {
     call();
   } catch (const BadRequest& error) {
     sendDetail(response, error.status, error.what());
+  } catch (const sql::Error& error) {
+    logFailure(request, error);
+    if (error.failure != sql::Failure::unavailable) return sendDetail(response, 500, "Internal error.");
+    sendDetail(response, 503, "The database is unavailable; try again shortly.");
+  } catch (const ContentStoreUnavailable& error) {
+    logFailure(request, error);
+    sendDetail(response, 503, "The content store is unavailable; try again shortly.");
   } catch (const std::exception& error) {
-    static_cast<void>(std::fprintf(stderr, "kiv-service: %s %s failed: %s\n", request.method.c_str(),
-                                   request.path.c_str(), error.what()));
+    logFailure(request, error);
     sendDetail(response, 500, "Internal error.");
   }
 }
@@ -139,14 +152,15 @@ const FileRecord* fileWithSlug(const ReportRecord& report, const std::string& sl
 
 Service::Service(const Options& options)
     : options_(options),
-      tls_(ensureTlsMaterial(options.dataDir)),
-      provenance_(options.dataDir, tls_),
-      store_(options.dataDir / "kiv-service.sqlite3",
+      tls_(ensureTlsMaterial(options.tlsDir.value_or(options.dataDir))),
+      provenance_(options.tlsDir.value_or(options.dataDir), tls_),
+      database_(openDatabase(options)),
+      store_(*database_,
              [this](const ReportRecord& report, const std::vector<StatementRecord>& statements) {
                return provenance_.issue(report, statements);
              }),
-      content_(options.dataDir / "files"),
-      signer_(options.dataDir / "tls" / "url-signing.key"),
+      content_(openContentStore(options)),
+      folder_(dynamic_cast<const FolderContentStore*>(content_.get())),
       server_(std::make_unique<HttpsServer>(tls_, static_cast<std::size_t>(options.threads))) {
   for (const auto& [route, fault] : options_.faults) faults_.set(route, fault);
   server_->set_expect_100_continue_handler([this](const Request& request, Response& response) {
@@ -182,8 +196,9 @@ void Service::stop() {
 void Service::addRoutes() {
   addReportRoutes();
   addProvenanceRoutes();
-  addStorageRoutes();
+  if (folder_) addStorageRoutes();
   addAdminRoutes();
+  addHealthRoutes();
   // Last: a request with a body that no route takes is refused unread; httplib would read the whole body
   // before answering 404.
   const BodyHandler notFound = [](const Request&, Response& response, const ContentReader&) {
@@ -212,13 +227,14 @@ void Service::addReportRoutes() {
                            const std::optional<ReportRecord> changed =
                                store_.replace(request.matches[1], std::move(changes), dropped);
                            if (!changed) return sendNotFound(response);
-                           for (const std::string& fileSlug : dropped) content_.remove(fileSlug);
+                           for (const std::string& fileSlug : dropped)
+                             content_->remove(changed->slug, fileSlug);
                            answerReport(request, response, *changed);
                          }));
   server_->Get(report, onRoute(faults_, "get", [this](const Request& request, Response& response) {
                  const std::optional<ReportRecord> found = store_.find(request.matches[1]);
                  if (!found) return sendNotFound(response);
-                 answerReport(request, response, *found);
+                 answerReport(request, response, withArrivedContent(*found));
                }));
   server_->Get(report + "file-upload/",
                onRoute(faults_, "file-upload", [this](const Request& request, Response& response) {
@@ -232,11 +248,10 @@ void Service::addReportRoutes() {
                  if (fileSlug.empty()) throw BadRequest("'file_slug' is required.");
                  const FileRecord* file = fileWithSlug(*found, fileSlug);
                  if (!file) return sendNotFound(response);
-                 const std::string path = storagePath(found->slug, *file, type);
-                 const std::string base = origin(request) + path + "?";
+                 const std::string base = origin(request);
                  sendJson(response, 200,
-                          {{"upload_uri", base + signer_.sign("PUT", path, options_.uploadUrlTtl)},
-                           {"file", base + signer_.sign("GET", path, options_.downloadUrlTtl)}});
+                          {{"upload_uri", fileAddress("PUT", base, found->slug, *file, type)},
+                           {"file", fileAddress("GET", base, found->slug, *file, type)}});
                }));
   // Force-status and pdf take no body; one that is sent anyway is left unread.
   server_->Post(report + "force-status/",
@@ -244,14 +259,14 @@ void Service::addReportRoutes() {
                         [this](const Request& request, Response& response, const ContentReader&) {
                           const std::optional<ReportRecord> found = store_.find(request.matches[1]);
                           if (!found) return sendNotFound(response);
-                          // What counts is what is on disk now: a file that changed since it was received
-                          // is read again.
-                          std::vector<std::pair<std::string, std::optional<std::string>>> digests;
+                          // Hash the stored content again: what counts is what is stored now, not what was
+                          // received.
+                          std::vector<std::pair<std::string, std::optional<StoredContent>>> contents;
                           for (const FileRecord& file : found->files) {
-                            if (file.storedExt) digests.emplace_back(file.slug, content_.digestOf(file.slug));
+                            contents.emplace_back(file.slug, content_->inspect(found->slug, file));
                           }
                           const std::optional<ReportRecord> updated =
-                              store_.updateStoredDigests(found->slug, digests);
+                              store_.updateStoredContent(found->slug, contents);
                           if (!updated) return sendNotFound(response);
                           answerReport(request, response, *updated);
                         }));
@@ -331,43 +346,43 @@ void Service::addStorageRoutes() {
                 if (!checkSignature(request, response)) return;
                 const std::optional<ReportRecord> report = store_.find(request.matches[1]);
                 if (!report || !fileWithSlug(*report, request.matches[2])) return sendNotFound(response);
-                ContentStorage::Upload upload = content_.beginUpload(request.matches[2]);
+                ContentStorage::Upload upload =
+                    folder_->storage().beginUpload(request.matches[2], request.matches[3]);
                 const bool received =
                     reader([&](const char* data, std::size_t size) { return upload.write(data, size); });
                 if (!received) return sendDetail(response, 400, "The upload did not complete.");
                 const std::optional<StoredContent> stored = upload.commit();
                 if (!stored) return sendDetail(response, 507, "The content could not be stored.");
-                if (!store_.recordContent(request.matches[1], request.matches[2], request.matches[3],
-                                          stored->sha256, stored->size)) {
+                if (!store_.recordContent(request.matches[1], request.matches[2], *stored)) {
                   return sendNotFound(response);  // the file was dropped from its report while the upload ran
                 }
                 sendJson(response, 201, {{"hash", stored->sha256}, {"size", stored->size}});
               }));
 
-  server_->Get(kStoragePattern,
-               onRoute(faults_, "download", [this](const Request& request, Response& response) {
-                 if (!checkSignature(request, response)) return;
-                 const std::optional<ReportRecord> report = store_.find(request.matches[1]);
-                 const FileRecord* file = report ? fileWithSlug(*report, request.matches[2]) : nullptr;
-                 if (!file || file->storedExt != request.matches[3].str()) return sendNotFound(response);
-                 const int descriptor = ::open(content_.pathOf(file->slug).c_str(), O_RDONLY | O_CLOEXEC);
-                 struct stat status {};
-                 if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
-                   if (descriptor >= 0) ::close(descriptor);
-                   return sendNotFound(response);
-                 }
-                 // Served in blocks from the file, so memory stays flat however large it is; httplib applies
-                 // Range.
-                 response.set_content_provider(
-                     static_cast<std::size_t>(status.st_size), contentType(file->storedExt.value_or("")),
-                     [descriptor](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
-                       std::array<char, 1 << 16> block{};
-                       const ssize_t got = ::pread(descriptor, block.data(), std::min(length, block.size()),
-                                                   static_cast<off_t>(offset));
-                       return got > 0 && sink.write(block.data(), static_cast<std::size_t>(got));
-                     },
-                     [descriptor](bool) { ::close(descriptor); });
-               }));
+  server_->Get(
+      kStoragePattern, onRoute(faults_, "download", [this](const Request& request, Response& response) {
+        if (!checkSignature(request, response)) return;
+        const std::optional<ReportRecord> report = store_.find(request.matches[1]);
+        const FileRecord* file = report ? fileWithSlug(*report, request.matches[2]) : nullptr;
+        if (!file || file->storedExt != request.matches[3].str()) return sendNotFound(response);
+        const int descriptor = ::open(folder_->storage().pathOf(file->slug).c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat status {};
+        if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
+          if (descriptor >= 0) ::close(descriptor);
+          return sendNotFound(response);
+        }
+        // Served in blocks from the file, so memory stays flat however large it is; httplib applies
+        // Range.
+        response.set_content_provider(
+            static_cast<std::size_t>(status.st_size), contentType(file->storedExt.value_or("")),
+            [descriptor](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+              std::array<char, 1 << 16> block{};
+              const ssize_t got = ::pread(descriptor, block.data(), std::min(length, block.size()),
+                                          static_cast<off_t>(offset));
+              return got > 0 && sink.write(block.data(), static_cast<std::size_t>(got));
+            },
+            [descriptor](bool) { ::close(descriptor); });
+      }));
 }
 
 void Service::addAdminRoutes() {
@@ -386,6 +401,21 @@ void Service::addAdminRoutes() {
   server_->Delete(faultPattern, [this](const Request& request, Response& response, const ContentReader&) {
     faults_.clear(request.matches[1]);
     response.status = 204;
+  });
+}
+
+// /health answers while the process serves; /ready only while both engines answer too, so that a balancer
+// sends requests elsewhere while this node cannot reach them.
+void Service::addHealthRoutes() {
+  server_->Get("/health", [](const Request&, Response& response) {
+    sendJson(response, 200, {{"status", "ok"}});
+  });
+  server_->Get("/ready", [this](const Request& request, Response& response) {
+    answer(request, response, [&] {
+      store_.probe();
+      content_->probe();
+      sendJson(response, 200, {{"status", "ready"}});
+    });
   });
 }
 
@@ -430,9 +460,27 @@ std::string Service::origin(const Request& request) const {
   return std::string("https://") + (localhost ? "localhost" : "127.0.0.1") + ":" + std::to_string(port_);
 }
 
-std::string Service::storagePath(const std::string& reportSlug, const FileRecord& file,
+std::string Service::fileAddress(std::string_view method, const std::string& origin,
+                                 const std::string& reportSlug, const FileRecord& file,
                                  const std::string& ext) const {
-  return "/storage/" + reportSlug + "/" + file.slug + "." + ext;
+  const std::chrono::seconds ttl = method == "PUT" ? options_.uploadUrlTtl : options_.downloadUrlTtl;
+  return content_->address(method, origin, reportSlug, file.slug, ext, ttl);
+}
+
+// Content that clients upload straight to the object store is recorded when it is seen, hashed, as an upload
+// to the service's own storage routes is: until a file is proven, each look at its report looks for it again,
+// so that a corrected upload replaces a wrong one.
+ReportRecord Service::withArrivedContent(ReportRecord report) {
+  if (!content_->receivesUploadsDirectly()) return report;
+  for (const FileRecord& file : std::vector<FileRecord>(report.files)) {
+    if (file.storedHash && file.storedHash == file.hash) continue;  // proven; force-status checks it again
+    const std::optional<StoredContent> stored = content_->inspect(report.slug, file);
+    if (!stored) continue;
+    if (std::optional<ReportRecord> updated = store_.recordContent(report.slug, file.slug, *stored)) {
+      report = std::move(*updated);
+    }
+  }
+  return report;
 }
 
 void Service::answerReport(const Request& request, Response& response, const ReportRecord& report,
@@ -440,8 +488,7 @@ void Service::answerReport(const Request& request, Response& response, const Rep
   const std::string base = origin(request);
   sendJson(response, status, renderReport(report, [&](const FileRecord& file) -> std::optional<std::string> {
              if (!file.storedExt) return std::nullopt;
-             const std::string path = storagePath(report.slug, file, *file.storedExt);
-             return base + path + "?" + signer_.sign("GET", path, options_.downloadUrlTtl);
+             return fileAddress("GET", base, report.slug, file, *file.storedExt);
            }));
 }
 
@@ -458,8 +505,8 @@ std::optional<ManifestRecord> Service::manifestFor(const Request& request, Respo
 
 bool Service::checkSignature(const Request& request, Response& response) const {
   const std::string method = request.method == "HEAD" ? "GET" : request.method;
-  switch (signer_.verify(method, request.path, request.get_param_value("expires"),
-                         request.get_param_value("signature"))) {
+  switch (folder_->signer().verify(method, request.path, request.get_param_value("expires"),
+                                   request.get_param_value("signature"))) {
     case UrlSigner::Verdict::valid:
       return true;
     case UrlSigner::Verdict::expired:

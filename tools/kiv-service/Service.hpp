@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include "ContentStore.hpp"
+#include "Database.hpp"
 #include "Faults.hpp"
 #include "Options.hpp"
 #include "Provenance.hpp"
@@ -22,7 +24,9 @@ class HttpsServer;
 
 /**
  * The HTTPS service on 127.0.0.1: the report API under /v1/ (app token required), signed storage URLs under
- * /storage/, and the fault switches under /admin/faults/. Every request is logged to stderr, one line each,
+ * /storage/ (with the folder content store), the fault switches under /admin/faults/, and /health and /ready
+ * for load balancers. Several nodes may share one PostgreSQL database and one object store: a node keeps no
+ * state of its own between requests. Every request is logged to stderr, one line each,
  * with its path but never its query or headers, so neither tokens nor signatures reach the log.
  *
  * What a client sends is bounded: the token is checked from the headers before a body is read, JSON bodies
@@ -33,6 +37,8 @@ class HttpsServer;
  */
 class Service {
  public:
+  /// Opens the engines that `options` name; throws std::runtime_error saying which cannot be reached and how
+  /// to fix it.
   explicit Service(const Options& options);
   ~Service();
 
@@ -50,11 +56,13 @@ class Service {
   void addProvenanceRoutes();
   void addStorageRoutes();
   void addAdminRoutes();
+  void addHealthRoutes();
   bool admit(const httplib::Request& request, httplib::Response& response) const;
   bool authorised(const httplib::Request& request, httplib::Response& response) const;
   std::string origin(const httplib::Request& request) const;
-  std::string storagePath(const std::string& reportSlug, const FileRecord& file,
-                          const std::string& ext) const;
+  std::string fileAddress(std::string_view method, const std::string& origin, const std::string& reportSlug,
+                          const FileRecord& file, const std::string& ext) const;
+  ReportRecord withArrivedContent(ReportRecord report);
   void answerReport(const httplib::Request& request, httplib::Response& response, const ReportRecord& report,
                     int status = 200) const;
   bool checkSignature(const httplib::Request& request, httplib::Response& response) const;
@@ -64,9 +72,10 @@ class Service {
   Options options_;
   TlsMaterial tls_;
   Provenance provenance_;
+  std::unique_ptr<sql::Database> database_;
   Store store_;
-  ContentStorage content_;
-  UrlSigner signer_;
+  std::unique_ptr<ContentStore> content_;
+  const FolderContentStore* folder_;  ///< the content store when it is the data folder's, else null
   Faults faults_;
   std::unique_ptr<HttpsServer> server_;
   int port_ = 0;

@@ -1,21 +1,22 @@
 #include "Sqlite.hpp"
 
-#include <stdexcept>
+#include <string>
+
+#include <sqlite3.h>
+
+#include "Handles.hpp"
 
 namespace kiv::service::sqlite {
 namespace {
 
-[[noreturn]] void fail(sqlite3* database, std::string_view what) {
-  throw std::runtime_error(std::string(what) + ": " + sqlite3_errmsg(database));
-}
+using Statement = Handle<sqlite3_stmt, sqlite3_finalize>;
 
-sqlite3_stmt* prepareStatement(sqlite3* database, std::string_view sql) {
-  sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(database, sql.data(), static_cast<int>(sql.size()), &statement, nullptr) !=
-      SQLITE_OK) {
-    fail(database, "prepare");
-  }
-  return statement;
+[[noreturn]] void fail(sqlite3* database, std::string_view what) {
+  const int code = sqlite3_extended_errcode(database);
+  const bool conflict =
+      code == SQLITE_BUSY || code == SQLITE_CONSTRAINT_PRIMARYKEY || code == SQLITE_CONSTRAINT_UNIQUE;
+  throw sql::Error(conflict ? sql::Failure::conflict : sql::Failure::other,
+                   std::string(what) + ": " + sqlite3_errmsg(database));
 }
 
 sqlite3* open(const std::filesystem::path& path) {
@@ -25,92 +26,81 @@ sqlite3* open(const std::filesystem::path& path) {
   if (status != SQLITE_OK) {
     const std::string message = database ? sqlite3_errmsg(database) : "out of memory";
     sqlite3_close_v2(database);
-    throw std::runtime_error("cannot open " + path.string() + ": " + message);
+    throw sql::Error(sql::Failure::unavailable, "cannot open " + path.string() + ": " + message);
   }
   return database;
 }
 
-}  // namespace
-
-Statement::Statement(sqlite3* database, std::string_view sql)
-    : database_(database), statement_(prepareStatement(database, sql)) {}
-
-Statement& Statement::bind(int index, std::string_view text) {
-  sqlite3_bind_text(statement_.get(), index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
-  return *this;
-}
-
-Statement& Statement::bind(int index, const std::optional<std::string>& text) {
-  if (text) return bind(index, std::string_view(*text));
-  sqlite3_bind_null(statement_.get(), index);
-  return *this;
-}
-
-Statement& Statement::bind(int index, std::int64_t number) {
-  sqlite3_bind_int64(statement_.get(), index, number);
-  return *this;
-}
-
-Statement& Statement::bind(int index, Blob blob) {
-  sqlite3_bind_blob64(statement_.get(), index, blob.bytes.data(), blob.bytes.size(), SQLITE_TRANSIENT);
-  return *this;
-}
-
-bool Statement::step() {
-  const int status = sqlite3_step(statement_.get());
-  if (status == SQLITE_ROW) return true;
-  if (status == SQLITE_DONE) return false;
-  fail(database_, "step");
-}
-
-void Statement::run() {
-  while (step()) {
+class SqliteConnection final : public sql::Connection {
+ public:
+  explicit SqliteConnection(const std::filesystem::path& path) : database_(open(path)) {
+    sqlite3_busy_timeout(database_.get(), 5000);
+    execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON;");
   }
-}
 
-std::string Statement::text(int column) const { return optionalText(column).value_or(std::string()); }
-
-std::optional<std::string> Statement::optionalText(int column) const {
-  const auto* text = sqlite3_column_text(statement_.get(), column);
-  if (!text) return std::nullopt;
-  return std::string(reinterpret_cast<const char*>(text),
-                     static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column)));
-}
-
-std::int64_t Statement::integer(int column) const { return sqlite3_column_int64(statement_.get(), column); }
-
-std::string Statement::blob(int column) const {
-  const void* bytes = sqlite3_column_blob(statement_.get(), column);
-  if (!bytes) return {};
-  return {static_cast<const char*>(bytes),
-          static_cast<std::size_t>(sqlite3_column_bytes(statement_.get(), column))};
-}
-
-Database::Database(const std::filesystem::path& path) : database_(open(path)) {
-  sqlite3_busy_timeout(database_.get(), 5000);
-}
-
-void Database::execute(std::string_view sql) {
-  if (sqlite3_exec(database_.get(), std::string(sql).c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-    fail(database_.get(), "execute");
+  std::vector<sql::Row> query(std::string_view sql, const std::vector<sql::Value>& parameters) override {
+    const Statement statement = prepare(sql);
+    for (std::size_t i = 0; i < parameters.size(); ++i)
+      bind(statement.get(), static_cast<int>(i + 1), parameters[i]);
+    std::vector<sql::Row> rows;
+    for (int status = sqlite3_step(statement.get()); status != SQLITE_DONE;
+         status = sqlite3_step(statement.get())) {
+      if (status != SQLITE_ROW) fail(database_.get(), "step");
+      rows.push_back(row(statement.get()));
+    }
+    return rows;
   }
-}
 
-Transaction::Transaction(Database& database) : database_(database) { database_.execute("BEGIN IMMEDIATE"); }
-
-Transaction::~Transaction() {
-  if (!committed_) {
-    try {
-      database_.execute("ROLLBACK");
-    } catch (const std::exception&) {
-      // Nothing more can be done; the connection is closed with the transaction undone.
+  void execute(std::string_view script) override {
+    if (sqlite3_exec(database_.get(), std::string(script).c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+      fail(database_.get(), "execute");
     }
   }
-}
 
-void Transaction::commit() {
-  database_.execute("COMMIT");
-  committed_ = true;
+  // IMMEDIATE takes the write lock at once, so two writers queue instead of failing at their first write.
+  void begin() override { execute("BEGIN IMMEDIATE"); }
+  void lockSchema() override {}  // the write lock of BEGIN IMMEDIATE already holds every other writer off
+  bool usable() const override { return true; }
+
+ private:
+  Statement prepare(std::string_view sql) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(database_.get(), sql.data(), static_cast<int>(sql.size()), &statement, nullptr) !=
+        SQLITE_OK) {
+      fail(database_.get(), "prepare");
+    }
+    return Statement(statement);
+  }
+
+  static void bind(sqlite3_stmt* statement, int index, const sql::Value& value) {
+    if (value) {
+      sqlite3_bind_text(statement, index, value->data(), static_cast<int>(value->size()), SQLITE_TRANSIENT);
+    } else {
+      sqlite3_bind_null(statement, index);
+    }
+  }
+
+  static sql::Row row(sqlite3_stmt* statement) {
+    sql::Row values;
+    for (int column = 0; column < sqlite3_column_count(statement); ++column) {
+      const auto* text = sqlite3_column_text(statement, column);
+      if (!text) {
+        values.emplace_back();
+        continue;
+      }
+      values.emplace_back(std::string(reinterpret_cast<const char*>(text),
+                                      static_cast<std::size_t>(sqlite3_column_bytes(statement, column))));
+    }
+    return values;
+  }
+
+  Handle<sqlite3, sqlite3_close_v2> database_;
+};
+
+}  // namespace
+
+std::unique_ptr<sql::Connection> connect(const std::filesystem::path& path) {
+  return std::make_unique<SqliteConnection>(path);
 }
 
 }  // namespace kiv::service::sqlite

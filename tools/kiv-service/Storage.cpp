@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <charconv>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include <fcntl.h>
@@ -108,8 +109,9 @@ ContentStorage::ContentStorage(std::filesystem::path directory) : directory_(std
   std::filesystem::create_directories(directory_);
 }
 
-ContentStorage::Upload ContentStorage::beginUpload(const std::string& fileSlug) const {
-  return Upload(directory_ / (fileSlug + ".part-" + toHex(randomBytes(6))), pathOf(fileSlug), known_);
+ContentStorage::Upload ContentStorage::beginUpload(const std::string& fileSlug,
+                                                   const std::string& ext) const {
+  return Upload(directory_ / (fileSlug + ".part-" + toHex(randomBytes(6))), pathOf(fileSlug), ext, known_);
 }
 
 std::optional<std::string> ContentStorage::digestOf(const std::string& fileSlug) const {
@@ -122,10 +124,11 @@ void ContentStorage::remove(const std::string& fileSlug) const {
   known_->forget(pathOf(fileSlug));
 }
 
-ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem::path final,
+ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem::path final, std::string ext,
                                std::shared_ptr<KnownDigests> known)
     : temporary_(std::move(temporary)),
       final_(std::move(final)),
+      ext_(std::move(ext)),
       known_(std::move(known)),
       descriptor_(::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600)),
       failed_(descriptor_ < 0) {
@@ -135,6 +138,7 @@ ContentStorage::Upload::Upload(std::filesystem::path temporary, std::filesystem:
 ContentStorage::Upload::Upload(Upload&& other) noexcept
     : temporary_(std::move(other.temporary_)),
       final_(std::move(other.final_)),
+      ext_(std::move(other.ext_)),
       known_(std::move(other.known_)),
       descriptor_(std::exchange(other.descriptor_, -1)),
       size_(other.size_),
@@ -178,9 +182,46 @@ std::optional<StoredContent> ContentStorage::Upload::commit() {
     ::unlink(temporary_.c_str());
     return std::nullopt;
   }
-  StoredContent stored{digest_.finishHex(), size_};
+  StoredContent stored{ext_, digest_.finishHex(), size_};
   known_->remember(final_, stored.sha256);
   return stored;
+}
+
+FolderContentStore::FolderContentStore(const std::filesystem::path& dataDir)
+    : storage_(dataDir / "files"), signer_(dataDir / "tls" / "url-signing.key") {}
+
+std::string FolderContentStore::storagePath(const std::string& reportSlug, const std::string& fileSlug,
+                                            const std::string& ext) {
+  return "/storage/" + reportSlug + "/" + fileSlug + "." + ext;
+}
+
+std::string FolderContentStore::name() const { return "the folder " + storage_.directory().string(); }
+
+std::string FolderContentStore::address(std::string_view method, const std::string& origin,
+                                        const std::string& reportSlug, const std::string& fileSlug,
+                                        const std::string& ext, std::chrono::seconds ttl) const {
+  const std::string path = storagePath(reportSlug, fileSlug, ext);
+  return origin + path + "?" + signer_.sign(method, path, ttl);
+}
+
+std::optional<StoredContent> FolderContentStore::inspect(const std::string&, const FileRecord& file) const {
+  if (!file.storedExt) return std::nullopt;
+  const std::filesystem::path path = storage_.pathOf(file.slug);
+  std::optional<std::string> digest = storage_.digestOf(file.slug);
+  std::error_code error;
+  const auto size = std::filesystem::file_size(path, error);
+  if (!digest || error) return std::nullopt;
+  return StoredContent{*file.storedExt, std::move(*digest), static_cast<std::int64_t>(size)};
+}
+
+void FolderContentStore::remove(const std::string&, const std::string& fileSlug) const {
+  storage_.remove(fileSlug);
+}
+
+void FolderContentStore::probe() const {
+  if (::access(storage_.directory().c_str(), W_OK) != 0) {
+    throw ContentStoreUnavailable(name() + " cannot be written: " + std::generic_category().message(errno));
+  }
 }
 
 }  // namespace kiv::service

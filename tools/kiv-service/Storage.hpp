@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ContentStore.hpp"
 #include "Crypto.hpp"
 
 namespace kiv::service {
@@ -46,12 +47,6 @@ class UrlSigner {
 
   std::string key_;
   std::function<std::int64_t()> now_;
-};
-
-/// The content of one stored file: its digest and length.
-struct StoredContent {
-  std::string sha256;
-  std::int64_t size = 0;
 };
 
 /**
@@ -120,13 +115,15 @@ class ContentStorage {
 
    private:
     friend class ContentStorage;
-    Upload(std::filesystem::path temporary, std::filesystem::path final, std::shared_ptr<KnownDigests> known);
+    Upload(std::filesystem::path temporary, std::filesystem::path final, std::string ext,
+           std::shared_ptr<KnownDigests> known);
     bool flush();
 
     static constexpr std::size_t kBlockSize = 1 << 20;
 
     std::filesystem::path temporary_;
     std::filesystem::path final_;
+    std::string ext_;
     std::shared_ptr<KnownDigests> known_;
     int descriptor_ = -1;
     std::int64_t size_ = 0;
@@ -135,8 +132,10 @@ class ContentStorage {
     Sha256 digest_;
   };
 
-  Upload beginUpload(const std::string& fileSlug) const;
+  /// A new upload of a file's content, stored under extension `ext`.
+  Upload beginUpload(const std::string& fileSlug, const std::string& ext) const;
   std::filesystem::path pathOf(const std::string& fileSlug) const { return directory_ / fileSlug; }
+  const std::filesystem::path& directory() const { return directory_; }
   /// The SHA-256 of the content stored for `fileSlug`, nothing when there is none.
   std::optional<std::string> digestOf(const std::string& fileSlug) const;
   void remove(const std::string& fileSlug) const;
@@ -144,6 +143,36 @@ class ContentStorage {
  private:
   std::filesystem::path directory_;
   std::shared_ptr<KnownDigests> known_ = std::make_shared<KnownDigests>();
+};
+
+/**
+ * The content store of a single node: a folder under the data folder, reached through the service's own
+ * storage routes (/storage/REPORT/FILE.EXT) with addresses that `UrlSigner` signs.
+ */
+class FolderContentStore final : public ContentStore {
+ public:
+  /// Content under DATA/files, the signing key in DATA/tls.
+  explicit FolderContentStore(const std::filesystem::path& dataDir);
+
+  /// The storage route of a file's content.
+  static std::string storagePath(const std::string& reportSlug, const std::string& fileSlug,
+                                 const std::string& ext);
+
+  std::string name() const override;
+  std::string address(std::string_view method, const std::string& origin, const std::string& reportSlug,
+                      const std::string& fileSlug, const std::string& ext,
+                      std::chrono::seconds ttl) const override;
+  bool receivesUploadsDirectly() const override { return false; }
+  std::optional<StoredContent> inspect(const std::string& reportSlug, const FileRecord& file) const override;
+  void remove(const std::string& reportSlug, const std::string& fileSlug) const override;
+  void probe() const override;
+
+  const ContentStorage& storage() const { return storage_; }
+  const UrlSigner& signer() const { return signer_; }
+
+ private:
+  ContentStorage storage_;
+  UrlSigner signer_;
 };
 
 }  // namespace kiv::service

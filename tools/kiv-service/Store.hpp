@@ -1,36 +1,41 @@
 #pragma once
 
-#include <filesystem>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "ContentStore.hpp"
+#include "Database.hpp"
 #include "Model.hpp"
-#include "Sqlite.hpp"
 
 namespace kiv::service {
 
 /**
- * Reports, files, subscriptions and provenance records in one SQLite database (WAL) under the data folder.
- * Every change that touches a report's files also stores the report's re-evaluated proof status, and the
- * change that confirms a report also stores its manifest.
+ * Reports, files, subscriptions and provenance records in a record engine (SQLite under the data folder, or
+ * PostgreSQL shared by several nodes). The schema is brought up to date on construction. Every change is one
+ * transaction, every change that touches a report's files also stores the report's re-evaluated proof status,
+ * and the change that confirms a report also stores its manifest; nothing is cached between calls, so nodes
+ * sharing one engine never contradict each other.
+ *
+ * Members throw `sql::Error` when the engine fails; `unavailable` when it cannot be reached.
  *
  * @par Thread Safety
- * All members may be called from any thread; one mutex serialises use of the connection.
+ * All members may be called from any thread.
  */
 class Store {
  public:
   /// Makes a confirmed report's manifest from the report and every statement kept for it. It runs inside the
-  /// transaction that confirms the report, so that the two are stored together or not at all.
+  /// transaction that confirms the report, so that the two are stored together or not at all (and again when
+  /// the transaction is run again).
   using ManifestIssuer = std::function<ManifestRecord(const ReportRecord& report,
                                                       const std::vector<StatementRecord>& statements)>;
   /// Refuses statements for `report` by throwing.
   using StatementCheck = std::function<void(const ReportRecord& report, bool manifestIssued)>;
 
-  Store(const std::filesystem::path& databaseFile, ManifestIssuer issueManifest);
+  /// Applies the schema's migrations to `database`, which must outlive the store.
+  Store(sql::Database& database, ManifestIssuer issueManifest);
 
   /// Stores a new report, giving it and its files fresh slugs; answers it as stored.
   ReportRecord create(ReportRecord report);
@@ -45,15 +50,18 @@ class Store {
 
   std::optional<ReportRecord> find(const std::string& slug);
 
+  /// Throws `sql::Error` unless the engine answers now.
+  void probe() { database_.probe(); }
+
   /// Records stored content for a file of a report; nothing when the report has no such file.
   std::optional<ReportRecord> recordContent(const std::string& reportSlug, const std::string& fileSlug,
-                                            const std::string& ext, const std::string& hash,
-                                            std::int64_t size);
+                                            const StoredContent& content);
 
-  /// Sets the digests of stored content (file slug, digest; no digest: the content is gone) and re-evaluates.
-  std::optional<ReportRecord> updateStoredDigests(
+  /// Sets what is stored for files of a report (file slug, content; none: the content is gone) and
+  /// re-evaluates its status; nothing when the report is unknown.
+  std::optional<ReportRecord> updateStoredContent(
       const std::string& reportSlug,
-      const std::vector<std::pair<std::string, std::optional<std::string>>>& digests);
+      const std::vector<std::pair<std::string, std::optional<StoredContent>>>& contents);
 
   /// Adds or updates an address's subscriptions, one per list name.
   void subscribe(const std::string& email, const std::vector<Subscription>& subscriptions);
@@ -76,15 +84,10 @@ class Store {
   std::optional<ManifestRecord> manifest(const std::string& slug);
 
  private:
-  std::optional<ReportRecord> load(const std::string& slug);
-  void insertFile(const std::string& reportSlug, int position, const FileRecord& file);
-  void saveStatus(ReportRecord& report);
-  std::vector<StatementRecord> statementsOf(const std::string& slug);
-  std::optional<ManifestRecord> loadManifest(const std::string& slug);
-  void issueManifestIfConfirmed(const ReportRecord& report);
+  /// Stores the manifest of `report`, in the transaction of `connection`, when it is confirmed and has none.
+  void issueManifestIfConfirmed(sql::Connection& connection, const ReportRecord& report);
 
-  std::mutex mutex_;
-  sqlite::Database database_;
+  sql::Database& database_;
   ManifestIssuer issueManifest_;
 };
 

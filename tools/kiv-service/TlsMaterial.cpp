@@ -1,5 +1,11 @@
 #include "TlsMaterial.hpp"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <stdexcept>
+#include <string>
+
 #include <openssl/x509v3.h>
 
 #include "Certificates.hpp"
@@ -36,12 +42,21 @@ void makeMaterial(const TlsMaterial& paths) {
 
 }  // namespace
 
+Descriptor lockKeyFolder(const std::filesystem::path& dataDir) {
+  Descriptor lock(::open((dataDir / "tls" / ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (lock.get() < 0 || ::flock(lock.get(), LOCK_EX) != 0)
+    throw std::runtime_error("TLS set-up failed: locking the TLS folder");
+  return lock;
+}
+
 TlsMaterial ensureTlsMaterial(const std::filesystem::path& dataDir) {
   const std::filesystem::path tlsDir = dataDir / "tls";
   std::filesystem::create_directories(tlsDir);
   std::filesystem::permissions(tlsDir, std::filesystem::perms::owner_all);
   TlsMaterial paths{dataDir / "ca.pem", tlsDir / "ca-key.pem", tlsDir / "server.pem",
                     tlsDir / "server-key.pem"};
+  // Nodes that share the folder and start together make the material once: the first under the lock.
+  const Descriptor lock = lockKeyFolder(dataDir);
   if (!std::filesystem::exists(paths.caCertificate) || !std::filesystem::exists(paths.serverCertificate) ||
       !std::filesystem::exists(paths.serverKey)) {
     makeMaterial(paths);

@@ -27,7 +27,7 @@ TEST_F(ServiceTest, ReportBecomesConfirmedWhenEveryFileArrivesWithItsDigest) {
   EXPECT_NE(slugOf(first), slugOf(report["provable_files"][1]));
 
   const json target = uploadTarget(report, 0);
-  EXPECT_EQ(fetch("PUT", target["upload_uri"], "first photo").status, 201);
+  EXPECT_EQ(fetch("PUT", target["upload_uri"], "first photo").status, uploadedStatus());
   EXPECT_EQ(call("GET", "/v1/reports/" + slugOf(report) + "/").json()["status"], "pending")
       << "one file is still missing";
   const json confirmed = upload(report, 1, "a short video");
@@ -40,7 +40,9 @@ TEST_F(ServiceTest, ReportBecomesConfirmedWhenEveryFileArrivesWithItsDigest) {
   const Reply whole = fetch("GET", fileUrl);
   EXPECT_EQ(whole.status, 200);
   EXPECT_EQ(whole.body, "first photo");
-  EXPECT_EQ(whole.headers.at("content-type"), "image/jpeg");
+  if (!onSharedEngines()) {  // an object store answers the type the upload declared
+    EXPECT_EQ(whole.headers.at("content-type"), "image/jpeg");
+  }
   const Reply part = fetch("GET", fileUrl, {}, {"Range: bytes=6-10"});
   EXPECT_EQ(part.status, 206);
   EXPECT_EQ(part.body, "photo");
@@ -61,6 +63,7 @@ TEST_F(ServiceTest, WrongContentFailsTheReportAndForceStatusReevaluates) {
 }
 
 TEST_F(ServiceTest, ForceStatusJudgesStoredContentAsItStandsOnDisk) {
+  if (onSharedEngines()) GTEST_SKIP() << "content lies in the object store, which hashes it on every look";
   const json report = createReport({{"IMG_0001.jpg", "the real bytes"}});
   EXPECT_EQ(upload(report, 0, "the real bytes")["status"], "confirmed");
   const std::string forcePath = "/v1/reports/" + slugOf(report) + "/force-status/";
@@ -189,7 +192,9 @@ TEST_F(ServiceTest, LogHasOneLinePerRequestAndNeverTheToken) {
   EXPECT_EQ(log.find(kToken), std::string::npos);
   EXPECT_EQ(log.find("signature="), std::string::npos);
   EXPECT_NE(log.find("\"POST /v1/reports/\" 201"), std::string::npos) << log;
-  EXPECT_NE(log.find("\"PUT /storage/" + slugOf(report) + "/"), std::string::npos) << log;
+  if (!onSharedEngines()) {
+    EXPECT_NE(log.find("\"PUT /storage/" + slugOf(report) + "/"), std::string::npos) << log;
+  }
 }
 
 }  // namespace

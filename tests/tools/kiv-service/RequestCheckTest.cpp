@@ -119,14 +119,17 @@ TEST_F(ServiceTest, StorageUrlsNeedAValidUnexpiredSignature) {
   std::string otherPath = upload;
   otherPath.replace(otherPath.find(".jpg?"), 4, ".png");
   const std::string unsigned_ = upload.substr(0, upload.find('?'));
+  // On the shared engines the object store checks the signatures, and words its refusals its own way.
   for (const std::string& url : {forged, otherPath, unsigned_}) {
     const Reply reply = fetch("PUT", url, "content");
     EXPECT_EQ(reply.status, 403) << url;
-    EXPECT_EQ(reply.detail(), "The URL's signature is not valid.");
+    if (!onSharedEngines()) {
+      EXPECT_EQ(reply.detail(), "The URL's signature is not valid.");
+    }
   }
   EXPECT_EQ(fetch("GET", target["file"]).status, 404) << "nothing stored yet";
   EXPECT_EQ(fetch("GET", upload).status, 403) << "an upload URL does not read";
-  EXPECT_EQ(fetch("PUT", upload, "content").status, 201);
+  EXPECT_EQ(fetch("PUT", upload, "content").status, uploadedStatus());
   EXPECT_EQ(fetch("PUT", target["file"], "content").status, 403) << "a file URL does not write";
 
   // A service whose URLs live zero minutes hands out addresses that are already expired.
@@ -142,7 +145,9 @@ TEST_F(ServiceTest, StorageUrlsNeedAValidUnexpiredSignature) {
                "/file-upload/?type=jpg&file_slug=" + other["provable_files"][0]["slug"].get<std::string>());
   const Reply expired = perform({"PUT", answer.json()["upload_uri"], "c", true, {}}, shortLived.caFile());
   EXPECT_EQ(expired.status, 403);
-  EXPECT_EQ(expired.detail(), "This URL has expired.");
+  if (!onSharedEngines()) {
+    EXPECT_EQ(expired.detail(), "This URL has expired.");
+  }
 }
 
 }  // namespace

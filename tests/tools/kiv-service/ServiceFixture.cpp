@@ -83,7 +83,7 @@ nlohmann::json ServiceTest::uploadTarget(const nlohmann::json& report, std::size
 nlohmann::json ServiceTest::upload(const nlohmann::json& report, std::size_t fileIndex,
                                    const std::string& content) {
   const Reply put = fetch("PUT", uploadTarget(report, fileIndex)["upload_uri"], content);
-  EXPECT_EQ(put.status, 201) << put.body;
+  EXPECT_EQ(put.status, uploadedStatus()) << put.body;
   return call("GET", "/v1/reports/" + report["slug"].get<std::string>() + "/").json();
 }
 

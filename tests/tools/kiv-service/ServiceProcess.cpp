@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -23,7 +24,7 @@ extern char** environ;
 namespace kiv::service::test {
 namespace {
 
-constexpr auto kStartBound = std::chrono::seconds(15);
+constexpr auto kStartBound = std::chrono::seconds(30);
 constexpr auto kStopBound = std::chrono::seconds(15);
 
 // Reads the program's stdout until the line that names its port; bounded by kStartBound.
@@ -48,12 +49,57 @@ int readPort(int descriptor) {
   throw std::runtime_error("kiv-service did not report its port; it printed: " + output);
 }
 
+// KEY=VALUE lines of the engines' folder (scripts/engines.sh writes engines.env there).
+std::map<std::string, std::string> engineSettings() {
+  std::map<std::string, std::string> settings;
+  const char* folder = std::getenv("KIV_ENGINES");  // NOLINT(concurrency-mt-unsafe): no thread writes it
+  if (!folder) return settings;
+  std::ifstream in(std::filesystem::path(folder) / "engines.env");
+  for (std::string line; std::getline(in, line);) {
+    const std::size_t equals = line.find('=');
+    if (equals != std::string::npos) settings[line.substr(0, equals)] = line.substr(equals + 1);
+  }
+  if (settings.count("KIV_POSTGRES") == 0 || settings.count("KIV_S3_ENDPOINT") == 0) {
+    throw std::runtime_error(std::string("the engines in ") + folder + " did not start");
+  }
+  return settings;
+}
+
+// The service's arguments for the shared engines; every service of a run shares one bucket.
+std::vector<std::string> engineArguments(const std::map<std::string, std::string>& settings) {
+  if (settings.empty()) return {};
+  return {"--database",  settings.at("KIV_POSTGRES"),  "--s3-endpoint", settings.at("KIV_S3_ENDPOINT"),
+          "--s3-region", settings.at("KIV_S3_REGION"), "--s3-bucket",   "kiv-tests"};
+}
+
+// The test's environment, plus the object store's keys, which kiv-service takes from its environment only.
+std::vector<std::string> serviceEnvironment(const std::map<std::string, std::string>& settings) {
+  std::vector<std::string> variables;
+  for (char** variable = environ; *variable; ++variable) variables.emplace_back(*variable);
+  for (const char* key : {"KIV_S3_ACCESS_KEY", "KIV_S3_SECRET_KEY"}) {
+    if (settings.count(key)) variables.push_back(std::string(key) + "=" + settings.at(key));
+  }
+  return variables;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> result;
+  result.reserve(texts.size() + 1);
+  for (std::string& text : texts) result.push_back(text.data());
+  result.push_back(nullptr);
+  return result;
+}
+
 // The exit status as a shell shows it: the code, or 128 + the signal that ended the process.
 int exitStatus(int waitStatus) {
   return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
 }
 
 }  // namespace
+
+bool onSharedEngines() { return std::getenv("KIV_ENGINES") != nullptr; }  // NOLINT(concurrency-mt-unsafe)
+
+int uploadedStatus() { return onSharedEngines() ? 200 : 201; }
 
 TempDir::TempDir() {
   std::string pattern = (std::filesystem::temp_directory_path() / "kiv-service-test-XXXXXX").string();
@@ -74,12 +120,15 @@ ServiceProcess::~ServiceProcess() {
 }
 
 void ServiceProcess::start() {
-  std::vector<std::string> arguments{KIV_SERVICE_PROGRAM, "--data", dataDir_.string(), "--port", "0"};
+  const std::map<std::string, std::string> engines = engineSettings();
+  std::vector<std::string> arguments{KIV_SERVICE_PROGRAM, "--data", dataDir_.string(), "--port",
+                                     std::to_string(port_)};
   arguments.insert(arguments.end(), arguments_.begin(), arguments_.end());
-  std::vector<char*> argv;
-  argv.reserve(arguments.size() + 1);
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  argv.push_back(nullptr);
+  const std::vector<std::string> onEngines = engineArguments(engines);
+  arguments.insert(arguments.end(), onEngines.begin(), onEngines.end());
+  std::vector<char*> argv = pointers(arguments);
+  std::vector<std::string> variables = serviceEnvironment(engines);
+  std::vector<char*> envp = pointers(variables);
 
   int pipe[2];
   if (::pipe2(pipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
@@ -89,7 +138,7 @@ void ServiceProcess::start() {
   posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, logFile().c_str(), O_WRONLY | O_CREAT | O_APPEND,
                                    0644);
-  const int status = ::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+  const int status = ::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   ::close(pipe[1]);
   if (status != 0) {
@@ -133,6 +182,13 @@ int ServiceProcess::stop() {
   pid_ = -1;
   expectCleanEnd(exitStatus(status));
   return exitStatus(status);
+}
+
+void ServiceProcess::kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+  pid_ = -1;
 }
 
 void ServiceProcess::expectHealthy() {

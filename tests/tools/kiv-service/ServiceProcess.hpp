@@ -8,6 +8,16 @@
 
 namespace kiv::service::test {
 
+/**
+ * Whether the services of this run keep their records in PostgreSQL and their content in an object store:
+ * the engines that scripts/engines.sh started for the CTest fixture whose folder KIV_ENGINES names. Without
+ * it they use SQLite and their data folder.
+ */
+bool onSharedEngines();
+
+/// The status of a successful upload: the service's own storage answers 201 Created, an object store 200.
+int uploadedStatus();
+
 /// A temporary folder, removed with everything in it on destruction.
 class TempDir {
  public:
@@ -22,7 +32,8 @@ class TempDir {
 };
 
 /**
- * The built kiv-service running on 127.0.0.1 with a port of its own choosing. Its stderr (the request log)
+ * The built kiv-service running on 127.0.0.1 with a port of its own choosing, on the shared engines when
+ * `onSharedEngines()`. Its stderr (the request log)
  * goes to `logFile()` in the data folder. Start and stop wait with time bounds and fail the test when
  * exceeded. A service that stops by itself, ends with another status than 0, or writes a sanitizer report
  * fails the current test, which then shows the log (it is deleted with the temporary folder).
@@ -34,9 +45,12 @@ class ServiceProcess {
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
 
+  /// Starts the service; started again, it listens on the port it had.
   void start();
   /// SIGTERM, then waits for a clean exit; answers the exit status.
   int stop();
+  /// SIGKILL, as a crash or a pulled plug would end it, and waits for it to be gone.
+  void kill();
   /// Fails the current test when the service has stopped by itself or reported a fault in its log.
   void expectHealthy();
   /// Leaves the service running when this object goes, for a fixture that outlives the process that started

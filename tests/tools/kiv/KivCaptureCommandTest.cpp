@@ -22,8 +22,15 @@ using testing_support::readFile;
 
 class KivCapture : public kivtest::ToolCommand {
  protected:
-  ToolRun capture(const std::vector<std::string>& arguments) {
-    return finish(start(KIV_CAPTURE_PROGRAM, arguments, data(), "capture"), "capture");
+  ToolRun capture(std::vector<std::string> arguments) {
+    return finish(start(KIV_CAPTURE_PROGRAM, withLeakSuppressions(std::move(arguments)), data(), "capture"),
+                  "capture");
+  }
+  /// The settings of the address sanitizer build's leak check for the program (no effect in other builds).
+  static std::vector<std::string> withLeakSuppressions(std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"env:ASAN_OPTIONS=fast_unwind_on_malloc=0",
+                                       "env:LSAN_OPTIONS=suppressions=" KIV_CAPTURE_LEAK_SUPPRESSIONS});
+    return arguments;
   }
   /// The files new captures wait in before they join a report.
   std::size_t waitingCaptures() const {
@@ -79,8 +86,8 @@ TEST_F(KivCapture, WithoutACameraItSaysSoAndClosingSavesNothing) {
   // does.
   int error[2];
   ASSERT_EQ(::pipe2(error, O_CLOEXEC), 0);
-  const pid_t pid =
-      start(KIV_CAPTURE_PROGRAM, {"--photo"}, data(), "attended", {.input = -1, .error = error[1]});
+  const pid_t pid = start(KIV_CAPTURE_PROGRAM, withLeakSuppressions({"--photo"}), data(), "attended",
+                          {.input = -1, .error = error[1]});
   ::close(error[1]);
   std::string said;
   // Appends what the program writes next to `said`; false at its end, or after a minute of silence.
