@@ -18,7 +18,7 @@ namespace {
 using detail::PKey;
 
 // A key file is a few hundred bytes; anything much larger is not one.
-constexpr std::size_t kLargestKeyFile = 64 * 1024;
+constexpr std::size_t kLargestKeyFile = std::size_t{64} << 10;
 constexpr std::size_t kSignatureSize = 64;
 
 zu::Error keyUnavailable(const std::string& path, const std::string& reason) {

@@ -146,7 +146,7 @@ void KivProvenance::sendStatements(const KivReport& report, ReceiptsCompletion c
   auto statements = statementsToSend(report);
   if (!statements) return completion(std::nullopt, statements.error());
   registerDeviceKey([report, statements = std::move(*statements), completion = std::move(completion)](
-                        std::optional<std::string> keyId, std::optional<zu::Error> error) mutable {
+                        const std::optional<std::string>& keyId, std::optional<zu::Error> error) mutable {
     if (!keyId) return completion(std::nullopt, std::move(error));
     postStatements(report, std::move(statements), std::move(completion));
   });
@@ -155,7 +155,7 @@ void KivProvenance::sendStatements(const KivReport& report, ReceiptsCompletion c
 void KivProvenance::fetchManifest(const KivReport& report, TextCompletion completion) {
   if (auto error = missingSlug(report)) return completion(std::nullopt, std::move(error));
   fetchDocument<std::string>(reportPath(report, "manifest"), std::move(completion),
-                             [](zu::Data bytes) -> zu::Result<std::string> {
+                             [](const zu::Data& bytes) -> zu::Result<std::string> {
                                std::string jws = textOf(bytes);
                                if (!detail::readJWS(jws, "ES256"))
                                  return invalidResponse("The manifest is not a JWS");
@@ -166,7 +166,8 @@ void KivProvenance::fetchManifest(const KivReport& report, TextCompletion comple
 void KivProvenance::fetchTimestamp(const KivReport& report, DataCompletion completion) {
   if (auto error = missingSlug(report)) return completion(std::nullopt, std::move(error));
   fetchDocument<zu::Data>(
-      reportPath(report, "timestamp"), std::move(completion), [](zu::Data bytes) -> zu::Result<zu::Data> {
+      reportPath(report, "timestamp"), std::move(completion),
+      [](const zu::Data& bytes) -> zu::Result<zu::Data> {
         const unsigned char* der = bytes.data();
         const detail::TimestampResponse response(d2i_TS_RESP(nullptr, &der, static_cast<long>(bytes.size())));
         if (!response) {
@@ -179,7 +180,8 @@ void KivProvenance::fetchTimestamp(const KivReport& report, DataCompletion compl
 
 void KivProvenance::fetchCertificates(TextCompletion completion) {
   fetchDocument<std::string>(
-      "provenance/certificates/", std::move(completion), [](zu::Data bytes) -> zu::Result<std::string> {
+      "provenance/certificates/", std::move(completion),
+      [](const zu::Data& bytes) -> zu::Result<std::string> {
         std::string pem = textOf(bytes);
         if (!detail::readCertificates(pem)) {
           return invalidResponse("The service's certificates are not PEM certificates");

@@ -29,7 +29,9 @@ struct JwsError : std::runtime_error {
 };
 
 /// A compact JWS taken apart. Header and payload are JSON objects whose received bytes were canonical.
-struct Jws {
+/// (nlohmann's destructor may allocate while it takes a deep document apart; running out of memory there
+/// ends the program, as it would anywhere else.)
+struct Jws {  // NOLINT(bugprone-exception-escape)
   nlohmann::json header;
   nlohmann::json payload;
   std::string payloadText;   ///< the payload's bytes as signed

@@ -33,9 +33,10 @@ std::string pdfName(std::string_view text) {
     if (std::isalnum(c) || c == '.' || c == '-' || c == '+' || c == '_') {
       name += static_cast<char>(c);
     } else {
-      std::array<char, 4> escaped{};
-      std::snprintf(escaped.data(), escaped.size(), "#%02X", c);
-      name += escaped.data();
+      constexpr std::string_view kHexDigits = "0123456789ABCDEF";
+      name += '#';
+      name += kHexDigits[c >> 4];
+      name += kHexDigits[c & 0x0f];
     }
   }
   return name;
@@ -47,7 +48,7 @@ std::string pdfDate(std::time_t now) {
   std::tm utc{};
   gmtime_r(&now, &utc);
   std::array<char, 24> text{};
-  std::strftime(text.data(), text.size(), "(D:%Y%m%d%H%M%SZ)", &utc);
+  static_cast<void>(std::strftime(text.data(), text.size(), "(D:%Y%m%d%H%M%SZ)", &utc));  // always fits
   return text.data();
 }
 
@@ -102,8 +103,8 @@ void sign(std::string& document, std::size_t signatureOffset, X509* certificate,
   check(range != std::string::npos && document[close] == '>', "the placeholders are not where written");
   const std::size_t after = close + 1;
   std::array<char, 64> numbers{};
-  std::snprintf(numbers.data(), numbers.size(), "%-*zu %-*zu %-*zu", kRangeDigits, open, kRangeDigits, after,
-                kRangeDigits, document.size() - after);
+  static_cast<void>(std::snprintf(numbers.data(), numbers.size(), "%-*zu %-*zu %-*zu", kRangeDigits, open,
+                                  kRangeDigits, after, kRangeDigits, document.size() - after));
   document.replace(range + 14, 3 * (kRangeDigits + 1) - 1, numbers.data());
   const std::string signature =
       cmsSignature(document.substr(0, open) + document.substr(after), certificate, key);
@@ -120,6 +121,7 @@ std::string signPdf(std::string document, std::vector<PdfAttachment> attachments
   std::sort(attachments.begin(), attachments.end(),
             [](const PdfAttachment& a, const PdfAttachment& b) { return a.name < b.name; });
   std::vector<std::pair<std::string, int>> files;
+  files.reserve(attachments.size());
   for (const PdfAttachment& attachment : attachments) {
     files.emplace_back(attachment.name, addAttachment(update, attachment));
   }

@@ -21,7 +21,7 @@ std::string trailerEntry(const std::string& trailer, const char* pattern, const 
 
 std::string xrefEntry(std::size_t offset) {
   char entry[21];
-  std::snprintf(entry, sizeof entry, "%010zu 00000 n", offset);
+  static_cast<void>(std::snprintf(entry, sizeof entry, "%010zu 00000 n", offset));  // always fits
   return std::string(entry) + std::string(kXrefEntryEnd);
 }
 

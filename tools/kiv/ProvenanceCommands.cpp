@@ -82,15 +82,6 @@ std::string verificationText(const std::string& certificate, const kiv::Provenan
 
 }  // namespace
 
-std::string signStatements(const kiv::KivReport& report, const std::vector<kiv::KivFile>& files) {
-  if (!report.id) return {};  // a report stored without id (by an old host) keeps no statements
-  const auto signer = kiv::KivProvenance::deviceSigner();
-  if (!signer) fail("cannot sign statements: " + signer.error().localizedDescription());
-  const auto signedStatements = kiv::KivProvenance::signStatements(report, files);
-  if (!signedStatements) fail("cannot sign statements: " + signedStatements.error().localizedDescription());
-  return (*signer)->keyId();
-}
-
 zu::AnyCodable::Array sendStatements(const Context& context, const kiv::KivReport& report) {
   if (!report.id) return {};
   const auto stored = kiv::ReportStatements::load(*report.id);
@@ -119,8 +110,9 @@ void signReport(const Context& context, const std::string& selector) {
   // A device states only what it holds: a file that is gone or changed is not signed, nor is any other.
   if (!problems.empty())
     fail("no statements signed for " + report.name + problems + " (kiv verify names them)");
-  const std::string keyId = signStatements(report, report.files);
-  if (keyId.empty()) fail("report " + report.name + " has no id, so no statements can be kept for it");
+  const auto signedStatements = kiv::KivProvenance::signStatements(report, report.files);
+  if (!signedStatements) fail("cannot sign statements: " + signedStatements.error().localizedDescription());
+  const std::string keyId = (*kiv::KivProvenance::deviceSigner())->keyId();
   zu::AnyCodable::Array signedFiles;
   for (const kiv::KivFile& file : report.files) signedFiles.emplace_back(fileName(file));
   context.print({{"report", reportSummary(report)}, {"keyId", keyId}, {"signed", std::move(signedFiles)}},

@@ -44,6 +44,15 @@ struct PdfReference {
 using PdfArray = std::vector<PdfObject>;
 
 struct PdfDictionary {
+  // Declared here and defaulted once PdfObject is complete: a compiler may look at them while the variant
+  // that holds a dictionary is being defined.
+  PdfDictionary();
+  PdfDictionary(const PdfDictionary& other);
+  PdfDictionary(PdfDictionary&& other) noexcept;
+  PdfDictionary& operator=(const PdfDictionary& other);
+  PdfDictionary& operator=(PdfDictionary&& other) noexcept;
+  ~PdfDictionary();
+
   std::vector<std::pair<std::string, PdfObject>> entries;
   /// The value of the key `name` (without "/"), null when absent.
   const PdfObject* find(std::string_view name) const;
@@ -71,6 +80,13 @@ struct PdfObject {
   /// Whether it is the name `text`.
   bool isName(std::string_view text) const { return name() && name()->text == text; }
 };
+
+inline PdfDictionary::PdfDictionary() = default;
+inline PdfDictionary::PdfDictionary(const PdfDictionary& other) = default;
+inline PdfDictionary::PdfDictionary(PdfDictionary&& other) noexcept = default;
+inline PdfDictionary& PdfDictionary::operator=(const PdfDictionary& other) = default;
+inline PdfDictionary& PdfDictionary::operator=(PdfDictionary&& other) noexcept = default;
+inline PdfDictionary::~PdfDictionary() = default;
 
 /**
  * A PDF file's objects as its last revision shows them: the newest cross-reference section first, then the

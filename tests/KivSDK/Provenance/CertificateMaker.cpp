@@ -7,6 +7,7 @@
 #include <openssl/ts.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "KivSDK/Provenance/detail/Base64Url.hpp"
@@ -28,7 +29,7 @@ Certificate makeCertificate(EVP_PKEY* key, const std::string& commonName, X509* 
   require(certificate != nullptr, "X509_new");
   X509_set_version(certificate.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), serial);
-  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -24 * 3600);
+  X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -24L * 3600);
   X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 10L * 365 * 24 * 3600);
   X509_set_pubkey(certificate.get(), key);
   X509_NAME* name = X509_get_subject_name(certificate.get());
@@ -84,9 +85,7 @@ class PdfWriter {
     const std::size_t xref = out_.size();
     out_ += "xref\n";
     for (const auto& [number, offset] : offsets_) {
-      char entry[32];
-      std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
-      out_ += std::to_string(number) + " 1\n" + entry;
+      out_ += std::to_string(number) + " 1\n" + xrefEntry(offset);
     }
     out_ += "trailer\n<< " + trailer + " >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
     return out_;
@@ -233,6 +232,11 @@ zu::Data timestampOver(std::string_view data, const TestAuthority& authority, co
   unsigned char* out = der.data();
   i2d_TS_RESP(response.get(), &out);
   return der;
+}
+
+std::string xrefEntry(std::size_t offset) {
+  std::string entry = std::to_string(offset);
+  return std::string(10 - std::min<std::size_t>(entry.size(), 10), '0') + entry + " 00000 n \n";
 }
 
 zu::Data pdfOf(const std::map<int, std::string>& objects, const std::string& trailer) {

@@ -63,6 +63,9 @@ std::string manifestJWS(const zu::AnyCodable::Dictionary& payload, EVP_PKEY* key
 zu::Data timestampOver(std::string_view data, const TestAuthority& authority,
                        const std::string& policy = "2.25.286676183924113436215391935245312734373");
 
+/// A cross-reference entry of an object in use at `offset` (20 bytes, line end included).
+std::string xrefEntry(std::size_t offset);
+
 /// A PDF of `objects` (number to body: "<< ... >>", or a dictionary followed by "stream ... endstream") with
 /// one cross-reference table and `trailer` (the dictionary's inside).
 zu::Data pdfOf(const std::map<int, std::string>& objects, const std::string& trailer);

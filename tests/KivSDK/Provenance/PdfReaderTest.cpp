@@ -145,9 +145,8 @@ TEST(PdfReader, TheNewestRevisionWinsAndMayFreeAnObject) {
   const std::size_t object = text.size();
   text += "1 0 obj\n<< /V (new) >>\nendobj\n";
   const std::size_t xref = text.size();
-  char entry[32];
-  std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", object);
-  text += std::string("xref\n1 2\n") + entry + "0000000000 00001 f \ntrailer\n<< /Root 1 0 R /Size 3 /Prev " +
+  text += "xref\n1 2\n" + kivtest::xrefEntry(object) +
+          "0000000000 00001 f \ntrailer\n<< /Root 1 0 R /Size 3 /Prev " +
           std::to_string(std::stoul(previous)) + " >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
   const auto document = PdfDocument::open(bytes(text));
   ASSERT_TRUE(document) << document.error().localizedDescription();

@@ -81,9 +81,7 @@ zu::Data withUpdate(const zu::Data& pdf, const std::map<std::uint32_t, std::stri
   const std::size_t xref = pdf.size() + update.size();
   update += "xref\n";
   for (const auto& [number, offset] : offsets) {
-    char entry[32];
-    std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
-    update += std::to_string(number) + " 1\n" + entry;
+    update += std::to_string(number) + " 1\n" + xrefEntry(offset);
   }
   const PdfObject* root = document.trailer().find("Root");
   const std::int64_t size =

@@ -58,14 +58,14 @@ class ProvenanceTest : public ServiceTest {
   std::filesystem::path certificateFile(const std::string& slug, const TempDir& dir) {
     const Reply reply = call("POST", "/v1/reports/" + slug + "/pdf/");
     EXPECT_EQ(reply.status, 200) << reply.body;
-    const std::filesystem::path file = dir.path() / "certificate.pdf";
+    std::filesystem::path file = dir.path() / "certificate.pdf";
     writeFile(file, reply.body);
     return file;
   }
 
   /// An NSS database for pdfsig, trusting the service CA when asked to.
   std::filesystem::path nssDatabase(const TempDir& dir, bool trustingTheCa) {
-    const std::filesystem::path database = dir.path() / (trustingTheCa ? "nss-trusting" : "nss-empty");
+    std::filesystem::path database = dir.path() / (trustingTheCa ? "nss-trusting" : "nss-empty");
     std::filesystem::create_directories(database);
     EXPECT_EQ(runCommand("certutil -N -d sql:" + database.string() + " --empty-password").status, 0);
     if (trustingTheCa) {

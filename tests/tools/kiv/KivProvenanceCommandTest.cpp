@@ -15,7 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 using kivtest::ToolRun;
 using nlohmann::json;
-using testing_support::readFile;
 using testing_support::writeFile;
 
 class KivProvenance : public kivtest::ToolCommand {
@@ -35,7 +34,7 @@ class KivProvenance : public kivtest::ToolCommand {
 
   /// The report's media, copied to a folder of their own for a third party to check.
   fs::path mediaCopy(const std::string& report) {
-    const fs::path copy = folder.path() / ("copy of " + report);
+    fs::path copy = folder.path() / ("copy of " + report);
     fs::create_directories(copy);
     const json shown = ok({"report", "show", report});
     for (const auto& file : shown["files"])
