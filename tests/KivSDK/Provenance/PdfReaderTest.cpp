@@ -148,7 +148,8 @@ TEST(PdfReader, TheNewestRevisionWinsAndMayFreeAnObject) {
   text += "xref\n1 2\n" + kivtest::xrefEntry(object) +
           "0000000000 00001 f \ntrailer\n<< /Root 1 0 R /Size 3 /Prev " +
           std::to_string(std::stoul(previous)) + " >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
-  const auto document = PdfDocument::open(bytes(text));
+  const zu::Data pdf = bytes(text);  // the document reads these bytes: they must outlive it
+  const auto document = PdfDocument::open(pdf);
   ASSERT_TRUE(document) << document.error().localizedDescription();
   EXPECT_EQ(
       document->resolve(PdfObject{kiv::detail::PdfReference{1, 0}})->dictionary()->find("V")->string()->bytes,
