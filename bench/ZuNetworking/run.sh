@@ -30,7 +30,7 @@ size=$((1 << 30))
 head -c $size /dev/urandom >"$work/big.bin"
 head -c 4096 /dev/urandom >"$work/small.bin"
 
-best() { sort -g | head -n 1; }
+best() { grep . | sort -g | head -n 1; }
 value() { grep "^$1=" | cut -d= -f2; }
 
 TIMEFORMAT=%R
