@@ -1,7 +1,8 @@
 // What a client sends the reference service: the first byte picks a reader, the rest is its input. Bodies
 // must be refused with a BadRequest or read into records that render back to a body that reads again;
 // request heads must be framed within their bytes; a storage address's query must never pass its signature
-// check unless the service signed it.
+// check unless the service signed it; device statements must be refused unless signed by a registered key,
+// and base64url text decodes only from its one canonical form.
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
@@ -14,6 +15,8 @@
 #include <nlohmann/json.hpp>
 
 #include "HttpsServer.hpp"
+#include "Jws.hpp"
+#include "Statements.hpp"
 #include "Storage.hpp"
 #include "TlsConnection.hpp"
 #include "Wire.hpp"
@@ -84,21 +87,34 @@ void checkSignature(std::string_view text) {
     std::abort();
 }
 
+// No key is registered, so every statement must be refused, whatever its form.
+void readStatements(std::string_view body) {
+  for (const std::string& text : parseStatementList(body)) {
+    if (const std::optional<std::string> bytes = fromBase64url(text); bytes && base64url(*bytes) != text) {
+      std::abort();
+    }
+  }
+  (void)verifyStatements(parseStatementList(body), [](const std::string&) { return std::nullopt; });
+  std::abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   const std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
   try {
-    switch (data[0] % 4) {
+    switch (data[0] % 5) {
       case 0:
         return readReport(input), 0;
       case 1:
         return readNewsletter(input), 0;
       case 2:
         return frameHead(input), 0;
-      default:
+      case 3:
         return checkSignature(input), 0;
+      default:
+        return readStatements(input), 0;
     }
   } catch (const BadRequest&) {
     return 0;  // a clear refusal is the expected answer to a bad body

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The main job. Sets the machine up, builds the `kiv` command line and the reference service, and runs the
-# whole evidence flow with kiv: a new report, media added and fingerprinted, the report sent, its content
-# uploaded, its status followed until "confirmed", its certificate fetched, the content downloaded again on a
-# second (simulated) device and verified there. Ends with a summary and the certificate's first page as PNG.
+# whole evidence flow with kiv: a new report, media added, fingerprinted and signed by the device's key, the
+# report sent with its device statements, its content uploaded, its status followed until "confirmed", its
+# signed certificate fetched, the content downloaded again on a second (simulated) device and verified there.
+# Ends with a summary, the certificate's first page as PNG, and the certificate checked offline (its
+# signature, manifest, time-stamp, device statements and the media files), every check on a line.
 #
 # Uses the service on the address the SDK is built for (https://127.0.0.1:18443): when nothing listens there,
 # it starts kiv-service there itself, and stops it (that process only) when it ends.
@@ -64,8 +66,8 @@ fi
 
 step() { echo "::: kiv $*" >&2; "$kiv" "$@"; }
 id=$(step report new "Demo evidence" --note "Made by scripts/demo.sh" --meta source=demo)
-step add "$id" "${media[@]}"
-step send "$id"
+step add "$id" "${media[@]}"   # each file with the device's signed statement about it
+step send "$id"                # the report, then its device statements
 step upload "$id"
 step status "$id" --force --wait 60
 pdf=$(step pdf "$id")
@@ -81,3 +83,6 @@ echo
 echo "::: summary"
 "$kiv" report show "$id"
 echo "  certificate page: ${pdf%.pdf}.png"
+echo
+echo "::: the certificate checked offline, with no network, against the service's CA"
+step verify --offline "$pdf" "$KIV_DATA_DIR/Documents/Kiv"

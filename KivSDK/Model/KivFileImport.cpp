@@ -15,6 +15,7 @@
 
 #include "ZuDate/ZuDate.hpp"
 #include "ZuDigest/ZuDigest.hpp"
+#include "ZuFileManager/ZuFileManager.hpp"
 #include "ZuFoundation/internal/Posix.hpp"
 
 namespace kiv {
@@ -155,6 +156,16 @@ zu::Result<KivFile> importMediaFile(const zu::URL& file, const KivReport& report
   // The new name reaches the disk now; should that fail, the file is in place all the same.
   static_cast<void>(zu::detail::syncFolder(folder));
   return placed;
+}
+
+std::optional<zu::Error> undoMediaImport(const KivFile& imported, const zu::URL& file,
+                                         const MediaImportOptions& options) {
+  if (!options.move) return zu::ZuFileManager::removeItem(imported.fileURL());
+  std::optional<zu::Error> failure;
+  zu::ZuFileManager::moveFile(imported.fileURL(), file, [&failure](bool, std::optional<zu::Error> error) {
+    failure = std::move(error);
+  });
+  return failure;
 }
 
 }  // namespace kiv

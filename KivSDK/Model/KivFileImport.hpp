@@ -46,4 +46,12 @@ zu::Result<KivFile> importMediaFile(const zu::URL& file, const KivReport& report
                                     const std::vector<KivReport>& reports,
                                     const MediaImportOptions& options = {});
 
+/**
+ * Puts back what `importMediaFile` did when it answered `imported` for `file` with `options`: the copy is
+ * removed, a moved file goes back where it was. For a host that takes several files in all or nothing, or
+ * that cannot keep a file once it is placed.
+ */
+std::optional<zu::Error> undoMediaImport(const KivFile& imported, const zu::URL& file,
+                                         const MediaImportOptions& options);
+
 }  // namespace kiv

@@ -1,12 +1,14 @@
 // The evidence flow through KivAPI against a running kiv-service; run.sh beside it starts the service, makes
 // the media files and times the `curl` tool on the same uploads.
 //
-//   kivapi_bench <base URL> <CA file> <token> <application data folder>
+//   kivapi_bench <base URL> <CA file> <token> <application data folder> [provenance]
 //
 // Every file in <folder>/Documents/Kiv becomes a file of one report. Timed: `send`, every `uploadContent`
-// started at once, `forceStatusUpdate` until "confirmed", `generatePDF`. Prints "key=value" lines: seconds
-// (the whole flow), upload_seconds, files, bytes, status, the largest thread count seen, peak resident memory
-// in KiB.
+// started at once, `forceStatusUpdate` until "confirmed", `generatePDF`. With "provenance", the flow also
+// signs the device's statements about the files (as an import does), sends them after the report, and
+// fetches the manifest and its time-stamp before the certificate. Prints "key=value" lines: seconds (the
+// whole flow), upload_seconds, files, bytes, status, the largest thread count seen, peak resident memory in
+// KiB, and the certificate's path.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -17,10 +19,12 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
 #include "KivSDK/API/KivAPI.hpp"
+#include "KivSDK/Provenance/KivProvenance.hpp"
 #include "ProcessFigures.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 
@@ -98,11 +102,27 @@ kiv::KivReport mediaReport() {
   return report.withCalculatedHash();
 }
 
+/// The device's statements about the report's files, signed as an import signs them and sent once the
+/// service has the report.
+bool signStatements(const kiv::KivReport& report) {
+  return static_cast<bool>(kiv::KivProvenance::signStatements(report, report.files));
+}
+bool sendStatements(const kiv::KivReport& report) {
+  return static_cast<bool>(run<std::vector<kiv::KivProvenance::StatementReceipt>>(
+      [&](auto done) { kiv::KivProvenance::sendStatements(report, done); }));
+}
+/// The signed manifest and its time-stamp, as a host keeps them beside the certificate.
+bool fetchManifest(const kiv::KivReport& report) {
+  return run<std::string>([&](auto done) { kiv::KivProvenance::fetchManifest(report, done); }) &&
+         run<zu::Data>([&](auto done) { kiv::KivProvenance::fetchTimestamp(report, done); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 5) {
-    std::cerr << "usage: kivapi_bench <base URL> <CA file> <token> <application data folder>\n";
+  const bool provenance = argc == 6 && std::string_view(argv[5]) == "provenance";
+  if (argc != 5 && !provenance) {
+    std::cerr << "usage: kivapi_bench <base URL> <CA file> <token> <application data folder> [provenance]\n";
     return 2;
   }
   zu::ZuFileManager::setApplicationDataDirectory(argv[4]);
@@ -118,8 +138,9 @@ int main(int argc, char** argv) {
   for (const kiv::KivFile& file : local.files) bytes += std::filesystem::file_size(file.fileURL().path());
 
   const auto start = Clock::now();
+  if (provenance && !signStatements(local)) return 1;
   auto report = run<kiv::KivReport>([&](auto done) { kiv::KivAPI::send(local, "en", done); });
-  if (!report) return 1;
+  if (!report || (provenance && !sendStatements(*report))) return 1;
 
   const auto uploadStart = Clock::now();
   Completions<kiv::KivFile> uploads(static_cast<int>(report->files.size()));
@@ -135,12 +156,14 @@ int main(int argc, char** argv) {
     report = run<kiv::KivReport>([&](auto done) { kiv::KivAPI::forceStatusUpdate(*report, done); });
     if (!report) return 1;
   }
+  if (provenance && !fetchManifest(*report)) return 1;
   if (!run<bool>([&](auto done) { kiv::KivAPI::generatePDF(*report, "en", done); })) return 1;
   const double seconds = since(start);
 
   std::cout << "seconds=" << seconds << "\nupload_seconds=" << uploadSeconds
             << "\nfiles=" << report->files.size() << "\nbytes=" << bytes
             << "\nstatus=" << kiv::KivReport::string(report->proofStatus())
-            << "\nthreads=" << mostThreads.load() << "\npeak_kib=" << peakResidentKiB() << "\n";
+            << "\nthreads=" << mostThreads.load() << "\npeak_kib=" << peakResidentKiB()
+            << "\npdf=" << report->pdfURL().path() << "\n";
   return report->proofStatus() == kiv::KivReport::ProofStatus::confirmed ? 0 : 1;
 }

@@ -73,8 +73,10 @@ void ServiceTest::TearDown() {
     if (!entry.is_regular_file()) continue;
     const std::filesystem::path folder = entry.path().parent_path();
     const bool allowed = folder == documents / "Kiv" || folder == documents / "PDFs" ||
-                         folder.parent_path() == data.path() / "URLSessions";
-    EXPECT_TRUE(allowed) << entry.path() << " was written outside the media and PDF folders";
+                         folder.parent_path() == data.path() / "URLSessions" ||
+                         folder == data.path() / "Provenance" ||
+                         folder == data.path() / "Provenance" / "statements";
+    EXPECT_TRUE(allowed) << entry.path() << " was written outside the media, PDF and provenance folders";
   }
 }
 

@@ -90,8 +90,8 @@ class Awaited {
 
 /**
  * KivAPI set up against the test service with its token, in a fresh application data folder. After each
- * test, the folder must hold nothing but the media folder "Documents/Kiv", the PDF folder "Documents/PDFs"
- * and the background sessions' journals.
+ * test, the folder must hold nothing but the media folder "Documents/Kiv", the PDF folder "Documents/PDFs",
+ * the background sessions' journals and the provenance folder (the device key and the statements).
  */
 class ServiceTest : public ::testing::Test {
  protected:

@@ -1,6 +1,7 @@
 // kiv-capture: the capture screen as a program. It opens on the camera (or the synthetic one) to take one
 // photo or video, or on a file to review it; on "save" it prints the file's path and, with --report, adds
-// the file to that report of the store it shares with kiv, the way a host application does.
+// the file to that report of the store it shares with kiv, the way a host application does, with the
+// device's signed statement about it.
 //
 //   kiv-capture [--synthetic] [--photo] [--take] [--report REPORT] [--data DIR] [--directory DIR] [--verbose]
 //   kiv-capture --review FILE [--autoplay] [--data DIR]
@@ -29,7 +30,7 @@
 #include "KivMediaCaptureAndPlayViewController/gstreamer/GstMediaPlayer.hpp"
 #include "KivMediaCaptureAndPlayViewController/qt/KivMediaCaptureAndPlayWidget.hpp"
 #include "KivMediaCaptureAndPlayViewController/qt/QtCapturePlatform.hpp"
-#include "KivSDK/Model/KivFileImport.hpp"
+#include "KivSDK/Provenance/KivProvenance.hpp"
 #include "ReportStore.hpp"
 #include "ToolError.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
@@ -89,20 +90,20 @@ std::string reportId(const std::string& selector) {
   return store.find(selector).id.value().uuidString();
 }
 
-/// Adds the capture at `fileURL` to the report `id` names (moving it into the media folder); answers its new
-/// place.
+/// Adds the capture at `fileURL` to the report `id` names (moving it into the media folder), with the
+/// device's statement about it; answers its new place.
 zu::URL addToReport(const zu::URL& fileURL, const std::string& id) {
   const ReportStore store = ReportStore::load();
   kiv::KivReport report = store.find(id);
-  const auto imported =
-      kiv::importMediaFile(fileURL, report, store.reports(), {.move = true, .dateTaken = std::nullopt});
+  const auto imported = kiv::KivProvenance::importSignedMediaFile(fileURL, report, store.reports(),
+                                                                  {.move = true, .dateTaken = std::nullopt});
   if (!imported) {
     kivcli::fail(imported.error().localizedDescription() + "; the capture stays at " + fileURL.path());
   }
-  report.files.push_back(*imported);
+  report.files.push_back(imported->file);
   ReportStore::save(report.withCalculatedHash());
-  std::cerr << "Added to report \"" << report.name << "\" (" << id << ")\n";
-  return imported->fileURL();
+  std::cerr << "Added to report \"" << report.name << "\" (" << id << "), with a signed statement\n";
+  return imported->file.fileURL();
 }
 
 /// The host: keeps the file on "save", shows a camera failure in the window, ends the program when the screen

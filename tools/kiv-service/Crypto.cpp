@@ -25,6 +25,12 @@ std::string Sha256::finishHex() {
   return toHex({reinterpret_cast<const char*>(digest.data()), length});
 }
 
+std::string sha256Hex(std::string_view bytes) {
+  Sha256 digest;
+  digest.update(bytes.data(), bytes.size());
+  return digest.finishHex();
+}
+
 std::string sha256OfFile(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) return {};
@@ -47,12 +53,6 @@ std::string hmacSha256(std::string_view key, std::string_view text) {
 
 std::string hmacSha256Hex(std::string_view key, std::string_view text) {
   return toHex(hmacSha256(key, text));
-}
-
-std::string sha256Hex(std::string_view bytes) {
-  Sha256 digest;
-  digest.update(bytes.data(), bytes.size());
-  return digest.finishHex();
 }
 
 bool constantTimeEquals(std::string_view a, std::string_view b) {

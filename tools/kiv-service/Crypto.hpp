@@ -24,11 +24,11 @@ class Sha256 {
   Handle<EVP_MD_CTX, EVP_MD_CTX_free> context_;
 };
 
-/// The hexadecimal SHA-256 of a file, read in blocks; empty when the file cannot be read.
-std::string sha256OfFile(const std::filesystem::path& path);
-
 /// The hexadecimal SHA-256 of `bytes`.
 std::string sha256Hex(std::string_view bytes);
+
+/// The hexadecimal SHA-256 of a file, read in blocks; empty when the file cannot be read.
+std::string sha256OfFile(const std::filesystem::path& path);
 
 /// The HMAC-SHA-256 of `text` under `key`, as 32 raw bytes.
 std::string hmacSha256(std::string_view key, std::string_view text);

@@ -130,8 +130,10 @@ json Fault::toJson() const {
 }
 
 bool Faults::isRoute(std::string_view name) {
-  static constexpr std::array<std::string_view, 10> routes{
-      "create", "patch", "get", "file-upload", "force-status", "pdf", "newsletter", "put", "download", "*"};
+  static constexpr std::array<std::string_view, 15> routes{
+      "create",     "patch",      "get",       "file-upload",  "force-status",
+      "pdf",        "newsletter", "put",       "download",     "device-keys",
+      "statements", "manifest",   "timestamp", "certificates", "*"};
   return std::find(routes.begin(), routes.end(), name) != routes.end();
 }
 

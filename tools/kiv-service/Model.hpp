@@ -40,6 +40,27 @@ struct Subscription {
   std::optional<std::string> mergeFields;  ///< JSON object text
 };
 
+/// A device's Ed25519 public key as an application token registered it.
+struct DeviceKey {
+  std::string keyId;      ///< hex SHA-256 of the 32 raw bytes
+  std::string publicKey;  ///< the 32 raw bytes as base64url
+};
+
+/// A device's signed statement about one file of a report, as the service accepted it.
+struct StatementRecord {
+  std::string fileName;
+  std::string sha256;  ///< the digest the statement names
+  DeviceKey key;       ///< the registered key it verified under
+  std::string jws;
+};
+
+/// What the service issues once a report is confirmed: the signed manifest and its time-stamp.
+struct ManifestRecord {
+  std::string jws;
+  std::string timestamp;  ///< DER RFC 3161 TimeStampResp over `jws`
+  std::string issuedAt;   ///< the time-stamp's time as wire text
+};
+
 /**
  * The proof status that a report's files earn: "failed" as soon as one stored content differs from its
  * declared digest, "confirmed" when every file is stored and matches, "pending" otherwise. A report without

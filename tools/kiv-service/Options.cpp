@@ -43,9 +43,10 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   std::vector<std::string> faults;
   app.add_option("--data", options.dataDir, "Folder for the database, stored files and TLS material")
       ->capture_default_str();
-  app.add_option("--tls", options.tlsDir,
-                 "Folder of the CA and server certificate (made there on first start); several nodes of one "
-                 "service share it (default: the data folder)");
+  app.add_option(
+      "--tls", options.tlsDir,
+      "Folder of the CA, server, signing and time-stamping certificates (made there on first start); "
+      "several nodes of one service share it (default: the data folder)");
   app.add_option("--database", options.database,
                  "PostgreSQL connection string (postgresql://USER@HOST:PORT/DB or key=value pairs) for "
                  "reports and subscriptions, shared by every node (default: SQLite in the data folder)");

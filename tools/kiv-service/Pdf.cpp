@@ -1,12 +1,16 @@
 #include "Pdf.hpp"
 
 #include <algorithm>
+#include <array>
+#include <functional>
 #include <sstream>
+#include <stdexcept>
 #include <vector>
 
 #include <cairo-pdf.h>
 #include <cairo.h>
 #include <fontconfig/fontconfig.h>
+#include <qrencode.h>
 
 #include "Handles.hpp"
 
@@ -71,6 +75,79 @@ constexpr Texts kGerman{
 
 const Texts& textsFor(Language language) { return language == Language::german ? kGerman : kEnglish; }
 
+// What a signed certificate says beyond the plain one.
+struct ProvenanceTexts {
+  struct Step {
+    const char* what;
+    const char* command;
+  };
+  const char* issuedBy;
+  const char* on;
+  const char* confirmed;
+  const char* issuer;
+  const char* issuerKey;
+  const char* timeStamped;
+  const char* deviceKey;
+  const char* noStatement;
+  const char* code;
+  const char* verifyIntro;
+  std::array<Step, 5> steps;
+  const char* codeNote;
+};
+
+constexpr ProvenanceTexts kProvenanceEnglish{
+    "Issued by",
+    "on",
+    "Confirmed",
+    "Issuer",
+    "Issuer key (SHA-256 of its public key)",
+    "Time-stamped",
+    "Device key",
+    "no device statement",
+    "Manifest code (as in the QR code)",
+    "This document is signed by its issuer. The signature covers every byte, including three attached "
+    "files: manifest.json (what was certified), manifest.jws (the same, signed with the issuer key above) "
+    "and timestamp.tsr (an RFC 3161 time-stamp of manifest.jws). Everything can be checked offline against "
+    "the issuer's CA certificate, ca.pem, which the service also serves at /v1/provenance/certificates/.",
+    {{{"All checks at once: the signature, the manifest, the time-stamp, each device statement and each "
+       "file's SHA-256:",
+       "kiv verify --offline CERTIFICATE.pdf FILE... --ca ca.pem"},
+      {"The document's signature:", "pdfsig CERTIFICATE.pdf"},
+      {"The attachments, saved beside it:", "pdfdetach -saveall CERTIFICATE.pdf"},
+      {"The time-stamp over the manifest:",
+       "openssl ts -verify -data manifest.jws -in timestamp.tsr -CAfile ca.pem"},
+      {"A file's digest, to compare with the list above:", "sha256sum FILE"}}},
+    "The QR code holds kiv-manifest:<slug>:<SHA-256 of manifest.jws>."};
+
+constexpr ProvenanceTexts kProvenanceGerman{
+    "Ausgestellt von",
+    "am",
+    "Bestätigt",
+    "Aussteller",
+    "Schlüssel des Ausstellers (SHA-256 seines öffentlichen Schlüssels)",
+    "Zeitstempel",
+    "Geräteschlüssel",
+    "keine Geräteerklärung",
+    "Manifest-Code (wie im QR-Code)",
+    "Dieses Dokument ist von seinem Aussteller signiert. Die Signatur deckt jedes Byte ab, auch die drei "
+    "angehängten Dateien: manifest.json (was bestätigt wurde), manifest.jws (dasselbe, signiert mit dem oben "
+    "genannten Schlüssel des Ausstellers) und timestamp.tsr (ein RFC-3161-Zeitstempel über manifest.jws). "
+    "Alles lässt sich offline gegen das CA-Zertifikat des Ausstellers prüfen, ca.pem, das der Dienst auch "
+    "unter /v1/provenance/certificates/ liefert.",
+    {{{"Alle Prüfungen auf einmal: Signatur, Manifest, Zeitstempel, jede Geräteerklärung und die SHA-256 "
+       "jeder Datei:",
+       "kiv verify --offline ZERTIFIKAT.pdf DATEI... --ca ca.pem"},
+      {"Die Signatur des Dokuments:", "pdfsig ZERTIFIKAT.pdf"},
+      {"Die Anhänge, daneben abgelegt:", "pdfdetach -saveall ZERTIFIKAT.pdf"},
+      {"Der Zeitstempel über dem Manifest:",
+       "openssl ts -verify -data manifest.jws -in timestamp.tsr -CAfile ca.pem"},
+      {"Die Prüfsumme einer Datei, zum Vergleich mit der Liste oben:", "sha256sum DATEI"}}},
+    "Der QR-Code enthält kiv-manifest:<Kennung>:<SHA-256 von manifest.jws>."};
+
+const ProvenanceTexts& provenanceTextsFor(Language language) {
+  return language == Language::german ? kProvenanceGerman : kProvenanceEnglish;
+}
+
 const char* statusText(const Texts& texts, const std::string& status) {
   if (status == "confirmed") return texts.confirmed;
   if (status == "failed") return texts.failed;
@@ -91,14 +168,22 @@ constexpr double kTextWidth = kPageWidth - 2 * kMargin;
 /// Writes lines of text down the page, starting a new page when one is full.
 class Writer {
  public:
-  explicit Writer(cairo_t* cairo) : cairo_(cairo) {}
+  /// Writes from `top` down; a line that would pass `bottom` starts a new page.
+  explicit Writer(cairo_t* cairo, double top = kMargin, double bottom = kPageHeight - kMargin)
+      : cairo_(cairo), y_(top), bottom_(bottom) {}
 
   void line(const std::string& text, double size, bool bold = false, bool mono = false, double indent = 0) {
     font(size, bold, mono);
     newPageIfNeeded(size * 1.5);
     cairo_move_to(cairo_, kMargin + indent, y_);
-    cairo_show_text(cairo_, fit(text, kTextWidth - indent).c_str());
+    cairo_show_text(cairo_, fit(text, available(indent)).c_str());
     y_ += size * 1.5;
+  }
+
+  /// Keeps `width` points at the right of the text free down to `bottom` on this page, for a picture.
+  void reserveRight(double width, double bottom) {
+    reservedWidth_ = width;
+    reservedBottom_ = bottom;
   }
 
   /// A paragraph broken into lines at spaces.
@@ -111,7 +196,7 @@ class Writer {
       std::string candidate = current;
       if (!candidate.empty()) candidate += ' ';
       candidate += word;
-      if (!current.empty() && width(candidate) > kTextWidth) {
+      if (!current.empty() && width(candidate) > available(0)) {
         line(current, size);
         current = word;
       } else {
@@ -157,14 +242,22 @@ class Writer {
     return text + "…";
   }
 
+  double available(double indent) const {
+    return kTextWidth - indent - (y_ < reservedBottom_ ? reservedWidth_ : 0);
+  }
+
   void newPageIfNeeded(double height) {
-    if (y_ + height <= kPageHeight - kMargin) return;
+    if (y_ + height <= bottom_) return;
     cairo_show_page(cairo_);
     y_ = kMargin;
+    reservedBottom_ = 0;
   }
 
   cairo_t* cairo_;
-  double y_ = kMargin;
+  double y_;
+  double bottom_;
+  double reservedWidth_ = 0;
+  double reservedBottom_ = 0;
 };
 
 cairo_status_t appendTo(void* closure, const unsigned char* data, unsigned int length) {
@@ -195,6 +288,106 @@ void drawCertificate(cairo_t* cairo, const ReportRecord& report, const Texts& te
   writer.paragraph(texts.verifyBody, 10);
 }
 
+constexpr double kCodeSize = 128;  // the QR code's side in points, quiet zone included
+constexpr int kQuietModules = 4;
+
+// The QR code's dark modules as filled squares on a white ground, its top left corner at (x, y).
+void drawQrCode(cairo_t* cairo, const std::string& text, double x, double y) {
+  Handle<QRcode, QRcode_free> code(QRcode_encodeString(text.c_str(), 0, QR_ECLEVEL_M, QR_MODE_8, 1));
+  if (!code) throw std::runtime_error("the QR code cannot hold \"" + text + "\"");
+  const double module = kCodeSize / (code->width + 2 * kQuietModules);
+  cairo_save(cairo);
+  cairo_set_source_rgb(cairo, 1, 1, 1);
+  cairo_rectangle(cairo, x, y, kCodeSize, kCodeSize);
+  cairo_fill(cairo);
+  cairo_set_source_rgb(cairo, 0, 0, 0);
+  for (int row = 0; row < code->width; ++row) {
+    for (int column = 0; column < code->width; ++column) {
+      if ((code->data[row * code->width + column] & 1) == 0) continue;
+      cairo_rectangle(cairo, x + (column + kQuietModules) * module, y + (row + kQuietModules) * module,
+                      module, module);
+    }
+  }
+  cairo_fill(cairo);
+  cairo_restore(cairo);
+}
+
+// Who issued it, when and for what, beside the QR code; then the details a checker compares.
+void drawProvenanceHeader(cairo_t* cairo, Writer& writer, const ProvenancePage& page, const Texts& texts,
+                          const ProvenanceTexts& provenance) {
+  const double codeTop = kMargin - 22;
+  drawQrCode(cairo, page.code, kPageWidth - kMargin - kCodeSize, codeTop);
+  writer.reserveRight(kCodeSize + 12, codeTop + kCodeSize + 16);
+  writer.line(texts.title, 22, true);
+  writer.gap(6);
+  writer.line(page.reportName, 15, true);
+  writer.line(std::string(provenance.issuedBy) + " " + page.issuerName, 12);
+  writer.line(std::string(provenance.on) + " " + displayTime(page.issuedAt), 12);
+  writer.gap(4);
+  writer.line(std::string(texts.status) + ": " + texts.confirmed, 11);
+  writer.line(std::string(texts.files) + ": " + std::to_string(page.files.size()), 11);
+  writer.gap(14);
+  writer.line(std::string(texts.slug) + ": " + page.slug, 10);
+  writer.line(std::string(texts.created) + ": " + displayTime(page.createdAt), 10);
+  writer.line(std::string(provenance.confirmed) + ": " + displayTime(page.confirmedAt), 10);
+  writer.line(std::string(provenance.timeStamped) + ": " + displayTime(page.issuedAt) + " (RFC 3161)", 10);
+  writer.line(std::string(provenance.issuer) + ": " + page.issuerName, 10);
+  writer.line(provenance.issuerKey, 10);
+  writer.line(page.issuerKeyId, 9, false, true, 12);
+}
+
+// The QR code's text in the bottom margin of the first page, for a reader without a scanner.
+void drawCodeFooter(cairo_t* cairo, const ProvenancePage& page, const ProvenanceTexts& provenance) {
+  Writer footer(cairo, kPageHeight - kMargin + 18, kPageHeight);
+  footer.line(provenance.code, 7);
+  footer.line(page.code, 7, false, true);
+}
+
+void drawProvenanceCertificate(cairo_t* cairo, const ProvenancePage& page, const Texts& texts,
+                               const ProvenanceTexts& provenance) {
+  drawCodeFooter(cairo, page, provenance);
+  Writer writer(cairo);
+  drawProvenanceHeader(cairo, writer, page, texts, provenance);
+  writer.gap(10);
+  writer.line(std::string(texts.files) + " (" + std::to_string(page.files.size()) + ")", 14, true);
+  for (const ProvenancePage::File& file : page.files) {
+    writer.rule();
+    writer.line(file.name, 11, true);
+    if (file.dateTaken)
+      writer.line(std::string(texts.taken) + ": " + displayTime(*file.dateTaken), 10, false, false, 12);
+    writer.line("SHA-256: " + file.sha256, 9, false, true, 12);
+    writer.line(std::string(provenance.deviceKey) + ": " + file.deviceKeyId.value_or(provenance.noStatement),
+                9, false, file.deviceKeyId.has_value(), 12);
+  }
+  writer.gap(14);
+  writer.line(texts.verifyHeading, 14, true);
+  writer.paragraph(provenance.verifyIntro, 10);
+  for (const ProvenanceTexts::Step& step : provenance.steps) {
+    writer.gap(3);
+    writer.paragraph(step.what, 10);
+    writer.line(step.command, 9, false, true, 12);
+  }
+  writer.gap(3);
+  writer.paragraph(provenance.codeNote, 10);
+}
+
+// A PDF document of A4 pages drawn by `draw`, with its title and creator in the document information.
+std::string renderDocument(const std::string& title, const std::function<void(cairo_t*)>& draw) {
+  std::string document;
+  {
+    Handle<cairo_surface_t, cairo_surface_destroy> surface(
+        cairo_pdf_surface_create_for_stream(appendTo, &document, kPageWidth, kPageHeight));
+    cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_TITLE, title.c_str());
+    cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_CREATOR, "kiv-service");
+    Handle<cairo_t, cairo_destroy> cairo(cairo_create(surface.get()));
+    draw(cairo.get());
+    cairo_show_page(cairo.get());
+    // Finishing the surface flushes the last bytes into `document` before it is returned.
+    cairo_surface_finish(surface.get());
+  }
+  return document;
+}
+
 }  // namespace
 
 Language negotiateLanguage(std::string_view acceptLanguage) {
@@ -222,20 +415,15 @@ Language negotiateLanguage(std::string_view acceptLanguage) {
 
 std::string renderCertificate(const ReportRecord& report, Language language) {
   const Texts& texts = textsFor(language);
-  std::string document;
-  {
-    Handle<cairo_surface_t, cairo_surface_destroy> surface(
-        cairo_pdf_surface_create_for_stream(appendTo, &document, kPageWidth, kPageHeight));
-    const std::string title = std::string(texts.title) + ": " + report.name;
-    cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_TITLE, title.c_str());
-    cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_CREATOR, "kiv-service");
-    Handle<cairo_t, cairo_destroy> cairo(cairo_create(surface.get()));
-    drawCertificate(cairo.get(), report, texts);
-    cairo_show_page(cairo.get());
-    // Finishing the surface flushes the last bytes into `document` before it is returned.
-    cairo_surface_finish(surface.get());
-  }
-  return document;
+  return renderDocument(std::string(texts.title) + ": " + report.name,
+                        [&](cairo_t* cairo) { drawCertificate(cairo, report, texts); });
+}
+
+std::string renderProvenanceCertificate(const ProvenancePage& page, Language language) {
+  const Texts& texts = textsFor(language);
+  return renderDocument(std::string(texts.title) + ": " + page.reportName, [&](cairo_t* cairo) {
+    drawProvenanceCertificate(cairo, page, texts, provenanceTextsFor(language));
+  });
 }
 
 }  // namespace kiv::service

@@ -22,6 +22,7 @@
 #include "Engines.hpp"
 #include "HttpsServer.hpp"
 #include "Pdf.hpp"
+#include "Statements.hpp"
 #include "Wire.hpp"
 
 namespace kiv::service {
@@ -142,6 +143,10 @@ std::string contentType(const std::string& ext) {
   return found == types.end() ? "application/octet-stream" : found->second;
 }
 
+// Device keys belong to the application token that registered them; the store keeps a digest of it, never
+// the token.
+std::string ownerOf(const Request& request) { return sha256Hex(request.get_header_value("Authorization")); }
+
 const FileRecord* fileWithSlug(const ReportRecord& report, const std::string& slug) {
   for (const FileRecord& file : report.files) {
     if (file.slug == slug) return &file;
@@ -154,8 +159,12 @@ const FileRecord* fileWithSlug(const ReportRecord& report, const std::string& sl
 Service::Service(const Options& options)
     : options_(options),
       tls_(ensureTlsMaterial(options.tlsDir.value_or(options.dataDir))),
+      provenance_(options.tlsDir.value_or(options.dataDir), tls_),
       database_(openDatabase(options)),
-      store_(*database_),
+      store_(*database_,
+             [this](const ReportRecord& report, const std::vector<StatementRecord>& statements) {
+               return provenance_.issue(report, statements);
+             }),
       content_(openContentStore(options)),
       folder_(dynamic_cast<const FolderContentStore*>(content_.get())),
       server_(std::make_unique<HttpsServer>(tls_, static_cast<std::size_t>(options.threads))) {
@@ -205,6 +214,11 @@ void Service::addRoutes() {
   server_->Post(report + "pdf/", routed("pdf", &Service::certificate));
   server_->Post("/v1/newsletter/", routed("newsletter", &Service::subscribe));
   server_->Get("/v1/newsletter/", routed("newsletter", &Service::subscriptions));
+  server_->Post("/v1/device-keys/", routed("device-keys", &Service::registerDeviceKey));
+  server_->Post(report + "statements/", routed("statements", &Service::addStatements));
+  server_->Get(report + "manifest/", routed("manifest", &Service::signedManifest));
+  server_->Get(report + "timestamp/", routed("timestamp", &Service::timestampToken));
+  server_->Get("/v1/provenance/certificates/", routed("certificates", &Service::provenanceCertificates));
   if (folder_) {
     server_->Put(kStoragePattern, routed("put", &Service::storeUpload));
     server_->Get(kStoragePattern, routed("download", &Service::serveDownload));
@@ -280,7 +294,10 @@ void Service::certificate(const Request& request, Response& response, const Cont
   const std::optional<ReportRecord> found = store_.find(request.matches[1]);
   if (!found) return sendNotFound(response);
   const Language language = negotiateLanguage(request.get_header_value("Accept-Language"));
-  response.set_content(renderCertificate(*found, language), "application/pdf");
+  const std::optional<ManifestRecord> manifest = store_.manifest(found->slug);
+  response.set_content(
+      manifest ? provenance_.certificate(*manifest, language) : renderCertificate(*found, language),
+      "application/pdf");
   response.set_header("Content-Disposition", "attachment; filename=\"" + found->slug + ".pdf\"");
 }
 
@@ -294,6 +311,40 @@ void Service::subscriptions(const Request& request, Response& response) {
   const std::string email = request.get_param_value("email");
   if (email.empty()) throw BadRequest("'email' is required.");
   sendJson(response, 200, renderSubscriptions(email, store_.subscriptions(email)));
+}
+
+void Service::registerDeviceKey(const Request& request, Response& response, const ContentReader& reader) {
+  const DeviceKey key = deviceKeyFrom(parsePublicKey(readJsonBody(reader)));
+  const bool created = store_.registerDeviceKey(ownerOf(request), key);
+  sendJson(response, created ? 201 : 200, {{"key_id", key.keyId}, {"public_key", key.publicKey}});
+}
+
+void Service::addStatements(const Request& request, Response& response, const ContentReader& reader) {
+  const std::string owner = ownerOf(request);
+  const std::vector<StatementRecord> statements =
+      verifyStatements(parseStatementList(readJsonBody(reader)),
+                       [&](const std::string& keyId) { return store_.deviceKey(owner, keyId); });
+  const std::optional<std::vector<StatementRecord>> kept = store_.addStatements(
+      request.matches[1], statements,
+      [&](const ReportRecord& found, bool issued) { checkStatementsFit(found, issued, statements); });
+  if (!kept) return sendNotFound(response);
+  sendJson(response, 200, renderStatements(*kept));
+}
+
+void Service::signedManifest(const Request& request, Response& response) {
+  if (const std::optional<ManifestRecord> manifest = manifestFor(request, response)) {
+    response.set_content(manifest->jws, "application/jose");
+  }
+}
+
+void Service::timestampToken(const Request& request, Response& response) {
+  if (const std::optional<ManifestRecord> manifest = manifestFor(request, response)) {
+    response.set_content(manifest->timestamp, "application/timestamp-reply");
+  }
+}
+
+void Service::provenanceCertificates(const Request&, Response& response) {
+  response.set_content(provenance_.certificateChain(), "application/pem-certificate-chain");
 }
 
 void Service::storeUpload(const Request& request, Response& response, const ContentReader& reader) {
@@ -434,6 +485,17 @@ void Service::answerReport(const Request& request, Response& response, const Rep
              if (!file.storedExt) return std::nullopt;
              return fileAddress("GET", base, report.slug, file, *file.storedExt);
            }));
+}
+
+std::optional<ManifestRecord> Service::manifestFor(const Request& request, Response& response) {
+  if (!store_.find(request.matches[1])) {
+    sendNotFound(response);
+    return std::nullopt;
+  }
+  std::optional<ManifestRecord> manifest = store_.manifest(request.matches[1]);
+  if (!manifest)
+    sendDetail(response, 409, "The report has no manifest yet: it is issued when the report is confirmed.");
+  return manifest;
 }
 
 bool Service::checkSignature(const Request& request, Response& response) const {

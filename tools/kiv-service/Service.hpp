@@ -1,12 +1,14 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "ContentStore.hpp"
 #include "Database.hpp"
 #include "Faults.hpp"
 #include "Options.hpp"
+#include "Provenance.hpp"
 #include "Storage.hpp"
 #include "Store.hpp"
 #include "TlsMaterial.hpp"
@@ -66,6 +68,15 @@ class Service {
   void subscribe(const httplib::Request& request, httplib::Response& response,
                  const httplib::ContentReader& reader);
   void subscriptions(const httplib::Request& request, httplib::Response& response);
+  // Provenance: device keys, the statements of a report's files, its signed manifest and time-stamp, and the
+  // certificates that check them.
+  void registerDeviceKey(const httplib::Request& request, httplib::Response& response,
+                         const httplib::ContentReader& reader);
+  void addStatements(const httplib::Request& request, httplib::Response& response,
+                     const httplib::ContentReader& reader);
+  void signedManifest(const httplib::Request& request, httplib::Response& response);
+  void timestampToken(const httplib::Request& request, httplib::Response& response);
+  void provenanceCertificates(const httplib::Request& request, httplib::Response& response);
   // The service's own storage, when content is kept in the data folder: signed addresses only.
   void storeUpload(const httplib::Request& request, httplib::Response& response,
                    const httplib::ContentReader& reader);
@@ -88,9 +99,12 @@ class Service {
   void answerReport(const httplib::Request& request, httplib::Response& response, const ReportRecord& report,
                     int status = 200) const;
   bool checkSignature(const httplib::Request& request, httplib::Response& response) const;
+  /// The manifest of the request's report; answers 404 or 409 itself when there is none.
+  std::optional<ManifestRecord> manifestFor(const httplib::Request& request, httplib::Response& response);
 
   Options options_;
   TlsMaterial tls_;
+  Provenance provenance_;
   std::unique_ptr<sql::Database> database_;
   Store store_;
   std::unique_ptr<ContentStore> content_;

@@ -4,10 +4,35 @@
 #include <map>
 
 #include "Crypto.hpp"
+#include "StoreRows.hpp"
 
 namespace kiv::service {
+namespace rows {
+
+std::string text(const sql::Value& value) { return value.value_or(std::string()); }
+
+std::optional<ReportRecord> load(sql::Connection& connection, const std::string& slug) {
+  const std::vector<sql::Row> rows = connection.query(
+      "SELECT name, created_at, note, hash, email, meta_data, status FROM reports WHERE slug = $1", {slug});
+  if (rows.empty()) return std::nullopt;
+  const sql::Row& row = rows.front();
+  ReportRecord report{slug, text(row[0]), text(row[1]), row[2], row[3], row[4], row[5], text(row[6]), {}};
+  for (const sql::Row& file : connection.query(
+           "SELECT slug, file_name, created_at, hash, description, meta_data, stored_ext, stored_hash, "
+           "stored_size FROM files WHERE report_slug = $1 ORDER BY position",
+           {slug})) {
+    report.files.push_back({text(file[0]), text(file[1]), text(file[2]), file[3], file[4], file[5], file[6],
+                            file[7], std::stoll(text(file[8]))});
+  }
+  return report;
+}
+
+}  // namespace rows
+
 namespace {
 
+using rows::load;
+using rows::text;
 using sql::Connection;
 using sql::Row;
 using sql::Value;
@@ -29,25 +54,20 @@ const std::vector<sql::Migration> kMigrations{
       email TEXT NOT NULL, list_name TEXT NOT NULL, status TEXT NOT NULL, merge_fields TEXT,
       PRIMARY KEY (email, list_name));
   )sql"},
+    // Provenance: device keys per owner (a digest of an application token), the statements accepted for a
+    // report's files, and the manifest issued when it was confirmed, with its time-stamp as base64url.
+    {2, R"sql(
+    CREATE TABLE device_keys (
+      owner TEXT NOT NULL, key_id TEXT NOT NULL, public_key TEXT NOT NULL, PRIMARY KEY (owner, key_id));
+    CREATE TABLE statements (
+      report_slug TEXT NOT NULL REFERENCES reports(slug) ON DELETE CASCADE, file_name TEXT NOT NULL,
+      sha256 TEXT NOT NULL, key_id TEXT NOT NULL, public_key TEXT NOT NULL, jws TEXT NOT NULL,
+      PRIMARY KEY (report_slug, file_name));
+    CREATE TABLE manifests (
+      report_slug TEXT PRIMARY KEY REFERENCES reports(slug) ON DELETE CASCADE, jws TEXT NOT NULL,
+      timestamp_token TEXT NOT NULL, issued_at TEXT NOT NULL);
+  )sql"},
 };
-
-std::string text(const Value& value) { return value.value_or(std::string()); }
-
-std::optional<ReportRecord> load(Connection& connection, const std::string& slug) {
-  const std::vector<Row> rows = connection.query(
-      "SELECT name, created_at, note, hash, email, meta_data, status FROM reports WHERE slug = $1", {slug});
-  if (rows.empty()) return std::nullopt;
-  const Row& row = rows.front();
-  ReportRecord report{slug, text(row[0]), text(row[1]), row[2], row[3], row[4], row[5], text(row[6]), {}};
-  for (const Row& file : connection.query(
-           "SELECT slug, file_name, created_at, hash, description, meta_data, stored_ext, stored_hash, "
-           "stored_size FROM files WHERE report_slug = $1 ORDER BY position",
-           {slug})) {
-    report.files.push_back({text(file[0]), text(file[1]), text(file[2]), file[3], file[4], file[5], file[6],
-                            file[7], std::stoll(text(file[8]))});
-  }
-  return report;
-}
 
 void insertFile(Connection& connection, const std::string& reportSlug, std::size_t position,
                 const FileRecord& file) {
@@ -79,7 +99,10 @@ std::string evaluateProofStatus(const std::vector<FileRecord>& files) {
   return allConfirmed ? "confirmed" : "pending";
 }
 
-Store::Store(sql::Database& database) : database_(database) { sql::migrate(database_, kMigrations); }
+Store::Store(sql::Database& database, ManifestIssuer issueManifest)
+    : database_(database), issueManifest_(std::move(issueManifest)) {
+  sql::migrate(database_, kMigrations);
+}
 
 ReportRecord Store::create(ReportRecord report) {
   return database_.transaction([&](Connection& connection) {
@@ -130,6 +153,7 @@ std::optional<ReportRecord> Store::replace(const std::string& slug, ReportRecord
          changed.status, slug});
     connection.query("DELETE FROM files WHERE report_slug = $1", {slug});
     insertFiles(connection, changed);
+    issueManifestIfConfirmed(connection, changed);
     return changed;
   });
 }
@@ -152,6 +176,7 @@ std::optional<ReportRecord> Store::recordContent(const std::string& reportSlug, 
     connection.query("UPDATE files SET stored_ext = $1, stored_hash = $2, stored_size = $3 WHERE slug = $4",
                      {content.ext, content.sha256, std::to_string(content.size), fileSlug});
     saveStatus(connection, *report);
+    issueManifestIfConfirmed(connection, *report);
     return report;
   });
 }
@@ -169,7 +194,10 @@ std::optional<ReportRecord> Store::updateStoredContent(
            content ? Value(std::to_string(content->size)) : Value(), fileSlug, reportSlug});
     }
     std::optional<ReportRecord> report = load(connection, reportSlug);
-    if (report) saveStatus(connection, *report);
+    if (report) {
+      saveStatus(connection, *report);
+      issueManifestIfConfirmed(connection, *report);
+    }
     return report;
   });
 }

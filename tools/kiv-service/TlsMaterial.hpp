@@ -2,11 +2,14 @@
 
 #include <filesystem>
 
+#include "Handles.hpp"
+
 namespace kiv::service {
 
 /// Where the service's TLS files live under its data folder.
 struct TlsMaterial {
   std::filesystem::path caCertificate;      ///< the CA clients trust; DIR/ca.pem
+  std::filesystem::path caKey;              ///< the CA's key, which also issues the provenance certificates
   std::filesystem::path serverCertificate;  ///< for localhost and 127.0.0.1, signed by the CA
   std::filesystem::path serverKey;
 };
@@ -19,5 +22,12 @@ struct TlsMaterial {
  * 0600. Throws std::runtime_error when OpenSSL or the file system fails.
  */
 TlsMaterial ensureTlsMaterial(const std::filesystem::path& dataDir);
+
+/**
+ * Holds the key material under `dataDir` (its "tls" folder must exist) for this process until the answer is
+ * destroyed: nodes that share the folder and start together make each key once, the first of them under the
+ * lock. Throws std::runtime_error when the lock cannot be taken.
+ */
+Descriptor lockKeyFolder(const std::filesystem::path& dataDir);
 
 }  // namespace kiv::service

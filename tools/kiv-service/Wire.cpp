@@ -44,10 +44,8 @@ std::optional<std::string> optionalObject(const json& object, const char* key, s
 }
 
 std::string date(const json& object, std::string_view where) {
-  static const std::regex pattern(
-      R"(\d{4}-(0[1-9]|1[0-2])-(0[1-9]|[12]\d|3[01])T([01]\d|2[0-3]):[0-5]\d:[0-5]\dZ)");
   const json* value = field(object, "original_created_at");
-  if (!value || !value->is_string() || !std::regex_match(value->get_ref<const std::string&>(), pattern)) {
+  if (!value || !value->is_string() || !isWireTime(value->get_ref<const std::string&>())) {
     throw BadRequest(std::string(where) +
                      "'original_created_at' must be a UTC time like 2024-05-01T12:00:00Z.");
   }
@@ -55,9 +53,8 @@ std::string date(const json& object, std::string_view where) {
 }
 
 std::optional<std::string> digest(const json& object, std::string_view where) {
-  static const std::regex pattern("[0-9a-f]{64}");
   std::optional<std::string> hash = optionalText(object, "hash", where);
-  if (hash && !std::regex_match(*hash, pattern)) {
+  if (hash && !isSha256Hex(*hash)) {
     throw BadRequest(std::string(where) + "'hash' must be 64 lower-case hexadecimal digits.");
   }
   return hash;
@@ -188,6 +185,37 @@ json renderSubscriptions(const std::string& email, const std::vector<Subscriptio
     lists.push_back(std::move(list));
   }
   return {{"email", email}, {"mailing_lists", std::move(lists)}};
+}
+
+std::string parsePublicKey(std::string_view body) { return requiredText(parseObject(body), "public_key"); }
+
+std::vector<std::string> parseStatementList(std::string_view body) {
+  const json object = parseObject(body);
+  const json* list = field(object, "statements");
+  const bool wellFormed =
+      list && list->is_array() && !list->empty() &&
+      std::all_of(list->begin(), list->end(), [](const json& item) { return item.is_string(); });
+  if (!wellFormed) throw BadRequest("'statements' is required and must be a non-empty list of JWS texts.");
+  return list->get<std::vector<std::string>>();
+}
+
+json renderStatements(const std::vector<StatementRecord>& statements) {
+  json list = json::array();
+  for (const StatementRecord& statement : statements) {
+    list.push_back({{"file_name", statement.fileName}, {"key_id", statement.key.keyId}});
+  }
+  return {{"statements", std::move(list)}};
+}
+
+bool isWireTime(const std::string& text) {
+  static const std::regex pattern(
+      R"(\d{4}-(0[1-9]|1[0-2])-(0[1-9]|[12]\d|3[01])T([01]\d|2[0-3]):[0-5]\d:[0-5]\dZ)");
+  return std::regex_match(text, pattern);
+}
+
+bool isSha256Hex(const std::string& text) {
+  static const std::regex pattern("[0-9a-f]{64}");
+  return std::regex_match(text, pattern);
 }
 
 std::string detail(std::string_view text) { return json{{"detail", text}}.dump(); }

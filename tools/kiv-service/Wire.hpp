@@ -56,6 +56,20 @@ NewsletterRequest parseNewsletter(std::string_view body);
 
 nlohmann::json renderSubscriptions(const std::string& email, const std::vector<Subscription>& subscriptions);
 
+/// A device-key body, {"public_key": text}: the text. Throws BadRequest.
+std::string parsePublicKey(std::string_view body);
+
+/// A statements body, {"statements": [text, ...]} with at least one JWS text. Throws BadRequest.
+std::vector<std::string> parseStatementList(std::string_view body);
+
+/// {"statements": [{"file_name", "key_id"}, ...]}: which device stated each file.
+nlohmann::json renderStatements(const std::vector<StatementRecord>& statements);
+
+/// Whether `text` is a UTC time in the service's date text, like 2024-05-01T12:00:00Z.
+bool isWireTime(const std::string& text);
+/// Whether `text` is a SHA-256 digest as the wire writes it: 64 lower-case hexadecimal digits.
+bool isSha256Hex(const std::string& text);
+
 /// {"detail": text}, the shape of every error answer.
 std::string detail(std::string_view text);
 

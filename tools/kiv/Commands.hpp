@@ -35,6 +35,14 @@ struct AddOptions {
 void addFiles(const Context& context, const AddOptions& options);
 void verifyReport(const Context& context, const std::string& selector);
 
+// kiv sign, verify --offline: device statements about a report's files, and signed certificates.
+void signReport(const Context& context, const std::string& selector);
+struct OfflineVerifyOptions {
+  std::string certificate;
+  std::vector<std::string> files;  ///< media files or folders of them
+};
+void verifyCertificate(const Context& context, const OfflineVerifyOptions& options);
+
 // kiv send, status, pdf: the service's report operations.
 struct ReportOptions {
   std::string report;

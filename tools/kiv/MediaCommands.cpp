@@ -9,9 +9,9 @@
 #include "KivSDK/API/KivAPI.hpp"
 #include "KivSDK/Model/KivFileImport.hpp"
 #include "KivSDK/Model/KivReportList.hpp"
+#include "KivSDK/Provenance/KivProvenance.hpp"
 #include "ReportStore.hpp"
 #include "Waiter.hpp"
-#include "ZuFileManager/ZuFileManager.hpp"
 
 namespace kivcli {
 namespace {
@@ -27,47 +27,42 @@ const kiv::KivReport& reportToAddTo(const ReportStore& store, const std::string&
   return store.find(selector);
 }
 
-/// Puts back what the import of `placed` from `source` did.
-void undo(const kiv::KivFile& placed, const fs::path& source, bool move) {
-  if (move) {
-    zu::ZuFileManager::moveFile(placed.fileURL(), zu::URL::fileURLWithPath(source.string()),
-                                [](bool, const std::optional<zu::Error>&) {});
-  } else {
-    static_cast<void>(zu::ZuFileManager::removeItem(placed.fileURL()));
-  }
-}
-
 }  // namespace
 
 void addFiles(const Context& context, const AddOptions& options) {
   const ReportStore store = ReportStore::load();
   kiv::KivReport report = reportToAddTo(store, options.report);
   const std::size_t kept = report.files.size();
-  std::vector<fs::path> sources;
+  const kiv::MediaImportOptions importing{.move = options.move, .dateTaken = std::nullopt};
+  std::vector<zu::URL> sources;
   for (const std::string& file : options.files) {
-    const fs::path source = fs::absolute(file);
+    const zu::URL source = zu::URL::fileURLWithPath(fs::absolute(file).string());
     const auto imported =
-        kiv::importMediaFile(zu::URL::fileURLWithPath(source.string()), report, store.reports(),
-                             {.move = options.move, .dateTaken = std::nullopt});
+        kiv::KivProvenance::importSignedMediaFile(source, report, store.reports(), importing);
     if (!imported) {
-      for (std::size_t i = 0; i < sources.size(); ++i) undo(report.files[kept + i], sources[i], options.move);
+      for (std::size_t i = 0; i < sources.size(); ++i)
+        static_cast<void>(kiv::undoMediaImport(report.files[kept + i], sources[i], importing));
       fail(imported.error().localizedDescription() + "; nothing was added");
     }
-    report.files.push_back(*imported);
+    report.files.push_back(imported->file);
     sources.push_back(source);
   }
   report = report.withCalculatedHash();
   ReportStore::save(report);
 
+  const std::string keyId = (*kiv::KivProvenance::deviceSigner())->keyId();
   zu::AnyCodable::Array added;
   std::string text;
   for (std::size_t i = 0; i < sources.size(); ++i) {
     const kiv::KivFile& file = report.files[kept + i];
     added.emplace_back(fileDocument(file));
-    text += "added " + sources[i].string() + " as " + fileName(file) + "  " + file.hash.value_or("") + "\n";
+    text += "added " + sources[i].path() + " as " + fileName(file) + "  " + file.hash.value_or("") + "\n";
   }
-  context.print({{"report", reportSummary(report)}, {"hash", report.hash}, {"added", std::move(added)}},
-                text);
+  context.print({{"report", reportSummary(report)},
+                 {"hash", report.hash},
+                 {"added", std::move(added)},
+                 {"keyId", keyId}},
+                text + "statements signed with device key " + keyId);
 }
 
 // ---- verify ----

@@ -12,6 +12,7 @@
 
 #include "Commands.hpp"
 #include "Documents.hpp"
+#include "KivSDK/Provenance/ReportStatements.hpp"
 #include "ReportStore.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
 
@@ -117,6 +118,9 @@ void removeReport(const Context& context, const RemoveOptions& options) {
     } else {
       removed.emplace_back(file.path());
     }
+  }
+  if (const auto error = report.id ? kiv::ReportStatements::remove(*report.id) : std::nullopt) {
+    problems += "; its statements: " + error->localizedDescription();
   }
   if (!problems.empty()) fail("removed report " + report.name + " but not all of its files" + problems);
   context.print({{"removed", reportSummary(report)}, {"deletedFiles", std::move(removed)}},

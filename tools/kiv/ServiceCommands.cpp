@@ -10,6 +10,7 @@
 #include "KivSDK/API/KivAPI.hpp"
 #include "ReportStore.hpp"
 #include "ServiceCommands.hpp"
+#include "Statements.hpp"
 #include "Waiter.hpp"
 
 namespace kivcli {
@@ -65,8 +66,19 @@ void sendReport(const Context& context, const ReportOptions& options) {
       [&](auto completion) { kiv::KivAPI::send(hashed, options.language, std::move(completion)); });
   const kiv::KivReport merged = hashed.merge(*sent);
   ReportStore::save(merged);
-  context.print(reportDocument(merged), "sent " + merged.name + ": slug " + merged.slug.value_or("-") +
-                                            ", status " + statusText(merged));
+  // The service checks statements against the report's digests, so they follow the report; once it is
+  // confirmed, its manifest holds them for good (null in the document).
+  zu::AnyCodable::Dictionary document = reportDocument(merged);
+  std::string statementsText = "its device statements in its manifest";
+  if (merged.proofStatus() != kiv::KivReport::ProofStatus::confirmed) {
+    zu::AnyCodable::Array statements = sendStatements(context, merged);
+    statementsText = std::to_string(statements.size()) + " device statement(s)";
+    document.set("statements", std::move(statements));
+  } else {
+    document.set("statements", zu::AnyCodable());
+  }
+  context.print(document, "sent " + merged.name + ": slug " + merged.slug.value_or("-") + ", status " +
+                              statusText(merged) + ", " + statementsText);
 }
 
 void reportStatus(const Context& context, const ReportOptions& options) {

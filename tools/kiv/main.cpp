@@ -41,7 +41,10 @@ void addGlobalOptions(CLI::App& app, Context& context) {
   app.add_option("--service", context.service,
                  "The service's https address, when not the one this build talks to")
       ->envname("KIV_SERVICE_URL");
-  app.add_option("--ca", context.ca, "A CA certificate (PEM) to trust for the service, besides the system's")
+  app.add_option(
+         "--ca", context.ca,
+         "A CA certificate (PEM) to trust for the service, besides the system's; for verify --offline, "
+         "the CA the certificate must chain to")
       ->envname("KIV_SERVICE_CA");
   app.add_option(
          "--data", context.data,
@@ -57,7 +60,9 @@ void addGlobalOptions(CLI::App& app, Context& context) {
 /// What the commands read from the command line; CLI11 fills it while it parses.
 struct Options {
   Context context;
-  std::string report;  ///< the REPORT of report show, report rm and verify
+  std::string report;                 ///< the REPORT of report show, report rm and sign
+  std::vector<std::string> verified;  ///< verify's REPORT, or with --offline the CERTIFICATE and FILEs
+  bool offline = false;
   NewReportOptions newReport;
   RemoveOptions removal;
   AddOptions add;
@@ -93,6 +98,18 @@ void addReportCommands(CLI::App& app, Options& options) {
   remove->add_flag("-y,--yes", removal.yes, "Do not ask before deleting the report's evidence");
 }
 
+/// kiv verify: a report on this device, or with --offline a certificate and media files.
+void verifyReportOrCertificate(const Options& options) {
+  if (options.offline) {
+    if (options.verified.empty()) reject("verify --offline takes CERTIFICATE.pdf [FILE or FOLDER...]");
+    const std::vector<std::string> files(options.verified.begin() + 1, options.verified.end());
+    return verifyCertificate(options.context, {options.verified.front(), files});
+  }
+  if (options.verified.size() != 1)
+    reject("verify takes one REPORT (or --offline CERTIFICATE.pdf [FILE...])");
+  verifyReport(options.context, options.verified.front());
+}
+
 void addMediaCommands(CLI::App& app, Options& options) {
   Context& context = options.context;
   AddOptions& add = options.add;
@@ -105,10 +122,22 @@ void addMediaCommands(CLI::App& app, Options& options) {
 
   std::string& selector = options.report;
   addReportArgument(
-      *addCommand(app, context, "verify",
-                  "Hash every file again and compare with the recorded digests and the service's status",
-                  [&context, &selector] { verifyReport(context, selector); }),
+      *addCommand(app, context, "sign",
+                  "Sign device statements about the report's files (kiv add signs them already)",
+                  [&context, &selector] { signReport(context, selector); }),
       selector);
+
+  CLI::App* verify = addCommand(
+      app, context, "verify",
+      "Hash every file again and compare with the recorded digests and the service's status; with --offline, "
+      "check a signed certificate and its media files with no network",
+      [&options] { verifyReportOrCertificate(options); });
+  verify->add_option("REPORT", options.verified,
+                     "Id, id prefix, slug or name; with --offline: CERTIFICATE.pdf [FILE or FOLDER...]");
+  verify->add_flag(
+      "--offline", options.offline,
+      "Check the certificate's signature, manifest, time-stamp and device statements against the CA "
+      "(--ca), and the given media files against the manifest");
 }
 
 void addServiceCommands(CLI::App& app, Options& options) {

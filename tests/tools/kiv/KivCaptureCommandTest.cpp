@@ -46,6 +46,7 @@ TEST_F(KivCapture, APhotoLandsInAReportMadeWithKiv) {
   const ToolRun run = capture({"--synthetic", "--take", "--report", id.substr(0, 8)});
   ASSERT_EQ(run.exitCode, 0) << run.err;
   EXPECT_NE(run.err.find("Added to report \"Kitchen\""), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("with a signed statement"), std::string::npos) << run.err;
 
   const json shown = ok({"report", "show", id});
   ASSERT_EQ(shown["files"].size(), 2u);
@@ -56,6 +57,9 @@ TEST_F(KivCapture, APhotoLandsInAReportMadeWithKiv) {
   EXPECT_EQ(readFile(path).substr(0, 3), "\xFF\xD8\xFF") << "a JPEG photo";
   EXPECT_EQ(waitingCaptures(), 0u) << "the capture was moved into the media folder";
   EXPECT_EQ(ok({"verify", id})["verified"], true);
+  const json statements =
+      json::parse(readFile(data() / "Provenance" / "statements" / (id + ".json")))["statements"];
+  EXPECT_TRUE(statements.contains(photo["name"].get<std::string>())) << statements;
 }
 
 TEST_F(KivCapture, AnUnknownReportLeavesTheStoreAsItWas) {
