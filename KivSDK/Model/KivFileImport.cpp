@@ -158,14 +158,15 @@ zu::Result<KivFile> importMediaFile(const zu::URL& file, const KivReport& report
   return placed;
 }
 
-std::optional<zu::Error> undoMediaImport(const KivFile& imported, const zu::URL& file,
-                                         const MediaImportOptions& options) {
+zu::Result<void> undoMediaImport(const KivFile& imported, const zu::URL& file,
+                                 const MediaImportOptions& options) {
   if (!options.move) return zu::ZuFileManager::removeItem(imported.fileURL());
   std::optional<zu::Error> failure;
   zu::ZuFileManager::moveFile(imported.fileURL(), file, [&failure](bool, std::optional<zu::Error> error) {
     failure = std::move(error);
   });
-  return failure;
+  if (failure) return *failure;
+  return {};
 }
 
 }  // namespace kiv

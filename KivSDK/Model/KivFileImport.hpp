@@ -51,7 +51,7 @@ zu::Result<KivFile> importMediaFile(const zu::URL& file, const KivReport& report
  * removed, a moved file goes back where it was. For a host that takes several files in all or nothing, or
  * that cannot keep a file once it is placed.
  */
-std::optional<zu::Error> undoMediaImport(const KivFile& imported, const zu::URL& file,
-                                         const MediaImportOptions& options);
+zu::Result<void> undoMediaImport(const KivFile& imported, const zu::URL& file,
+                                 const MediaImportOptions& options);
 
 }  // namespace kiv

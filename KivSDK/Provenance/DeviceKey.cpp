@@ -52,7 +52,7 @@ zu::Result<zu::Data> pemOf(EVP_PKEY* key) {
 
 // Writes a new key to `path` unless a file is there already: the key goes to a private temporary file that is
 // linked into place, which fails when another thread or process was first. Either way the file's key wins.
-std::optional<zu::Error> makeKey(const std::string& path) {
+zu::Result<void> makeKey(const std::string& path) {
   PKey key(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
   if (!key) return keyUnavailable(path, detail::takeOpenSSLError("no Ed25519 key could be made"));
   const auto pem = pemOf(key.get());
@@ -60,12 +60,12 @@ std::optional<zu::Error> makeKey(const std::string& path) {
   std::string temporary = path + ".XXXXXX";
   const zu::detail::FileDescriptor file(::mkostemp(temporary.data(), O_CLOEXEC));  // mode 0600
   if (!file) return zu::Error::posix(errno);
-  std::optional<zu::Error> error = zu::detail::writeAll(file.get(), pem->data(), pem->size());
-  if (!error && ::fsync(file.get()) != 0) error = zu::Error::posix(errno);
-  if (!error && ::link(temporary.c_str(), path.c_str()) != 0 && errno != EEXIST)
-    error = zu::Error::posix(errno);
+  zu::Result<void> written = zu::detail::writeAll(file.get(), pem->data(), pem->size());
+  if (written && ::fsync(file.get()) != 0) written = zu::Error::posix(errno);
+  if (written && ::link(temporary.c_str(), path.c_str()) != 0 && errno != EEXIST)
+    written = zu::Error::posix(errno);
   ::unlink(temporary.c_str());
-  if (error) return error;
+  if (!written) return written;
   return zu::detail::syncFolder(std::filesystem::path(path).parent_path().string());
 }
 
@@ -89,7 +89,7 @@ zu::Result<std::shared_ptr<DeviceKey>> DeviceKey::at(const std::string& path) {
   if (!folder) return keyUnavailable(path, folder.error().localizedDescription());
   auto key = readKey(path);
   if (!key && key.error().domain() == zu::Error::posixDomain && key.error().code() == ENOENT) {
-    if (auto error = makeKey(path)) return keyUnavailable(path, error->localizedDescription());
+    if (auto made = makeKey(path); !made) return keyUnavailable(path, made.error().localizedDescription());
     key = readKey(path);
   }
   if (!key) {

@@ -70,7 +70,7 @@ zu::Result<ReportStatements::Statements> KivProvenance::signStatements(const Kiv
     if (!jws) return jws.error();
     statements[statement->fileName] = std::move(*jws);
   }
-  if (auto error = ReportStatements::add(*report.id, statements)) return *error;
+  if (auto added = ReportStatements::add(*report.id, statements); !added) return added.error();
   return statements;
 }
 
@@ -92,8 +92,10 @@ zu::Result<KivProvenance::SignedMediaFile> KivProvenance::importSignedMediaFile(
   const auto undone = undoMediaImport(*imported, file, options);
   std::string message = file.path() + " was not taken in: its statement could not be signed (" +
                         statement.error().localizedDescription() + ")";
-  if (undone)
-    message += "; it stays at " + imported->fileURL().path() + " (" + undone->localizedDescription() + ")";
+  if (!undone) {
+    message +=
+        "; it stays at " + imported->fileURL().path() + " (" + undone.error().localizedDescription() + ")";
+  }
   return ProvenanceError::make(ProvenanceError::unstatableFile, message);
 }
 

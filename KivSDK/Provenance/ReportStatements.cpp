@@ -49,7 +49,7 @@ zu::Result<ReportStatements::Statements> read(const std::string& path) {
   return statements;
 }
 
-std::optional<zu::Error> write(const std::string& path, const ReportStatements::Statements& statements) {
+zu::Result<void> write(const std::string& path, const ReportStatements::Statements& statements) {
   zu::AnyCodable::Dictionary object;
   for (const auto& [name, jws] : statements) object.set(name, jws);
   const auto text =
@@ -68,7 +68,7 @@ zu::Result<ReportStatements::Statements> ReportStatements::load(const zu::UUID& 
   return read(path(reportId));
 }
 
-std::optional<zu::Error> ReportStatements::add(const zu::UUID& reportId, const Statements& statements) {
+zu::Result<void> ReportStatements::add(const zu::UUID& reportId, const Statements& statements) {
   const auto folder = createdStatementsFolder();
   if (!folder) return folder.error();
   const auto lock = detail::lockedFolder(*folder);
@@ -79,9 +79,9 @@ std::optional<zu::Error> ReportStatements::add(const zu::UUID& reportId, const S
   return write(path(reportId), *stored);
 }
 
-std::optional<zu::Error> ReportStatements::remove(const zu::UUID& reportId) {
+zu::Result<void> ReportStatements::remove(const zu::UUID& reportId) {
   if (::unlink(path(reportId).c_str()) != 0 && errno != ENOENT) return zu::Error::posix(errno);
-  return std::nullopt;
+  return {};
 }
 
 }  // namespace kiv

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <string>
 
 #include "ZuFoundation/Error.hpp"
@@ -32,9 +31,9 @@ class ReportStatements {
   /// in the form above.
   static zu::Result<Statements> load(const zu::UUID& reportId);
   /// Adds `statements` to the report's, replacing those of the same files.
-  static std::optional<zu::Error> add(const zu::UUID& reportId, const Statements& statements);
+  static zu::Result<void> add(const zu::UUID& reportId, const Statements& statements);
   /// Removes the report's file, if it has one.
-  static std::optional<zu::Error> remove(const zu::UUID& reportId);
+  static zu::Result<void> remove(const zu::UUID& reportId);
 };
 
 }  // namespace kiv

@@ -119,8 +119,10 @@ void removeReport(const Context& context, const RemoveOptions& options) {
       removed.emplace_back(file.path());
     }
   }
-  if (const auto error = report.id ? kiv::ReportStatements::remove(*report.id) : std::nullopt) {
-    problems += "; its statements: " + error->localizedDescription();
+  if (const auto removedStatements =
+          report.id ? kiv::ReportStatements::remove(*report.id) : zu::Result<void>();
+      !removedStatements) {
+    problems += "; its statements: " + removedStatements.error().localizedDescription();
   }
   if (!problems.empty()) fail("removed report " + report.name + " but not all of its files" + problems);
   context.print({{"removed", reportSummary(report)}, {"deletedFiles", std::move(removed)}},

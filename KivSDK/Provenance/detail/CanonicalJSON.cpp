@@ -85,9 +85,9 @@ void appendString(std::string& out, std::string_view text) {
   out.push_back('"');
 }
 
-std::optional<zu::Error> append(std::string& out, const zu::AnyCodable& value);
+zu::Result<void> append(std::string& out, const zu::AnyCodable& value);
 
-std::optional<zu::Error> appendObject(std::string& out, const zu::AnyCodable::Dictionary& object) {
+zu::Result<void> appendObject(std::string& out, const zu::AnyCodable::Dictionary& object) {
   std::vector<const zu::AnyCodable::Dictionary::Entry*> members;
   members.reserve(object.size());
   for (const auto& member : object) members.push_back(&member);
@@ -99,23 +99,23 @@ std::optional<zu::Error> appendObject(std::string& out, const zu::AnyCodable::Di
     if (!isUTF8(member->first)) return outsideSubset("key that is not UTF-8 text");
     appendString(out, member->first);
     out.push_back(':');
-    if (auto error = append(out, member->second)) return error;
+    if (auto appended = append(out, member->second); !appended) return appended;
   }
   out.push_back('}');
-  return std::nullopt;
+  return {};
 }
 
-std::optional<zu::Error> appendArray(std::string& out, const zu::AnyCodable::Array& array) {
+zu::Result<void> appendArray(std::string& out, const zu::AnyCodable::Array& array) {
   out.push_back('[');
   for (const zu::AnyCodable& element : array) {
     if (out.back() != '[') out.push_back(',');
-    if (auto error = append(out, element)) return error;
+    if (auto appended = append(out, element); !appended) return appended;
   }
   out.push_back(']');
-  return std::nullopt;
+  return {};
 }
 
-std::optional<zu::Error> append(std::string& out, const zu::AnyCodable& value) {
+zu::Result<void> append(std::string& out, const zu::AnyCodable& value) {
   if (value.isEmpty()) {
     out += "null";
   } else if (const std::string* text = value.stringValue()) {
@@ -133,14 +133,14 @@ std::optional<zu::Error> append(std::string& out, const zu::AnyCodable& value) {
   } else {
     return outsideSubset("value of this kind: " + value.debugDescription());
   }
-  return std::nullopt;
+  return {};
 }
 
 }  // namespace
 
 zu::Result<std::string> canonicalJSON(const zu::AnyCodable& value) {
   std::string text;
-  if (auto error = append(text, value)) return *error;
+  if (auto appended = append(text, value); !appended) return appended.error();
   return text;
 }
 

@@ -33,11 +33,11 @@ zu::Result<PdfDictionary> catalog(const PdfDocument& document) {
 // Visits every node of a tree whose children are under `childrenKey`, depth first, within the bounds.
 class TreeWalk {
  public:
-  using Visit = std::function<std::optional<zu::Error>(const PdfDictionary& node)>;
+  using Visit = std::function<zu::Result<void>(const PdfDictionary& node)>;
   TreeWalk(const PdfDocument& document, std::string_view childrenKey, Visit visit)
       : document_(document), childrenKey_(childrenKey), visit_(std::move(visit)) {}
 
-  std::optional<zu::Error> walk(const PdfObject& node, int depth) {
+  zu::Result<void> walk(const PdfObject& node, int depth) {
     if (depth > kDeepestTree || ++nodes_ > kMostNodes) {
       return ProvenanceError::make(
           ProvenanceError::malformed,
@@ -46,15 +46,15 @@ class TreeWalk {
     auto resolved = document_.resolve(node);
     if (!resolved) return resolved.error();
     const PdfDictionary* dictionary = resolved->dictionary();
-    if (!dictionary) return std::nullopt;
-    if (auto error = visit_(*dictionary)) return error;
+    if (!dictionary) return {};
+    if (auto visited = visit_(*dictionary); !visited) return visited;
     auto children = member(document_, *dictionary, childrenKey_);
     if (!children) return children.error();
-    if (!children->array()) return std::nullopt;
+    if (!children->array()) return {};
     for (const PdfObject& child : *children->array()) {
-      if (auto error = walk(child, depth + 1)) return error;
+      if (auto walked = walk(child, depth + 1); !walked) return walked;
     }
-    return std::nullopt;
+    return {};
   }
 
  private:
@@ -112,22 +112,22 @@ zu::Result<PdfSignature> readSignature(const PdfDocument& document) {
   if (!form) return form.error();
   if (!form->dictionary()) return missing("form (/AcroForm), so no signature");
   std::vector<PdfSignature> signatures;
-  TreeWalk fields(document, "Kids", [&](const PdfDictionary& field) -> std::optional<zu::Error> {
+  TreeWalk fields(document, "Kids", [&](const PdfDictionary& field) -> zu::Result<void> {
     const PdfObject* type = field.find("FT");
-    if (!type || !type->isName("Sig") || !field.find("V")) return std::nullopt;
+    if (!type || !type->isName("Sig") || !field.find("V")) return {};
     auto value = member(document, field, "V");
     if (!value) return value.error();
-    if (!value->dictionary()) return std::nullopt;  // a field not signed yet
+    if (!value->dictionary()) return {};  // a field not signed yet
     auto signature = signatureOf(document, *value->dictionary());
     if (!signature) return signature.error();
     signatures.push_back(std::move(*signature));
-    return std::nullopt;
+    return {};
   });
   auto list = member(document, *form->dictionary(), "Fields");
   if (!list) return list.error();
   if (list->array()) {
     for (const PdfObject& field : *list->array()) {
-      if (auto error = fields.walk(field, 0)) return *error;
+      if (auto walked = fields.walk(field, 0); !walked) return walked.error();
     }
   }
   if (signatures.empty()) return missing("signed signature field");
@@ -152,10 +152,10 @@ zu::Result<std::map<std::string, zu::Data>> readAttachments(const PdfDocument& d
   // Attachments are distinct parts of the file, so together they are smaller than it; names that all point
   // at one large stream would otherwise copy it over and over.
   std::size_t total = 0;
-  TreeWalk walk(document, "Kids", [&](const PdfDictionary& node) -> std::optional<zu::Error> {
+  TreeWalk walk(document, "Kids", [&](const PdfDictionary& node) -> zu::Result<void> {
     auto pairs = member(document, node, "Names");
     if (!pairs) return pairs.error();
-    if (!pairs->array()) return std::nullopt;
+    if (!pairs->array()) return {};
     const PdfArray& entries = *pairs->array();
     for (std::size_t i = 0; i + 1 < entries.size(); i += 2) {
       if (!entries[i].string()) return missing("text name for an attachment");
@@ -171,9 +171,9 @@ zu::Result<std::map<std::string, zu::Data>> readAttachments(const PdfDocument& d
         return ProvenanceError::make(ProvenanceError::malformed, "the PDF has two attachments named " + name);
       }
     }
-    return std::nullopt;
+    return {};
   });
-  if (auto error = walk.walk(*tree, 0)) return *error;
+  if (auto walked = walk.walk(*tree, 0); !walked) return walked.error();
   return attachments;
 }
 

@@ -71,29 +71,29 @@ TEST_F(Statements, VerifyFailsForAnotherKeyAForgedPayloadOrAnUnhashedFile) {
 TEST_F(Statements, AreKeptPerReportReplacingThoseOfTheSameFile) {
   const zu::UUID report;
   EXPECT_TRUE(kiv::ReportStatements::load(report)->empty());
-  ASSERT_FALSE(kiv::ReportStatements::add(report, {{"a.jpg", "one"}, {"b.jpg", "two"}}));
-  ASSERT_FALSE(kiv::ReportStatements::add(report, {{"a.jpg", "three"}}));
+  ASSERT_TRUE(kiv::ReportStatements::add(report, {{"a.jpg", "one"}, {"b.jpg", "two"}}));
+  ASSERT_TRUE(kiv::ReportStatements::add(report, {{"a.jpg", "three"}}));
   EXPECT_EQ(*kiv::ReportStatements::load(report),
             (kiv::ReportStatements::Statements{{"a.jpg", "three"}, {"b.jpg", "two"}}));
   const fs::path path = kiv::ReportStatements::path(report);
   EXPECT_EQ(path, data.path() / "Provenance" / "statements" / (report.uuidString() + ".json"));
   EXPECT_EQ(readFile(path), R"({"statements":{"a.jpg":"three","b.jpg":"two"}})");
-  EXPECT_FALSE(kiv::ReportStatements::remove(report));
+  EXPECT_TRUE(kiv::ReportStatements::remove(report));
   EXPECT_FALSE(fs::exists(path));
-  EXPECT_FALSE(kiv::ReportStatements::remove(report));
+  EXPECT_TRUE(kiv::ReportStatements::remove(report));
 }
 
 TEST_F(Statements, ADamagedFileIsReportedAndNeverOverwritten) {
   const zu::UUID report;
-  ASSERT_FALSE(kiv::ReportStatements::add(report, {{"a.jpg", "one"}}));
+  ASSERT_TRUE(kiv::ReportStatements::add(report, {{"a.jpg", "one"}}));
   for (const std::string& damage :
        {std::string(R"({"statements":{"a.jpg":1}})"), std::string(R"({"other":{}})"),
         std::string("{\"statements\": {}}"), std::string("\x00\x01", 2)}) {
     testing_support::writeFile(kiv::ReportStatements::path(report), damage);
     EXPECT_FALSE(kiv::ReportStatements::load(report)) << damage;
-    const auto error = kiv::ReportStatements::add(report, {{"b.jpg", "two"}});
-    ASSERT_TRUE(error);
-    EXPECT_NE(error->localizedDescription().find("is damaged"), std::string::npos);
+    const auto added = kiv::ReportStatements::add(report, {{"b.jpg", "two"}});
+    ASSERT_FALSE(added);
+    EXPECT_NE(added.error().localizedDescription().find("is damaged"), std::string::npos);
     EXPECT_EQ(readFile(kiv::ReportStatements::path(report)), damage);
   }
 }
