@@ -1,5 +1,7 @@
 #include "KivSDK/Provenance/ProvenanceError.hpp"
 
+#include "AnyCodable/AnyCodable.hpp"
+
 namespace kiv {
 
 zu::Error ProvenanceError::make(Code code, std::string message) {
