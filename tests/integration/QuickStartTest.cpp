@@ -19,8 +19,8 @@
 #include <future>
 #include <iostream>
 
-#define main quickStart  // NOLINT: the example's `main`, called by the test
-#include "../../examples/quick_start.cpp"
+#define main quickStart                    // NOLINT: the example's `main`, called by the test
+#include "../../examples/quick_start.cpp"  // NOLINT(bugprone-suspicious-include): compiled as it stands
 #undef main
 
 namespace {
@@ -45,6 +45,7 @@ class QuickStart : public ::testing::Test {
   ProgramRun run(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "quick_start");
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
     ::testing::internal::CaptureStdout();

@@ -107,7 +107,7 @@ class FileSink {
   }
 
  private:
-  static constexpr std::size_t kDirectWrite = 64 * 1024;
+  static constexpr std::size_t kDirectWrite = std::size_t{64} * 1024;
 
   void flush() {
     if (written_ && !buffer_.empty()) written_ = writeAll(fd_, buffer_.data(), buffer_.size());

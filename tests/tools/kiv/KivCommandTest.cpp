@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -174,7 +175,9 @@ class Terminal {
     EXPECT_GE(controller_, 0);
     EXPECT_EQ(::grantpt(controller_), 0);
     EXPECT_EQ(::unlockpt(controller_), 0);
-    child_ = ::open(::ptsname(controller_), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    std::array<char, 64> name{};
+    EXPECT_EQ(::ptsname_r(controller_, name.data(), name.size()), 0);
+    child_ = ::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     EXPECT_GE(child_, 0);
   }
   ~Terminal() {
@@ -210,7 +213,8 @@ class Terminal {
 };
 
 TEST_F(KivCommand, AtATerminalRemovalAsksFirstAndProgressShowsSmallFilesInKiB) {
-  const std::string id = reportWith("Shed", {mediaFileNamed("small.jpg", std::string(20 * 1024, 's'))});
+  const std::string id =
+      reportWith("Shed", {mediaFileNamed("small.jpg", std::string(std::size_t{20} * 1024, 's'))});
   for (const std::string answer : {"n", "y"}) {
     Terminal terminal;
     const pid_t pid = start(KIV_PROGRAM, {"report", "rm", id}, data(), "rm",
