@@ -42,7 +42,7 @@ bool CaptureWidgetHarness::waitUntil(const std::function<bool()>& condition) {
   tick.start(20);
   QElapsedTimer waited;
   waited.start();
-  while (!condition() && waited.elapsed() < 30000)
+  while (!condition() && waited.elapsed() < 120000)
     QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
   return condition();
 }
