@@ -48,8 +48,8 @@ kiv::detail::PdfReference attachmentReference(const PdfDocument& document, const
   const PdfObject names = at(document, tree, {"Names"});
   for (std::size_t i = 0; names.array() && i + 1 < names.array()->size(); i += 2) {
     if ((*names.array())[i].string()->bytes != name) continue;
-    const PdfObject specification = *document.resolve((*names.array())[i + 1]);
-    const PdfObject* files = specification.dictionary()->find("EF");
+    const PdfObject entry = *document.resolve((*names.array())[i + 1]);
+    const PdfObject* files = entry.dictionary()->find("EF");
     return *files->dictionary()->find("F")->reference();
   }
   throw std::runtime_error("no attachment " + name);

@@ -52,7 +52,8 @@ std::string pdfDate(std::time_t now) {
   return text.data();
 }
 
-// An embedded file stream, unfiltered, and the file specification that names it; answers the latter.
+// An embedded file stream, unfiltered, and the file entry (/Type /Filespec) that names it; answers the
+// latter.
 int addAttachment(PdfUpdate& update, const PdfAttachment& attachment) {
   const std::string size = std::to_string(attachment.content.size());
   const int stream =

@@ -86,10 +86,10 @@ zu::Result<PdfSignature> signatureOf(const PdfDocument& document, const PdfDicti
   return signature;
 }
 
-// The embedded file of a file specification: /EF /F, a stream without filters.
-zu::Result<zu::Data> embeddedFile(const PdfDocument& document, const PdfObject& specification,
+// The embedded file of a file entry (/Type /Filespec): /EF /F, a stream without filters.
+zu::Result<zu::Data> embeddedFile(const PdfDocument& document, const PdfObject& entry,
                                   const std::string& name) {
-  auto resolved = document.resolve(specification);
+  auto resolved = document.resolve(entry);
   if (!resolved) return resolved.error();
   const PdfDictionary* dictionary = resolved->dictionary();
   auto files = dictionary ? member(document, *dictionary, "EF") : zu::Result<PdfObject>(PdfObject{});
