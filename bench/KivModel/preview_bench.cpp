@@ -112,14 +112,14 @@ void list(const fs::path& folder) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::vector<std::string> args(argv + 1, argv + argc);
-  if (args.size() < 2) {
+  if (argc < 3) {
     std::cerr << "usage: preview_bench photo|peak|video|list <file or folder> [runs]\n";
     return 2;
   }
-  const testing_support::ScopedApplicationData data;
-  const int runs = args.size() > 2 ? std::stoi(args[2]) : 5;
   try {
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    const testing_support::ScopedApplicationData data;
+    const int runs = args.size() > 2 ? std::stoi(args[2]) : 5;
     if (args[0] == "photo") {
       photo(args[1], runs);
     } else if (args[0] == "peak") {

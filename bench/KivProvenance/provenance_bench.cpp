@@ -18,7 +18,7 @@
 #include "KivSDK/Provenance/ProvenanceVerifier.hpp"
 #include "ProcessFigures.hpp"
 #include "ZuFileManager/ZuFileManager.hpp"
-#include "ZuFoundation/detail/Posix.hpp"
+#include "ZuFoundation/internal/Posix.hpp"
 
 namespace {
 

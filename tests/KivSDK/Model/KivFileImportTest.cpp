@@ -135,11 +135,13 @@ TEST_F(KivFileImport, AMoveTakesTheFileItselfButNeverOutOfTheMediaFolder) {
 TEST_F(KivFileImport, ConcurrentImportsOfOneCaptureTimeEachGetANameOfTheirOwn) {
   constexpr int kPerThread = 25;
   std::vector<zu::URL> sources;
+  sources.reserve(std::size_t{2} * kPerThread);
   for (int i = 0; i < 2 * kPerThread; ++i)
     sources.push_back(capture(std::to_string(i) + ".jpg", std::to_string(i)));
   std::vector<std::vector<KivFile>> placed(2);
   {
     std::vector<std::jthread> threads;
+    threads.reserve(2);
     for (int t = 0; t < 2; ++t) {
       threads.emplace_back([&, t] {
         // Each thread imports into a report of its own and knows nothing of the other's names.
