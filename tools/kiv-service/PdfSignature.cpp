@@ -69,7 +69,7 @@ int addAttachment(PdfUpdate& update, const PdfAttachment& attachment) {
 std::string catalogWith(const std::string& catalog, const std::vector<std::pair<std::string, int>>& files,
                         int field) {
   std::string names;
-  for (const auto& [name, spec] : files) names += pdfString(name) + " " + reference(spec) + " ";
+  for (const auto& [name, entry] : files) names += pdfString(name) + " " + reference(entry) + " ";
   return catalog.substr(0, catalog.size() - 2) + " /Names << /EmbeddedFiles << /Names [ " + names +
          "] >> >> /AcroForm << /Fields [ " + reference(field) + " ] /SigFlags 3 >> >>";
 }
