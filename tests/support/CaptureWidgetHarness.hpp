@@ -10,8 +10,8 @@
 #include <set>
 #include <string>
 
-#include "support/CaptureTestSupport.hpp"
 #include "KivMediaCaptureAndPlayViewController/qt/KivMediaCaptureAndPlayWidget.hpp"
+#include "support/CaptureTestSupport.hpp"
 #include "support/TemporaryDirectory.hpp"
 
 namespace testing_support {
