@@ -60,28 +60,14 @@ void bindServiceRoutes(py::module_& module) {
       },
       py::kw_only(), py::arg("callback") = py::none(),
       "Registers the device key with the service for the application token; answers its key id.");
-  module.def(
-      "send_statements",
-      [](const KivReport& report, const py::object& callback) {
-        return complete([&](auto done) { KivProvenance::sendStatements(report, std::move(done)); }, callback);
-      },
-      py::arg("report"), py::kw_only(), py::arg("callback") = py::none(),
-      "Sends the statements of the report's files (after `send`, before the uploads); answers every "
-      "StatementReceipt the service holds for the report.");
-  module.def(
-      "fetch_manifest",
-      [](const KivReport& report, const py::object& callback) {
-        return complete([&](auto done) { KivProvenance::fetchManifest(report, std::move(done)); }, callback);
-      },
-      py::arg("report"), py::kw_only(), py::arg("callback") = py::none(),
-      "The confirmed report's signed manifest, a compact JWS.");
-  module.def(
-      "fetch_timestamp",
-      [](const KivReport& report, const py::object& callback) {
-        return complete([&](auto done) { KivProvenance::fetchTimestamp(report, std::move(done)); }, callback);
-      },
-      py::arg("report"), py::kw_only(), py::arg("callback") = py::none(),
-      "The RFC 3161 time-stamp response (DER bytes) over the report's manifest.");
+  bindReportOperation(
+      module, "send_statements", &KivProvenance::sendStatements,
+      "Sends the statements of the report's files (after `send`, before the uploads); answers "
+      "every StatementReceipt the service holds for the report.");
+  bindReportOperation(module, "fetch_manifest", &KivProvenance::fetchManifest,
+                      "The confirmed report's signed manifest, a compact JWS.");
+  bindReportOperation(module, "fetch_timestamp", &KivProvenance::fetchTimestamp,
+                      "The RFC 3161 time-stamp response (DER bytes) over the report's manifest.");
   module.def(
       "fetch_certificates",
       [](const py::object& callback) {

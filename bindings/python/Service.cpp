@@ -55,20 +55,11 @@ void bindReportOperations(py::module_& module) {
       },
       py::arg("report"), py::arg("language") = "en", py::kw_only(), py::arg("callback") = py::none(),
       "Creates the report on the service, or replaces it once it has a slug; answers the service's copy.");
-  module.def(
-      "update",
-      [](const KivReport& report, const py::object& callback) {
-        return complete([&](auto done) { KivAPI::update(report, std::move(done)); }, callback);
-      },
-      py::arg("report"), py::kw_only(), py::arg("callback") = py::none(),
-      "Fetches the report's proof status; answers a copy with it. Needs a slug.");
-  module.def(
-      "force_status_update",
-      [](const KivReport& report, const py::object& callback) {
-        return complete([&](auto done) { KivAPI::forceStatusUpdate(report, std::move(done)); }, callback);
-      },
-      py::arg("report"), py::kw_only(), py::arg("callback") = py::none(),
-      "Has the service check the report's content again; answers a copy with its status. Needs a slug.");
+  bindReportOperation(module, "update", &KivAPI::update,
+                      "Fetches the report's proof status; answers a copy with it. Needs a slug.");
+  bindReportOperation(module, "force_status_update", &KivAPI::forceStatusUpdate,
+                      "Has the service check the report's content again; answers a copy with its status. "
+                      "Needs a slug.");
   module.def(
       "generate_pdf",
       [](const KivReport& report, const std::string& language, const py::object& callback) {
