@@ -72,13 +72,15 @@ void bindErrors(py::module_& module) {
   kivError.attr("domain") = "";
   kivError.attr("code") = 0;
   kivErrorClass = kivError.ptr();
-  py::register_exception_translator([](std::exception_ptr raised) {
-    try {
-      if (raised) std::rethrow_exception(raised);
-    } catch (const SdkError& failure) {
-      PyErr_SetObject(kivErrorClass, errorObject(failure.error()).ptr());
-    }
-  });
+  // pybind11's translators take the pointer by value.
+  py::register_exception_translator(
+      [](std::exception_ptr raised) {  // NOLINT(performance-unnecessary-value-param)
+        try {
+          if (raised) std::rethrow_exception(raised);
+        } catch (const SdkError& failure) {
+          PyErr_SetObject(kivErrorClass, errorObject(failure.error()).ptr());
+        }
+      });
 }
 
 py::object errorObject(const zu::Error& error) {

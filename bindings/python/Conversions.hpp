@@ -150,29 +150,31 @@ inline py::object optionalToPython(const std::optional<zu::Data>& bytes) {
  * Without `callback` the call blocks, the GIL released, until the completion comes, and answers its value
  * or raises its error. With one, it returns at once and `callback(value, error)` runs later on the SDK's
  * thread (or before the return, when the operation fails at once), `error` a `KivError` or None.
+ *
+ * `start` runs under the GIL: the records it reads belong to Python objects, which other Python threads may
+ * change. It only sets the operation going, so it holds the GIL for no time.
  */
 template <class Start>
 py::object complete(const Start& start, const py::object& callback) {
   if (callback.is_none()) {
     auto answered = std::make_shared<std::promise<py::object>>();
     std::future<py::object> answer = answered->get_future();
+    start([answered](auto value, std::optional<zu::Error> error) {
+      if (error) return answered->set_exception(std::make_exception_ptr(SdkError(*error)));
+      py::gil_scoped_acquire gil;
+      try {
+        answered->set_value(optionalToPython(value));
+      } catch (...) {
+        answered->set_exception(std::current_exception());
+      }
+    });
     {
       py::gil_scoped_release release;
-      start([answered](auto value, std::optional<zu::Error> error) {
-        if (error) return answered->set_exception(std::make_exception_ptr(SdkError(*error)));
-        py::gil_scoped_acquire gil;
-        try {
-          answered->set_value(optionalToPython(value));
-        } catch (...) {
-          answered->set_exception(std::current_exception());
-        }
-      });
       answer.wait();
     }
     return answer.get();
   }
   HeldObject function(callableOrNone(callback, "callback"));
-  py::gil_scoped_release release;
   start([function](auto value, std::optional<zu::Error> error) {
     reportingFailures("kivsdk completion", [&] {
       function.get()(optionalToPython(value), error ? errorObject(*error) : py::none());

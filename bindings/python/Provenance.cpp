@@ -27,7 +27,7 @@ void bindSigning(py::module_& module) {
       "The device key's id (hexadecimal SHA-256 of its public key); the key is made on first use.");
   module.def(
       "sign_statements",
-      [](const KivReport& report, const std::vector<kiv::KivFile>& files) {
+      [](KivReport report, const std::vector<kiv::KivFile>& files) {  // copies: read without the GIL
         py::gil_scoped_release release;
         return valueOrRaise(KivProvenance::signStatements(report, files));
       },
@@ -36,7 +36,7 @@ void bindSigning(py::module_& module) {
       "statements; answers every statement of the report, by file name.");
   module.def(
       "import_signed_media_file",
-      [](const std::string& path, const KivReport& report, const std::vector<KivReport>& reports, bool move,
+      [](const std::string& path, KivReport report, const std::vector<KivReport>& reports, bool move,
          std::optional<zu::Date> dateTaken) {
         py::gil_scoped_release release;
         return valueOrRaise(KivProvenance::importSignedMediaFile(zu::URL::fileURLWithPath(path), report,

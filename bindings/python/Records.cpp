@@ -78,8 +78,13 @@ void bindRecordBasics(py::class_<Record>& record) {
           "The service's JSON object for this record.")
       .def_static("from_api_response", &fromResponse<Record>, py::arg("response"),
                   "A record read from the service's JSON object (a dict); None when it is not one.")
-      .def("with_calculated_hash", &Record::withCalculatedHash, py::call_guard<py::gil_scoped_release>(),
-           "A copy carrying the SHA-256 of its content (a report: of its files and of their digests).")
+      .def(
+          "with_calculated_hash",
+          [](Record self) {  // a copy, which other Python threads cannot change while it is read
+            py::gil_scoped_release release;
+            return self.withCalculatedHash();
+          },
+          "A copy carrying the SHA-256 of its content (a report: of its files and of their digests).")
       .def("is_identical_for_ui", &Record::isIdenticalForUI, py::arg("to"))
       .def("merge", &Record::merge, py::arg("with_"),
            "This (local) record updated with `with_`, the newer copy (typically the service's answer).")
@@ -214,6 +219,7 @@ void bindNewsletterRecords(py::module_& module) {
       .def_readwrite("mailing_lists", &kiv::KivUserProperties::mailingLists);
 }
 
+// Takes copies of the records, which other Python threads cannot change while they are read.
 zu::Result<kiv::KivFile> importMedia(const std::string& path, const KivReport& report,
                                      const std::vector<KivReport>& reports, bool move,
                                      std::optional<zu::Date> dateTaken) {
@@ -248,7 +254,7 @@ void bindStore(py::module_& module) {
       "Raises KivError when `name` cannot name a new report beside `reports`.");
   module.def(
       "import_media_file",
-      [](const std::string& path, const KivReport& report, const std::vector<KivReport>& reports, bool move,
+      [](const std::string& path, KivReport report, const std::vector<KivReport>& reports, bool move,
          std::optional<zu::Date> dateTaken) {
         return valueOrRaise(importMedia(path, report, reports, move, dateTaken));
       },

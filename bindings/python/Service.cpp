@@ -126,17 +126,17 @@ py::object certify(const KivReport& report, const std::string& language, double 
   if (callback.is_none()) {
     auto finished = std::make_shared<std::promise<KivCertification::Outcome>>();
     std::future<KivCertification::Outcome> outcome = finished->get_future();
+    // The flow copies the report before it returns, under the GIL; only the wait is without it.
+    KivCertification::certify(report, std::move(options), [finished](KivCertification::Outcome done) {
+      finished->set_value(std::move(done));
+    });
     {
       py::gil_scoped_release release;
-      KivCertification::certify(report, std::move(options), [finished](KivCertification::Outcome done) {
-        finished->set_value(std::move(done));
-      });
       outcome.wait();
     }
     return py::cast(outcome.get());
   }
   HeldObject function(callableOrNone(callback, "callback"));
-  py::gil_scoped_release release;
   KivCertification::certify(report, std::move(options), [function](KivCertification::Outcome done) {
     reportingFailures("kivsdk completion", [&] { function.get()(std::move(done)); });
   });

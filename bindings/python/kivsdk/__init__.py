@@ -5,7 +5,8 @@ service (send, upload, status, certificate, newsletter) and offline verification
 
 Operations that talk to the service block until they are done (other Python threads run meanwhile) and
 return their answer or raise KivError; given ``callback=``, they return at once and call
-``callback(value, error)`` later, on one of the SDK's threads.
+``callback(value, error)`` later, on one of the SDK's threads. Wait for every callback before the
+interpreter exits: the SDK cannot call into an interpreter that has shut down.
 """
 
 from ._kivsdk import *  # noqa: F401,F403
