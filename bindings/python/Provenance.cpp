@@ -27,7 +27,9 @@ void bindSigning(py::module_& module) {
       "The device key's id (hexadecimal SHA-256 of its public key); the key is made on first use.");
   module.def(
       "sign_statements",
-      [](KivReport report, const std::vector<kiv::KivFile>& files) {  // copies: read without the GIL
+      // The records are copies, read without the GIL while other Python threads may change the originals.
+      [](KivReport report,  // NOLINT(performance-unnecessary-value-param)
+         const std::vector<kiv::KivFile>& files) {
         py::gil_scoped_release release;
         return valueOrRaise(KivProvenance::signStatements(report, files));
       },
@@ -36,8 +38,8 @@ void bindSigning(py::module_& module) {
       "statements; answers every statement of the report, by file name.");
   module.def(
       "import_signed_media_file",
-      [](const std::string& path, KivReport report, const std::vector<KivReport>& reports, bool move,
-         std::optional<zu::Date> dateTaken) {
+      [](const std::string& path, KivReport report,  // NOLINT(performance-unnecessary-value-param): as above
+         const std::vector<KivReport>& reports, bool move, std::optional<zu::Date> dateTaken) {
         py::gil_scoped_release release;
         return valueOrRaise(KivProvenance::importSignedMediaFile(zu::URL::fileURLWithPath(path), report,
                                                                  reports, {move, dateTaken}));

@@ -219,14 +219,6 @@ void bindNewsletterRecords(py::module_& module) {
       .def_readwrite("mailing_lists", &kiv::KivUserProperties::mailingLists);
 }
 
-// Takes copies of the records, which other Python threads cannot change while they are read.
-zu::Result<kiv::KivFile> importMedia(const std::string& path, const KivReport& report,
-                                     const std::vector<KivReport>& reports, bool move,
-                                     std::optional<zu::Date> dateTaken) {
-  py::gil_scoped_release release;
-  return kiv::importMediaFile(zu::URL::fileURLWithPath(path), report, reports, {move, dateTaken});
-}
-
 void bindStore(py::module_& module) {
   module.def(
       "set_data_directory", &zu::ZuFileManager::setApplicationDataDirectory, py::arg("path"),
@@ -254,9 +246,12 @@ void bindStore(py::module_& module) {
       "Raises KivError when `name` cannot name a new report beside `reports`.");
   module.def(
       "import_media_file",
-      [](const std::string& path, KivReport report, const std::vector<KivReport>& reports, bool move,
-         std::optional<zu::Date> dateTaken) {
-        return valueOrRaise(importMedia(path, report, reports, move, dateTaken));
+      // The report is a copy, read without the GIL while other Python threads may change the original.
+      [](const std::string& path, KivReport report,  // NOLINT(performance-unnecessary-value-param)
+         const std::vector<KivReport>& reports, bool move, std::optional<zu::Date> dateTaken) {
+        py::gil_scoped_release release;
+        return valueOrRaise(
+            kiv::importMediaFile(zu::URL::fileURLWithPath(path), report, reports, {move, dateTaken}));
       },
       py::arg("path"), py::arg("report"), py::arg("reports"), py::kw_only(), py::arg("move") = false,
       py::arg("date_taken") = py::none(),
