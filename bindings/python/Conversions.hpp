@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "AnyCodable/AnyCodable.hpp"
@@ -97,7 +98,7 @@ Value valueOrRaise(zu::Result<Value> result) {
 py::object toPython(const zu::AnyCodable& value);
 /// Plain Python values as a JSON value of the SDK; ValueError when they have no JSON form.
 zu::AnyCodable fromPython(const py::handle& value);
-/// A Python dict with text keys as the SDK's dictionary; ValueError when it is not one.
+/// A Python dict as the SDK's dictionary: TypeError for anything else, ValueError without a JSON form.
 zu::AnyCodable::Dictionary dictionaryFromPython(const py::handle& value);
 
 /// A Python object that SDK threads may hold, copy and drop: its last reference goes under the GIL.
@@ -105,7 +106,6 @@ class HeldObject {
  public:
   /// Wraps `object`; the caller holds the GIL.
   explicit HeldObject(py::object object);
-  bool isNone() const { return object_->is_none(); }
   const py::object& get() const { return *object_; }
 
  private:
