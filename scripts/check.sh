@@ -8,7 +8,8 @@
 #   bench     builds the benchmarks with the bench preset, as their run scripts do (the test build compiles
 #             them too, so that CI sees them build)
 #   fuzz      builds the fuzz targets with libFuzzer (fuzz preset) and replays their corpora
-# Usage: scripts/check.sh [stage...]   (no stage: format tidy asan tsan fuzz, in this order)
+#   docs      the API reference (Doxygen over the installed public headers, target docs); a warning fails it
+# Usage: scripts/check.sh [stage...]   (no stage: format docs tidy asan tsan fuzz, in this order)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 jobs=$(nproc)
@@ -111,6 +112,12 @@ check_bench() {
   cmake --build --preset bench --parallel "$jobs"
 }
 
+# On the test build's configuration, which CI has made by then.
+check_docs() {
+  cmake --preset asan >/dev/null
+  cmake --build --preset asan --target docs
+}
+
 check_fuzz() {
   cmake --preset fuzz
   cmake --build --preset fuzz --parallel "$jobs"
@@ -118,7 +125,7 @@ check_fuzz() {
 }
 
 stages=("$@")
-[ ${#stages[@]} -gt 0 ] || stages=(format tidy asan tsan fuzz)
+[ ${#stages[@]} -gt 0 ] || stages=(format docs tidy asan tsan fuzz)
 for stage in "${stages[@]}"; do
   declare -F "check_$stage" >/dev/null || { echo "unknown stage: $stage" >&2; exit 2; }
   "check_$stage"

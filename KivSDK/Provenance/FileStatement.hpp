@@ -16,7 +16,7 @@ namespace kiv {
 /**
  * What a device states about a file it took in: the file's name on the wire ("name.ext"), its SHA-256, when
  * it was taken, which key signs, and when. Its signed form is a compact JWS (header
- * {"alg":"EdDSA","kid":<key id>,"typ":"kiv-file-statement"}, the fields below as canonical JSON payload).
+ * `{"alg":"EdDSA","kid":"<key id>","typ":"kiv-file-statement"}`, the fields below as canonical JSON payload).
  *
  * @code
  * auto jws = kiv::FileStatement::about(file, signer->keyId(), zu::Date::now())->sign(*signer);

@@ -36,7 +36,11 @@ class UUID {
 
 }  // namespace zu
 
+// UUIDs key unordered containers. Left out of the API reference, where Doxygen cannot place a
+// specialisation declared outside its namespace.
+/// @cond
 template <>
 struct std::hash<zu::UUID> {
   std::size_t operator()(const zu::UUID& uuid) const noexcept;
 };
+/// @endcond
