@@ -9,6 +9,7 @@
 
 #include "KivSDK/API/KivCertification.hpp"
 #include "KivSDK/Provenance/ProvenanceError.hpp"
+#include "KivSDK/Provenance/detail/CanonicalJSON.hpp"
 #include "ZuNetworking/ZuError.hpp"
 
 namespace kiv::detail::capi {
@@ -37,34 +38,6 @@ std::unique_ptr<CError> internalError(const std::string& message) {
 // The calling thread's last error. Replaced whole on each failure, so a message handed out earlier stays
 // valid until then.
 thread_local std::unique_ptr<CError> lastError;
-
-// The length of the UTF-8 sequence that `lead` starts, 0 for a byte that cannot start one.
-int sequenceLength(unsigned char lead) {
-  if (lead < 0x80) return 1;
-  if (lead >= 0xC2 && lead <= 0xDF) return 2;
-  if (lead >= 0xE0 && lead <= 0xEF) return 3;
-  if (lead >= 0xF0 && lead <= 0xF4) return 4;
-  return 0;
-}
-
-// Whether `text` is well-formed UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF.
-bool isUtf8(std::string_view text) {
-  for (std::size_t at = 0; at < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[at]);
-    const int length = sequenceLength(lead);
-    if (length == 0 || at + length > text.size()) return false;
-    for (int next = 1; next < length; ++next) {
-      if ((static_cast<unsigned char>(text[at + next]) & 0xC0) != 0x80) return false;
-    }
-    const auto second = length > 1 ? static_cast<unsigned char>(text[at + 1]) : 0x80;
-    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
-        (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F)) {
-      return false;
-    }
-    at += length;
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -120,7 +93,7 @@ kiv_status failWithCurrentError() {
 std::string utf8(const char* text, const char* what) {
   if (text == nullptr) throw ArgumentError(std::string(what) + " is NULL");
   std::string value(text);
-  if (!isUtf8(value)) throw ArgumentError(std::string(what) + " is not valid UTF-8");
+  if (!isUTF8(value)) throw ArgumentError(std::string(what) + " is not valid UTF-8");
   return value;
 }
 
