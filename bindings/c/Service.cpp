@@ -79,7 +79,7 @@ kiv_status startOperation(Callback completion, void* userData, Start&& start) no
 
 template <class Record, class Handle, class Callback>
 auto recordAnswer(Once<Callback> done) {
-  return [done](std::optional<Record> record, std::optional<zu::Error> error) {
+  return [done](std::optional<Record> record, const std::optional<zu::Error>& error) {
     answerOnce(done, [&] {
       if (!record) return fail(done, errorOf(error).get());
       const Handle lent{std::move(*record)};
@@ -212,8 +212,8 @@ kiv_status kiv_certify(const kiv_report* report, const char* language, int timeo
 kiv_status kiv_send_statements(const kiv_report* report, kiv_done_callback completion, void* user_data) {
   return startOperation(completion, user_data, [&](const Once<kiv_done_callback>& done) {
     kiv::KivProvenance::sendStatements(valueOf(report),
-                                       [done](auto receipts, std::optional<zu::Error> error) {
-                                         successAnswer(done)(receipts.has_value(), std::move(error));
+                                       [done](const auto& receipts, const std::optional<zu::Error>& error) {
+                                         successAnswer(done)(receipts.has_value(), error);
                                        });
   });
 }
