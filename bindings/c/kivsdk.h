@@ -35,7 +35,10 @@ typedef enum kiv_status {
   KIV_OK = 0,
   /** A NULL handle or string, text that is not UTF-8, an index out of range, an unusable value. */
   KIV_ERROR_ARGUMENT = 1,
-  /** A file or folder could not be read or written (domain "NSPOSIXErrorDomain", code errno). */
+  /**
+   * An error of domain "NSPOSIXErrorDomain", code errno: a file or folder that cannot be read or written, or
+   * a name, file or report the SDK refuses (EINVAL, EEXIST) or cannot find (ENOENT).
+   */
   KIV_ERROR_FILE = 2,
   /** The service could not be reached (domain "NSURLErrorDomain"). */
   KIV_ERROR_NETWORK = 3,
@@ -141,7 +144,7 @@ typedef enum kiv_proof_status {
 
 /**
  * A new report with a fresh id, created now, without files. Its name is also its certificate's file name, so
- * it must be one plain file name.
+ * it must be one plain file name (else KIV_ERROR_FILE, EINVAL); see also `kiv_report_list_check_new_name`.
  */
 kiv_status kiv_report_new(const char* name, kiv_report** report);
 kiv_status kiv_report_copy(const kiv_report* report, kiv_report** copy);
