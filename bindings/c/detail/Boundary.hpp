@@ -127,7 +127,8 @@ kiv_status guarded(Body&& body) noexcept {
 /// Builds a new handle of type `Handle` holding `value` in the caller's `*out`.
 template <class Handle, class Value>
 void giveHandle(Handle** out, Value&& value, const char* what) {
-  deref(out, what) = new Handle{std::forward<Value>(value)};
+  Handle*& slot = deref(out, what);  // checked first: a handle made for no place would leak
+  slot = new Handle{std::forward<Value>(value)};
 }
 
 }  // namespace kiv::detail::capi
