@@ -4,9 +4,12 @@
 # chosen at install time (cmake --install --prefix).
 include(CMakePackageConfigHelpers)
 
+# Everything below belongs to the development package (see KivPackaging.cmake); the tools name their own.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
+
 set(KIV_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KivSDK)
 
-set(KIV_INSTALLED_TARGETS ZuSharedLibaries KivSDK)
+set(KIV_INSTALLED_TARGETS ZuSharedLibaries KivSDK kivsdk)
 if(TARGET ZuGStreamer)
   list(APPEND KIV_INSTALLED_TARGETS ZuGStreamer)
 endif()
@@ -38,3 +41,8 @@ if(KIV_BUILD_PREVIEWS)
 endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/kivsdk.pc.in ${PROJECT_BINARY_DIR}/kivsdk.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/kivsdk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The shared library (libkivsdk.so: the C interface and the C++ API, its dependencies linked in) needs no
+# Requires: pkg-config kivsdk-shared serves C and C++ hosts alike.
+configure_file(${CMAKE_CURRENT_LIST_DIR}/kivsdk-shared.pc.in ${PROJECT_BINARY_DIR}/kivsdk-shared.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kivsdk-shared.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

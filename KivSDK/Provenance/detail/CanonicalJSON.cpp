@@ -25,27 +25,6 @@ std::size_t sequenceLength(unsigned char lead) {
   return 0;
 }
 
-// Well-formed UTF-8 (RFC 3629): no overlong forms, no surrogates, nothing past U+10FFFF.
-bool isUTF8(std::string_view text) {
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    const std::size_t length = sequenceLength(lead);
-    if (length == 0 || i + length > text.size()) return false;
-    for (std::size_t k = 1; k < length; ++k) {
-      if ((static_cast<unsigned char>(text[i + k]) & 0xc0) != 0x80) return false;
-    }
-    if (length > 1) {
-      const auto second = static_cast<unsigned char>(text[i + 1]);
-      if ((lead == 0xe0 && second < 0xa0) || (lead == 0xed && second > 0x9f) ||
-          (lead == 0xf0 && second < 0x90) || (lead == 0xf4 && second > 0x8f)) {
-        return false;
-      }
-    }
-    i += length;
-  }
-  return true;
-}
-
 void appendString(std::string& out, std::string_view text) {
   static constexpr char kHex[] = "0123456789abcdef";
   out.push_back('"');
@@ -137,6 +116,26 @@ zu::Result<void> append(std::string& out, const zu::AnyCodable& value) {
 }
 
 }  // namespace
+
+bool isUTF8(std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    const std::size_t length = sequenceLength(lead);
+    if (length == 0 || i + length > text.size()) return false;
+    for (std::size_t k = 1; k < length; ++k) {
+      if ((static_cast<unsigned char>(text[i + k]) & 0xc0) != 0x80) return false;
+    }
+    if (length > 1) {
+      const auto second = static_cast<unsigned char>(text[i + 1]);
+      if ((lead == 0xe0 && second < 0xa0) || (lead == 0xed && second > 0x9f) ||
+          (lead == 0xf0 && second < 0x90) || (lead == 0xf4 && second > 0x8f)) {
+        return false;
+      }
+    }
+    i += length;
+  }
+  return true;
+}
 
 zu::Result<std::string> canonicalJSON(const zu::AnyCodable& value) {
   std::string text;

@@ -14,6 +14,9 @@ namespace kiv::detail {
 /// The canonical text of `value`; fails (`ProvenanceError::malformed`) for a value outside the subset.
 zu::Result<std::string> canonicalJSON(const zu::AnyCodable& value);
 
+/// Whether `text` is well-formed UTF-8 (RFC 3629): no overlong forms, no surrogates, nothing past U+10FFFF.
+bool isUTF8(std::string_view text);
+
 /// The object that `text` holds; fails unless `text` is JSON, an object, and exactly its own canonical text.
 zu::Result<zu::AnyCodable::Dictionary> readCanonicalObject(std::string_view text);
 
