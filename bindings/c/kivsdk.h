@@ -75,8 +75,9 @@ void kiv_string_free(char* text);
 
 /**
  * Makes `path` the folder of the application's data: the report store, the media folder ("Documents/Kiv/"),
- * the certificates ("Documents/PDFs/") and the device key. NULL restores the default, $XDG_DATA_HOME/<program
- * name> (~/.local/share/<program name> when XDG_DATA_HOME is unset). Call it before anything else.
+ * the certificates ("Documents/PDFs/") and the device key. NULL restores the default folder,
+ * `$XDG_DATA_HOME/<program name>` (`~/.local/share/<program name>` when XDG_DATA_HOME is unset). Call it
+ * before anything else.
  */
 kiv_status kiv_set_application_data_directory(const char* path);
 
