@@ -5,7 +5,7 @@
  *
  * Usage: evidence_flow BASE_URL CA_FILE TOKEN DATA_FOLDER PHOTO
  */
-#define _POSIX_C_SOURCE 200809L /* clock_gettime, nanosleep */
+#define _POSIX_C_SOURCE 200809L /* clock_gettime */
 
 #include <pthread.h>
 #include <stdio.h>
@@ -149,19 +149,14 @@ static int verify_offline(const kiv_report* report, const char* ca_file, const c
   return passed && count > 0;
 }
 
-/* Asks for the status until the service has checked the content: confirmed, or not. */
-static kiv_proof_status await_confirmation(kiv_report** report, outcome* o) {
-  kiv_proof_status status = KIV_PROOF_PENDING;
-  int attempt;
-  for (attempt = 0; attempt < 120 && status == KIV_PROOF_PENDING; ++attempt) {
-    const struct timespec second = {1, 0};
-    outcome_reset(o);
-    check(kiv_force_status_update(*report, on_report, o), "status check");
-    if (!await_outcome(o, "status check")) return KIV_PROOF_UNDEFINED;
-    take_report(report, o);
-    check(kiv_report_proof_status(*report, &status), "status");
-    if (status == KIV_PROOF_PENDING) nanosleep(&second, NULL);
-  }
+/* Asks the service to check the content it holds against the digests now: the answer is its verdict. */
+static kiv_proof_status checked_status(kiv_report** report, outcome* o) {
+  kiv_proof_status status = KIV_PROOF_UNDEFINED;
+  outcome_reset(o);
+  check(kiv_force_status_update(*report, on_report, o), "status check");
+  if (!await_outcome(o, "status check")) return KIV_PROOF_UNDEFINED;
+  take_report(report, o);
+  check(kiv_report_proof_status(*report, &status), "status");
   return status;
 }
 
@@ -207,7 +202,7 @@ int main(int argc, char** argv) {
   photo = o.file;
   o.file = NULL;
 
-  if (await_confirmation(&report, &o) != KIV_PROOF_CONFIRMED) {
+  if (checked_status(&report, &o) != KIV_PROOF_CONFIRMED) {
     fprintf(stderr, "the service did not confirm the report\n");
     return 1;
   }
