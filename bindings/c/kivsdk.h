@@ -7,7 +7,7 @@
  *   next call into the library.
  * - Handles (`kiv_report_list`, `kiv_report`, `kiv_file`, `kiv_verifier`, `kiv_verification`) are opaque and
  *   owned by the caller, who frees each with its `_free` function; the `_free` functions accept NULL. A
- * handle may be used from any thread, but not from two threads at once.
+ *   handle may be used from any thread, but not from two threads at once.
  * - Strings are UTF-8 and NUL-terminated. A string the library returns through a `char **` parameter is the
  *   caller's, freed with `kiv_string_free`. Strings the caller passes are only read during the call. A NULL
  *   handle, a NULL string where one is required and text that is not UTF-8 fail with KIV_ERROR_ARGUMENT.
@@ -16,8 +16,8 @@
  *   completion is called exactly once: on the thread each function names, or on the calling thread before
  *   the function returns when the arguments are unusable (then with the argument error, which the function
  *   also returns). The only call that calls nothing is one without completion, which returns
- *   KIV_ERROR_ARGUMENT. Handles and errors passed to
- *   a completion are lent for the duration of the call: copy what must outlive it.
+ *   KIV_ERROR_ARGUMENT. Handles and errors passed to a completion are lent for the duration of the call:
+ *   copy what must outlive it.
  */
 #ifndef KIVSDK_H
 #define KIVSDK_H
