@@ -37,13 +37,15 @@ expect "$tools" '/usr/bin/kiv'
 expect "$service" '/usr/bin/kiv-service'
 expect "$service" '/usr/lib/systemd/system/kiv-service.service'
 expect "$service" '/etc/default/kiv-service'
-if { files "$tools"; files "$dev"; } | grep -q 'kiv-service'; then fail "kiv-service outside its package"; fi
+if grep -q 'kiv-service' <<<"$(files "$tools"; files "$dev")"; then fail "kiv-service outside its package"; fi
 
 grep -q 'libcurl4-openssl-dev' <<<"$(depends "$dev")" || fail "libkivsdk-dev does not depend on curl's -dev package"
 grep -q 'libc6' <<<"$(depends "$dev")" || fail "libkivsdk-dev has no shared-library dependencies"
 grep -q 'libcurl4' <<<"$(depends "$tools")" || fail "kiv-tools has no shared-library dependencies"
 grep -q 'adduser' <<<"$(depends "$service")" || fail "kiv-service does not depend on adduser"
-dpkg-deb --ctrl-tarfile "$service" | tar -t | grep -qx './postinst' || fail "kiv-service has no postinst"
+# Lists are read whole before grep looks at them: a grep -q that stops early would break a pipe that
+# pipefail then reports as a failure.
+grep -qx './postinst' <<<"$(dpkg-deb --ctrl-tarfile "$service" | tar -t)" || fail "kiv-service has no postinst"
 grep -q '/etc/default/kiv-service' <<<"$(dpkg-deb -I "$service" conffiles)" || fail "settings are no conffile"
 
 root=$work/root
